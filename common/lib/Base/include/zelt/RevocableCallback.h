@@ -1,0 +1,58 @@
+#pragma once
+
+#include "zelt/UniqueFunction.h"
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+#include <utility>
+
+namespace zelt {
+
+// A callback that one thread calls and any thread may revoke: what an AsyncCallbackHandle closes.
+//
+// Shared by the caller and the handle. Calls are serialised. Revoke() waits for a call that is
+// running on another thread, and returns at once when it is called from inside the callback.
+template <class... Args>
+class RevocableCallback {
+ public:
+  explicit RevocableCallback(UniqueFunction<void(Args...)> callback)
+      : callback_(std::move(callback)) {}
+
+  // Calls the callback, unless it has been revoked. True if it was called.
+  bool operator()(Args... args) {
+    const std::lock_guard lock(mutex_);
+    if (revoked_.load(std::memory_order_relaxed)) {
+      return false;
+    }
+    running_on_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+    struct Reset {
+      RevocableCallback& self;
+      ~Reset() {
+        self.running_on_.store(std::thread::id(), std::memory_order_relaxed);
+        if (self.revoked_.load(std::memory_order_relaxed)) {
+          self.callback_ = nullptr;  // revoked from inside: its captures go now
+        }
+      }
+    } reset{*this};
+    callback_(std::forward<Args>(args)...);
+    return true;
+  }
+
+  void Revoke() {
+    revoked_.store(true, std::memory_order_relaxed);
+    if (running_on_.load(std::memory_order_relaxed) == std::this_thread::get_id()) {
+      return;
+    }
+    const std::lock_guard lock(mutex_);
+    callback_ = nullptr;
+  }
+
+ private:
+  std::mutex mutex_;  // held while the callback runs
+  std::atomic<std::thread::id> running_on_{std::thread::id()};
+  std::atomic<bool> revoked_{false};
+  UniqueFunction<void(Args...)> callback_;  // guarded by mutex_
+};
+
+}  // namespace zelt

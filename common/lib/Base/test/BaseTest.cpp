@@ -1,0 +1,104 @@
+#include "zelt/AsyncCallbackHandle.h"
+#include "zelt/ConcurrentQueue.h"
+#include "zelt/RevocableCallback.h"
+#include "zelt/UniqueFunction.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <latch>
+#include <memory>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace zelt {
+namespace {
+
+TEST(ConcurrentQueue, KeepsOrderOfEachProducerAndLosesNothing) {
+  constexpr int kProducers = 3;
+  constexpr int kEach = 2000;
+  ConcurrentQueue<std::pair<int, int>> queue;
+  std::vector<std::jthread> producers;
+  for (int producer = 0; producer < kProducers; ++producer) {
+    producers.emplace_back([&queue, producer] {
+      for (int i = 0; i < kEach; ++i) {
+        queue.Push({producer, i});
+      }
+    });
+  }
+  std::vector<int> next(kProducers, 0);
+  for (int i = 0; i < kProducers * kEach; ++i) {
+    const auto [producer, number] = queue.Pop();
+    ASSERT_EQ(number, next[static_cast<std::size_t>(producer)]++);
+  }
+  EXPECT_FALSE(queue.TryPop().has_value());
+}
+
+TEST(ConcurrentQueue, DestroysWhatIsStillQueuedWithoutRunningIt) {
+  auto token = std::make_shared<int>(0);
+  {
+    ConcurrentQueue<UniqueFunction<void()>> queue;
+    queue.Push([token] { ++*token; });
+    EXPECT_EQ(token.use_count(), 2);
+  }
+  EXPECT_EQ(token.use_count(), 1);
+  EXPECT_EQ(*token, 0);
+}
+
+TEST(AsyncCallbackHandle, ClosesOnceAndClosesWhatItReplaces) {
+  int first = 0;
+  int second = 0;
+  {
+    AsyncCallbackHandle handle([&first] { ++first; });
+    handle = AsyncCallbackHandle([&second] { ++second; });
+    EXPECT_EQ(first, 1);
+    AsyncCallbackHandle moved = std::move(handle);
+    EXPECT_TRUE(moved.IsOpen());
+    moved.Close();
+    moved.Close();
+    EXPECT_FALSE(moved.IsOpen());
+  }
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 1);
+}
+
+TEST(RevocableCallback, RevokeWaitsForTheRunningCallAndPreventsTheNext) {
+  std::latch entered(1);
+  std::latch release(1);
+  std::atomic<bool> finished{false};
+  RevocableCallback<> callback([&] {
+    entered.count_down();
+    release.wait();
+    finished = true;
+  });
+  std::jthread caller([&callback] { callback(); });
+  entered.wait();
+  std::atomic<bool> revoked{false};
+  std::jthread revoker([&] {
+    callback.Revoke();
+    EXPECT_TRUE(finished);
+    revoked = true;
+  });
+  EXPECT_FALSE(revoked);
+  release.count_down();
+  revoker.join();
+  EXPECT_FALSE(callback());
+}
+
+TEST(RevocableCallback, RevokedFromInsideReturnsAtOnceAndReleasesItsCaptures) {
+  auto token = std::make_shared<int>(0);
+  RevocableCallback<>* self = nullptr;
+  RevocableCallback<> callback([token, &self] {
+    ++*token;
+    self->Revoke();
+  });
+  self = &callback;
+  EXPECT_TRUE(callback());
+  EXPECT_FALSE(callback());
+  EXPECT_EQ(*token, 1);
+  EXPECT_EQ(token.use_count(), 1);
+}
+
+}  // namespace
+}  // namespace zelt

@@ -1,0 +1,29 @@
+#pragma once
+
+#include <string>
+
+namespace zelt {
+
+// What this device is. Constant after construction; any thread.
+class TargetAttributesIF {
+ public:
+  virtual ~TargetAttributesIF() = default;
+
+  // The camera model, e.g. "OTTR"; empty when unknown.
+  virtual std::string ModelAsString() const = 0;
+};
+
+// Read from the target attributes file ("KEY=VALUE" lines; MODEL). A missing file is logged and
+// leaves everything unknown.
+class TargetAttributes : public TargetAttributesIF {
+ public:
+  // `required`: throw std::runtime_error instead when the file cannot be read.
+  explicit TargetAttributes(bool required);
+
+  std::string ModelAsString() const override;
+
+ private:
+  std::string model_;
+};
+
+}  // namespace zelt

@@ -1,0 +1,17 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+namespace zelt {
+
+// The version information file: one "KEY=VALUE" a line, "#" starts a comment. VERSION and
+// BUILD_NUMBER are read.
+class VersionInfo {
+ public:
+  // "<VERSION> build <BUILD_NUMBER>", or just the version when there is no build number. A file
+  // that is missing or has no VERSION is logged and gives "unknown". Any thread.
+  static std::string GetVersionAndBuildNumberText(std::string_view path);
+};
+
+}  // namespace zelt

@@ -1,0 +1,152 @@
+#pragma once
+
+#include "orka/NotifyMessage.h"
+#include "orka/RadioMessages.h"
+#include "orka/pel.h"
+#include "orka/qrx.h"
+
+#include <gsl/span>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace zelt {
+class ServiceModel;
+}
+
+namespace orka {
+
+struct SocketSettings {
+  std::string address;     // numeric, IPv4 or IPv6
+  std::uint32_t port = 0;  // 1 to 65535
+};
+
+struct UartSettings {
+  std::string device;
+  std::uint32_t baud_rate = 0;       // bits per second, a standard rate of termios
+  std::uint32_t stop_bits = 1;       // 1 or 2
+  std::uint32_t data_bits = 8;       // 5 to 8
+  std::uint32_t parity = 0;          // 0 none, 1 odd, 2 even
+  std::uint32_t flow_control = 0;    // 0 none, 1 RTS/CTS, 2 XON/XOFF
+  std::uint32_t read_timeout = 5;    // VTIME, tenths of a second
+  bool modem_control = false;        // heed the carrier line; false sets CLOCAL
+  bool exclusive = true;             // refuse a device that another process has open
+};
+
+enum class SendResult {
+  Sent,          // queued for the wire
+  NotConnected,  // no link, or the handshake is not done
+  QueueFull,     // the radio does not take what is queued already
+  Unencodable,   // too long, or a value that has no counterpart on the radio; the log says which
+};
+
+// What the link has seen since it was created. A snapshot: the values may be a frame apart.
+struct LinkCounters {
+  std::uint64_t frames_sent = 0;
+  std::uint64_t bytes_sent = 0;  // on the wire, overhead included
+  std::uint64_t frames_received = 0;
+  std::uint64_t bytes_received = 0;
+  std::uint64_t dropped_checksum = 0;
+  std::uint64_t dropped_malformed = 0;  // truncated, bad encoding or header, body that does not parse
+  std::uint64_t dropped_too_long = 0;
+  std::uint64_t dropped_unknown_opcode = 0;
+  std::uint64_t sends_refused = 0;  // every SendResult but Sent
+};
+
+// The link to the radio: framing, handshake, keep-alive, and the translation between messages and
+// what goes over the wire.
+//
+// One object serves one radio for the life of the service. Any thread may call any operation, also
+// from inside the notification callback, unless said otherwise. Nothing throws and nothing
+// reconnects by itself:
+//
+//   stopped --Start*--> connecting --handshake--> connected
+//   connecting --refused, time-out--> HandshakeFailed, then dead
+//   connected --closed by the radio, silent for 2.5 s--> ConnectionLost, then dead
+//   any --Stop--> stopped
+//
+// A start from any state but stopped returns false.
+class RadioProtocol {
+ public:
+  using NotificationCallback = std::function<void(NotifyMessage, RadioNotificationData)>;
+
+  // `version` and `productId` are told to the radio at each handshake. Starts no thread and opens
+  // nothing. `model` may be empty in tests.
+  RadioProtocol(std::shared_ptr<zelt::ServiceModel> model, const std::string& version,
+                const std::string& productId);
+  RadioProtocol(const RadioProtocol&) = delete;
+  RadioProtocol& operator=(const RadioProtocol&) = delete;
+  virtual ~RadioProtocol();  // stops
+
+  // Start connecting; the outcome comes as HandshakeCompleted or HandshakeFailed. `linkAddress`
+  // stands in the header of every frame. `handshakeTimeout`, in seconds, covers the connection and
+  // the handshake. False when it is not stopped, when the settings make no sense, or when the
+  // device cannot be opened; the log says why.
+  virtual bool StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
+                           std::uint32_t handshakeTimeout);
+  virtual bool StartUart(const UartSettings& settings, std::uint32_t linkAddress,
+                         std::uint32_t handshakeTimeout);
+
+  // Closes the link. When it has returned, no notification is running and none will come until the
+  // next start (called from inside the callback, it returns at once). A second call does nothing.
+  virtual void Stop();
+
+  // Encodes and queues one message; never blocks. `radio_send_selector` names the part of the
+  // radio that is addressed, 0 to 65535.
+  virtual SendResult SendToRadio(const RadioOutgoingMessage& message,
+                                 std::uint32_t radio_send_selector);
+
+  // The same for one chunk of a file. `data` must hold `request.data_size` bytes.
+  virtual SendResult SendTransferData(const qrx::TransferDataRequest& request,
+                                      std::uint32_t radio_send_selector,
+                                      std::unique_ptr<std::vector<std::uint8_t>> data);
+
+  // The largest chunk that the radio takes, in bytes; 0 before the first handshake.
+  virtual std::uint16_t GetMaxTransferDataSize();
+
+  // What the next handshake tells the radio.
+  virtual void SetIdentifyAsCamera(bool identifyAsCamera);
+  virtual void SetUseTetheredConnection(bool useTetheredConnection);
+
+  virtual FileHandleRespWrapper MakeFileHandleResponse(
+      const Kova::FileHandleOpenResponse& response);
+
+  // What the radio said at the handshake about the devices attached to it; empty when there is no
+  // link.
+  virtual qrx::DeviceDescriptors GetDeviceDescriptors();
+
+  // True from the handshake until the link is lost or stopped.
+  virtual bool IsRadioConnected();
+
+  // Whom to tell; replaces the earlier callback. It runs on the radio thread, one call at a time,
+  // in the order in which things happened, and must return soon.
+  void RegisterCallback(NotificationCallback callback);
+
+  // Sends a raw radio message (opcode and body) under the given header, and waits at most 2 s for
+  // the response of the same transaction. A transaction of 0 lets the link choose; the length is
+  // always the true one. True with the response's opcode and body; true with nothing at once for a
+  // kind that is not answered; false when it was not sent or not answered. Fails at once on the
+  // radio thread. A response taken here is not notified.
+  std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(
+      gsl::span<const std::uint8_t> message, const pel::BaseMessage& header);
+
+  LinkCounters GetCounters() const;
+
+ protected:
+  // For substitutes in tests: tells the registered callback, on the calling thread.
+  void Notify(NotifyMessage kind, const RadioNotificationData& data);
+
+  // What InjectQRXMessage does.
+  virtual std::pair<bool, std::vector<std::uint8_t>> DoInject(
+      gsl::span<const std::uint8_t> message, const pel::BaseMessage& header);
+
+ private:
+  class Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace orka

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "zelt/AsyncCallbackHandle.h"
+#include "zelt/ServiceIPC.h"
+#include "zelt/ServiceState.h"
+#include "zelt/UniqueFunction.h"
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zelt {
+
+// What the platform gives to one process: its IPC, its timers, and the states of services.
+//
+// Shared by the runner, the service and the libraries it uses. Any thread may call any operation.
+class ServiceModel {
+ public:
+  using Seconds = std::chrono::duration<double>;
+
+  struct ServiceInfo {
+    std::string name;
+    service_state::State state = service_state::State::NotRunning;
+    bool answered = false;  // false: it owns its name but did not tell its state in time
+  };
+
+  virtual ~ServiceModel() = default;
+
+  // Connects to the bus (ZELT_BUS_ADDRESS, else the system bus) and owns no name: for queries and
+  // tools. Throws std::runtime_error with the address and the reason when there is no bus.
+  static std::shared_ptr<ServiceModel> Create();
+
+  // The same, as the service `name`, or as a tool when `name` is "zeltcli-" and a number. Throws
+  // std::runtime_error when the name is malformed, taken or not permitted.
+  static std::shared_ptr<ServiceModel> Create(std::string_view name);
+
+  virtual std::shared_ptr<ServiceIPC> GetServiceIPC() = 0;
+
+  // Calls `callback` on the IPC thread after `interval` on the monotonic clock, once or, when
+  // `periodic`, again and again, until the handle is closed. Equal deadlines fire in the order in
+  // which they were set. `name` is for logs only and need not be unique. The callback must return
+  // soon. An interval of zero or less fires at once.
+  virtual AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
+                                       Seconds interval, bool periodic) = 0;
+
+  // The state of any service; NotRunning when nobody owns its name. Throws std::runtime_error when
+  // the service does not answer within `timeout`, or the bus is gone.
+  virtual service_state::State GetServiceState(std::string_view service, Seconds timeout) = 0;
+
+  // Publishes this service's own state. Does nothing for a model that owns no name.
+  virtual void SetMyServiceState(service_state::State state) = 0;
+
+  // Calls `callback` on the IPC thread with the state of `service`: once soon, then on every change.
+  virtual AsyncCallbackHandle WatchServiceState(
+      std::string_view service, UniqueFunction<void(service_state::State)> callback) = 0;
+
+  // Every service and tool on the bus, by name. Waits for each state no longer than `timeout`.
+  virtual std::vector<ServiceInfo> ListServices(Seconds timeout) = 0;
+};
+
+}  // namespace zelt

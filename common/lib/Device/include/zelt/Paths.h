@@ -11,11 +11,11 @@ namespace zelt {
 // `absolute` under ZELT_ROOT: "/etc/x" becomes "<ZELT_ROOT>/etc/x".
 std::string PathUnderRoot(std::string_view absolute);
 
-std::string VersionInfoFile();                        // /etc/zelt/version
-std::string TargetAttributesFile();                   // /etc/zelt/target-attributes
-std::string EnableCollaborationTestKeyConfigFile();   // /var/lib/zelt/collaboration_test_key
-std::string DoIgnoreDockForStandardCableFile();       // /etc/zelt/do_ignore_dock_for_standard_cable
-std::string ConfigFile();                             // /etc/zelt/config.toml
-std::string ConfigSharedMemoryFile();                 // /dev/shm/zelt-config
+std::string VersionInfoFile();                       // /etc/zelt/version
+std::string TargetAttributesFile();                  // /etc/zelt/target-attributes
+std::string EnableCollaborationTestKeyConfigFile();  // /var/lib/zelt/collaboration_test_key
+std::string DoIgnoreDockForStandardCableFile();      // /etc/zelt/do_ignore_dock_for_standard_cable
+std::string ConfigFile();                            // /etc/zelt/config.toml
+std::string ConfigSharedMemoryFile();                // /dev/shm/zelt-config
 
 }  // namespace zelt

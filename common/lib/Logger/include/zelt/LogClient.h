@@ -78,9 +78,9 @@ void SetLogIdentifier(std::string identifier);
 }  // namespace zelt
 
 // Streams into one log line if its level is enabled; else evaluates nothing.
-#define ZELT_LOG_AS(function, level, category)      \
+#define ZELT_LOG_AS(function, level, category)     \
   if (!::zelt::LogClient::LevelIsEnabled(level)) { \
-  } else                                            \
+  } else                                           \
     ::zelt::LogClient(__FILE__, function, __LINE__, level, category)
 
 #define ZELT_LOG(level, category) ZELT_LOG_AS(__func__, level, category)

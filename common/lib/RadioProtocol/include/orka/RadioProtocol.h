@@ -27,14 +27,14 @@ struct SocketSettings {
 
 struct UartSettings {
   std::string device;
-  std::uint32_t baud_rate = 0;       // bits per second, a standard rate of termios
-  std::uint32_t stop_bits = 1;       // 1 or 2
-  std::uint32_t data_bits = 8;       // 5 to 8
-  std::uint32_t parity = 0;          // 0 none, 1 odd, 2 even
-  std::uint32_t flow_control = 0;    // 0 none, 1 RTS/CTS, 2 XON/XOFF
-  std::uint32_t read_timeout = 5;    // VTIME, tenths of a second
-  bool modem_control = false;        // heed the carrier line; false sets CLOCAL
-  bool exclusive = true;             // refuse a device that another process has open
+  std::uint32_t baud_rate = 0;     // bits per second, a standard rate of termios
+  std::uint32_t stop_bits = 1;     // 1 or 2
+  std::uint32_t data_bits = 8;     // 5 to 8
+  std::uint32_t parity = 0;        // 0 none, 1 odd, 2 even
+  std::uint32_t flow_control = 0;  // 0 none, 1 RTS/CTS, 2 XON/XOFF
+  std::uint32_t read_timeout = 5;  // VTIME, tenths of a second
+  bool modem_control = false;      // heed the carrier line; false sets CLOCAL
+  bool exclusive = true;           // refuse a device that another process has open
 };
 
 enum class SendResult {
@@ -51,7 +51,8 @@ struct LinkCounters {
   std::uint64_t frames_received = 0;
   std::uint64_t bytes_received = 0;
   std::uint64_t dropped_checksum = 0;
-  std::uint64_t dropped_malformed = 0;  // truncated, bad encoding or header, body that does not parse
+  std::uint64_t dropped_malformed =
+      0;  // truncated, bad encoding or header, body that does not parse
   std::uint64_t dropped_too_long = 0;
   std::uint64_t dropped_unknown_opcode = 0;
   std::uint64_t sends_refused = 0;  // every SendResult but Sent
@@ -131,8 +132,8 @@ class RadioProtocol {
   // always the true one. True with the response's opcode and body; true with nothing at once for a
   // kind that is not answered; false when it was not sent or not answered. Fails at once on the
   // radio thread. A response taken here is not notified.
-  std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(
-      gsl::span<const std::uint8_t> message, const pel::BaseMessage& header);
+  std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(gsl::span<const std::uint8_t> message,
+                                                              const pel::BaseMessage& header);
 
   LinkCounters GetCounters() const;
 
@@ -141,8 +142,8 @@ class RadioProtocol {
   void Notify(NotifyMessage kind, const RadioNotificationData& data);
 
   // What InjectQRXMessage does.
-  virtual std::pair<bool, std::vector<std::uint8_t>> DoInject(
-      gsl::span<const std::uint8_t> message, const pel::BaseMessage& header);
+  virtual std::pair<bool, std::vector<std::uint8_t>> DoInject(gsl::span<const std::uint8_t> message,
+                                                              const pel::BaseMessage& header);
 
  private:
   class Impl;

@@ -52,7 +52,8 @@ class ServiceModel {
   // Publishes this service's own state. Does nothing for a model that owns no name.
   virtual void SetMyServiceState(service_state::State state) = 0;
 
-  // Calls `callback` on the IPC thread with the state of `service`: once soon, then on every change.
+  // Calls `callback` on the IPC thread with the state of `service`: once soon, then on every
+  // change.
   virtual AsyncCallbackHandle WatchServiceState(
       std::string_view service, UniqueFunction<void(service_state::State)> callback) = 0;
 

@@ -1,0 +1,311 @@
+#pragma once
+
+#include "FirmwareTransfer.h"
+#include "RtConnectionState.h"
+
+#include "orka/RadioProtocol.h"
+#include "zelt/AsyncCallbackHandle.h"
+#include "zelt/ConcurrentQueue.h"
+#include "zelt/ConfigReaderIF.h"
+#include "zelt/ServiceIPC.h"
+#include "zelt/ServiceModel.h"
+#include "zelt/TargetAttributes.h"
+#include "zelt/UniqueFunction.h"
+
+#include "Collaboration.pb.h"
+#include "Kova.pb.h"
+#include "MediaStreamNotification.pb.h"
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace zelt {
+
+// The protobuf full name of T, which is its registration key and its topic.
+template <class T>
+const std::string& TypeName() {
+  static const std::string name = T().GetTypeName();
+  return name;
+}
+
+// All state of the service, and every handler.
+//
+// The IPC threads, the timers and the radio thread only push tasks onto the queue; the service
+// thread, which drains it, is the only one that runs handlers and touches the state below, so none
+// of it is locked. Exceptions: the queue itself, the connection status (atomic, since the thread
+// that stops the service writes it too), and the socket settings (written under their own mutex).
+//
+// Where the 51 messages go stands in KovaContextCatalogue.cpp, where the 56 notifications go in
+// KovaContextDispatch.cpp.
+class KovaContext {
+ public:
+  using MessageEnvelope = ServiceIPC::MessageEnvelope;
+
+  // `configReader` may be empty: the real one is then made when it is first needed.
+  explicit KovaContext(std::shared_ptr<ServiceModel> model,
+                       std::unique_ptr<ConfigReaderIF> configReader = nullptr);
+  KovaContext(const KovaContext&) = delete;
+  KovaContext& operator=(const KovaContext&) = delete;
+  virtual ~KovaContext();
+
+  // Reads version, target and configuration, and makes the radio-protocol object. Empty arguments
+  // stand for the real objects. A second call keeps the radio-protocol object that is there.
+  virtual void Init(std::unique_ptr<orka::RadioProtocol> radio,
+                    std::unique_ptr<TargetAttributesIF> target);
+  // Stops the link. May be called on any thread.
+  virtual void Deinit();
+  virtual void StartRadioProtocol();
+  virtual void StopRadioProtocol();
+  // Makes every registration of the catalogue. Once, after Init.
+  virtual void RegisterIpcCallbacks();
+
+  // Sends to a named service and waits until it is done, at most 1 s. False when it failed.
+  virtual bool SendMessage(const google::protobuf::MessageLite& message, std::string_view service);
+  // Answers a received message, perhaps long after it came; the same waiting and result.
+  virtual bool SendIpcResponse(const MessageEnvelope& envelope,
+                               const google::protobuf::MessageLite& message);
+  virtual void SendGenericResponse(const MessageEnvelope& envelope, bool success,
+                                   const std::string& text);
+
+  // What the service thread runs; any thread pushes.
+  ConcurrentQueue<UniqueFunction<void()>>& TaskQueue() { return task_queue; }
+
+  // The radio's name for a camera model; empty, and logged, for a model that it does not know.
+  static std::string_view ConvertModelToProductId(std::string_view model);
+  void ReadConfig();
+
+  // Called on the radio thread.
+  void HandleRadioProtocolNotification(orka::NotifyMessage kind, orka::RadioNotificationData data);
+
+ private:
+  friend struct Catalogue;
+  friend struct Dispatch;
+  struct FileAccessWrite;
+  struct FileAccessCreate;
+
+  // What became of a message for the radio; nothing when it was dropped before it was sent.
+  using Sent = std::optional<orka::SendResult>;
+
+  // --- Link to the radio -----------------------------------------------------------------------
+  void HandleRtConnectionAction(const Kova::RtConnectionAction& message);
+  void RtConnectionStatusSubscribeHandler(std::string_view subscriber);
+  void RadioConnectionSubscribeHandler(std::string_view subscriber);
+  void HandleRtHandshakeCompleted();
+  void HandleConnectionIsLost();
+  void HandleRtHandshakeFailed();
+  void HandleRtUpgradeInProcess();
+  void HandleIgFailed();
+  bool HandleRadioConnection(const Collaboration::RadioConnectionMsg& message);
+
+  void RegisterRadioProtocolCallback();
+  void SetConnectionState(const char* function, RtConnectionState state);
+  void UpdateConnectionStatus(RtConnectionState state);
+  void PublishKovaConnectionStatus(RtConnectionState state);
+
+  // --- Queries whose answer goes to the one who asked ------------------------------------------
+  Sent SendRtVersionRequest(const MessageEnvelope& envelope, const Kova::RtVersionMsg& message);
+  void HandleRtVersionResponse(const Kova::RtVersionResponse& response);
+  Sent SendHardwareIdRequest(const MessageEnvelope& envelope, const Kova::HardwareIdMsg& message);
+  void HandleHardwareIdResponse(const Kova::HardwareIdResponse& response);
+  Sent SendLedBrightnessSettingRequest(const MessageEnvelope& envelope,
+                                       const Kova::LedBrightnessSettingMsg& message);
+  void HandleLedBrightnessSettingResponse(const Kova::LedBrightnessSettingMsg& response);
+  Sent SendGetDateTimeRequest(const MessageEnvelope& envelope, const Kova::GetDateTimeReq& message);
+  void HandleGetDateTimeResponse(const Kova::GetDateTimeResp& response);
+  Sent HandleSetDateTimeMsg(const MessageEnvelope& envelope, const Kova::SetDateTimeMsg& message);
+  Sent SendSetDateTimeRequest(const MessageEnvelope& envelope, const Kova::SetDateTimeReq& message);
+  void HandleSetDateTimeResponse(const Kova::SetDateTimeResp& response);
+  Sent SendSerialNumberMsg(const Kova::SerialNumberMsg& message);
+  bool HandleSerialNumberIncomingMsg(const Kova::SerialNumberMsg& message);
+  Sent SendBtMacAddrMsg(const Kova::BtMacAddressMsg& message);
+  bool HandleBtMacAddrIncomingMsg(const Kova::BtMacAddressMsg& message);
+
+  // --- Firmware transfer -----------------------------------------------------------------------
+  void HandleTransferFirmwareRequest(const MessageEnvelope& envelope,
+                                     const Kova::TransferFirmwareRequest& request);
+  void HandleFileAccessResponse(const orka::qrx::FileAccessResponse& response);
+  void HandleTransferDataResponse(const orka::qrx::TransferDataResponse& response);
+  void HandleFileAccessTimeout();
+  void HandleTransferDataTimeout();
+  void StartFileTransfer();
+  void SendNextChunk();
+  bool SendFileChunk();
+  void AbortFileTransfer();
+  void SendTransferFirmwareResponse(bool success);
+
+  // --- Files that the radio asks for -----------------------------------------------------------
+  void HandleFileAccessWriteRequest(const Kova::FileAccessWriteRequest& request);
+  Sent SendFileAccessWriteResponse(const Kova::FileAccessWriteResponse& response);
+  void HandleFileAccessWriteResponseTimeout();
+  void HandleFileAccessCreateRequest(const Kova::FileAccessCreateRequest& request);
+  Sent SendFileAccessCreateResponse(const Kova::FileAccessCreateResponse& response);
+  void HandleFileAccessCreateResponseTimeout();
+  void HandleFileAccessWriteSessionEnd(const Kova::FileAccessWriteSessionEnd& message);
+  void HandleFileHandleOpenRequest(const Kova::FileHandleOpenRequest& request);
+  void HandleFileHandleOpenTimeout(std::uint16_t handle_id, const std::string& file_name);
+  Sent HandleFileHandleOpenResponse(const Kova::FileHandleOpenResponse& response);
+
+  // --- Docking, USB, power, shutdown -----------------------------------------------------------
+  void DockStatusSubscribeHandler(std::string_view subscriber);
+  void HandleDockingNotification(const MediaStreamNotification::InputNotification& notification);
+  Sent SendShutdownRequest(const Kova::ShutdownRequest& message);
+  bool HandleShutdownRequest(const Kova::ShutdownRequest& message);
+  Sent SendShutdownResponse(const Kova::ShutdownResponse& message);
+  bool HandleShutdownResponse(const Kova::ShutdownResponse& message);
+  Sent SendAmbaUpdateStatus(const Kova::AmbaUpdateStatus& message);
+  Sent SendRtDebugLogRequest(const Kova::RtDebugLogMsg& message);
+  bool HandleRtDebugLogResponse(const Kova::RtDebugLogMsg& message);
+  Sent SendBatteryLevelRequest(const Kova::BatteryLevelRequest& message);
+  bool HandleBatteryLevel(const Kova::BatteryLevel& message);
+  bool HandleUsbRouteRequest(const Kova::UsbRouteMsg& message);
+  Sent SendUsbRouteResponse(const Kova::UsbRouteMsg& message);
+  Sent SendUsbStatus(const Kova::UsbStatus& message);
+  Sent SendRtFactoryResetRequest(const MessageEnvelope& envelope,
+                                 const Kova::RtFactoryResetRequest& message);
+  void HandleRtFactoryResetResponse(const Kova::RtFactoryResetResponse& response);
+
+  // --- Settings and subscriptions --------------------------------------------------------------
+  Sent SendOpcodeSubscriptionRequest(const MessageEnvelope& envelope,
+                                     const Kova::OpcodeSubscriptionMsg& message);
+  void HandleOpcodeSubscriptionResponse(const Kova::OpcodeSubscriptionMsg& message);
+  Sent SendConfigurationSetRequest(const Kova::ConfigurationSetMsg& message);
+  bool HandleConfigurationSetResponse(const Kova::ConfigurationSetMsg& message);
+  Sent SendButtonsSubscribtionRequest(const Kova::ButtonsSubscribtionMsg& message);
+  bool HandleButtonsSubscribtionResponse(const Kova::ButtonsSubscribtionMsg& message);
+  Sent SendBluetoothConfigRequest(const MessageEnvelope& envelope,
+                                  const Kova::BluetoothConfigMsg& message);
+  void HandleBluetoothConfigIncommingMsg(const Kova::BluetoothConfigMsg& message);
+  Sent SendBluetoothStatusRequest(const MessageEnvelope& envelope,
+                                  const Kova::BluetoothStatusMsg& message);
+  void HandleBluetoothStatusIncommingMsg(const Kova::BluetoothStatusMsg& message);
+  Sent SendGattConfigMsg(const MessageEnvelope& envelope, const Kova::GattConfigMsg& message);
+  void HandleGattConfigIncommingMsg(const Kova::GattConfigMsg& message);
+  Sent SetCovertMode(const Kova::ToggleCovertModeMsg& message);
+  bool HandleSetCovertModeResponse(const Kova::ToggleCovertModeMsg& message);
+  bool HandleSetCovertModeBroadcast(const Kova::ToggleCovertModeMsg& message);
+  Sent SendFeedbackAction(const MessageEnvelope& envelope, const Kova::FeedbackAction& message);
+  bool HandlePhysicalUserInput(const MediaStreamNotification::InputNotification& message);
+  void HandleSetSocketParams(const MessageEnvelope& envelope, const Kova::SetSocketParams& message);
+  void HandleClearSocketParams(const MessageEnvelope& envelope,
+                               const Kova::ClearSocketParams& message);
+
+  // --- Video, location, collaboration, IoT -----------------------------------------------------
+  Sent SendRadioEmergencyRequest(const Collaboration::RadioEmergencyMsg& message);
+  bool HandleRadioEmergencyResponse(const Collaboration::RadioEmergencyMsg& message);
+  bool HandleVideoTagControlRequest(const Collaboration::VideoTagControlRequest& message);
+  Sent SendVideoTagControlReply(const Collaboration::VideoTagControlReply& message);
+  bool HandleRadioVideoControlRequest(const Kova::VideoControlRequest& message);
+  Sent HandleVideoControlResponse(const Kova::VideoControlResponse& message);
+  Sent HandleVideoControlBroadcast(const Kova::VideoControlBroadcast& message);
+  bool HandleLocationInformationIncoming(const Kova::LocationInfoMsg& message);
+  bool HandleRadioLuiError(const Kova::RadioLuiError& message);
+  bool HandleRadioStatusRequest(const Kova::RadioStatusMsg& message);
+  bool HandleWlanControlIncomingMsg(const Kova::RadioWlanControlIncomingMsg& message);
+  Sent SendWlanControlRequest(const Kova::RadioWlanControlOutgoingMsg& message);
+  bool HandleWlanHotspotControlIncomingMsg(const Kova::RadioWlanHotspotControlIncomingMsg& message);
+  Sent SendWlanHotspotControlRequest(const Kova::RadioWlanHotspotControlOutgoingMsg& message);
+  bool HandleLteStatusIncomingMsg(const Kova::RadioLteControlIncoming& message);
+  Sent SendLteStatusReqMsg(const Kova::RadioLteControlOutgoing& message);
+  Sent SendMicStatusRequest(const Kova::MicStatusMsg& message);
+  bool HandleMicStatusResponse(const Kova::MicStatusMsg& message);
+  Sent SendRsmUpdateRequest(const Kova::RsmUpdateRequest& message);
+  bool HandleRsmUpdateResponse(const Kova::RsmUpdateResponse& message);
+  bool HandleUserPresenceInfoRequest(const Kova::UserPresenceInfoRequest& message);
+  Sent HandleUserPresenceInfoResponse(const Kova::UserPresenceInfoResponse& message);
+  bool HandleIoTC2DDataMessage(const Collaboration::IoTC2DDataMessage& message);
+  Sent HandleIoTD2CDataMessage(const Collaboration::IoTD2CDataMessage& message);
+  Sent HandleIoTRegisterRequest(const Collaboration::IoTRegistrationRequest& message);
+  bool HandleIoTRegisterResponse(const Collaboration::IoTRegistrationResponse& message);
+  Sent HandleIoTConnectionStatusQueryRequest(
+      const Collaboration::IoTConnectionStatusQuery& message);
+  bool HandleIoTConnectionStatusIncoming(const Collaboration::IoTConnectionStatus& message);
+  Sent SendRadioStatus(const Kova::RadioStatusMsg& message);
+  Sent SendLocationInformationRequest(const MessageEnvelope& envelope,
+                                      const Kova::LocationInfoMsg& message);
+  Sent HandleBwcVideoControlRequest(const MessageEnvelope& envelope,
+                                    const Kova::VideoControlRequest& message);
+  void HandleRadioVideoControlResponse(const Kova::VideoControlResponse& response);
+  void HandleInjectQrxRequest(const MessageEnvelope& envelope,
+                              const Kova::InjectQrxRequest& request);
+
+  // --- Mechanisms that handlers share ----------------------------------------------------------
+
+  // Sends `message` as its alternative of the outgoing union.
+  template <class T>
+  orka::SendResult ToRadio(const T& message, std::uint32_t radio_send_selector) {
+    return radio_protocol->SendToRadio(orka::RadioOutgoingMessage(std::in_place_type<T>, message),
+                                       radio_send_selector);
+  }
+
+  // To every subscriber; nobody looks at the outcome.
+  template <class T>
+  void Publish(const T& message) {
+    static_cast<void>(service_ipc->PublishImpl(TypeName<T>(), message.SerializeAsString()));
+  }
+
+  // A one-shot timer of 5 s whose expiry runs as a task of the service thread. Closing the handle
+  // also withdraws an expiry that is queued already. Service thread only.
+  AsyncCallbackHandle StartTimer(std::string_view name, UniqueFunction<void()> on_expiry);
+
+  // Sends `answer` to the service in `slot` and empties it; drops it when nobody is in the slot.
+  void AnswerRequester(const char* function, std::optional<std::string>& slot,
+                       const google::protobuf::MessageLite& answer, int level,
+                       std::string_view answer_text, std::string_view nobody_text);
+
+  // The tool's slot. Requests of tools overwrite it, the first answer that looks takes it. Both
+  // log their line under the name of the handler that calls. RememberTool: false, and nothing
+  // done, when the sender is no tool. AnswerTool: false when the slot is empty.
+  bool RememberTool(const char* function, const MessageEnvelope& envelope);
+  bool AnswerTool(const char* function, const google::protobuf::MessageLite& answer);
+  // For requests that the radio does not answer: tells a tool at once that it was sent.
+  void AcknowledgeTool(const char* function, const MessageEnvelope& envelope,
+                       const std::string& text);
+
+  template <class Traits>
+  void ReceiveFileRequest(const char* function, const typename Traits::Request& request);
+  template <class Traits>
+  Sent AnswerFileRequest(const char* function, const typename Traits::Response& response);
+  template <class Traits>
+  void FailFileRequest(const char* function);
+
+  // --- State -----------------------------------------------------------------------------------
+  ConcurrentQueue<UniqueFunction<void()>> task_queue;
+  std::atomic<RtConnectionState> connection_state{RtConnectionState::Disconnected};
+  bool radio_connected = false;  // what the radio said last
+  std::optional<std::string> rt_version_requester;
+  std::optional<std::string> hardware_id_requester;
+  FirmwareTransfer firmware_transfer;
+  std::optional<Kova::FileAccessWriteRequest> pending_file_access_write;
+  std::optional<Kova::FileAccessCreateRequest> pending_file_access_create;
+  std::vector<AsyncCallbackHandle> registration_handles;
+  std::unique_ptr<orka::RadioProtocol> radio_protocol;
+  std::shared_ptr<ServiceModel> service_model;
+  std::shared_ptr<ServiceIPC> service_ipc;
+  std::unique_ptr<ConfigReaderIF> config_reader;
+  std::string version_text;
+  std::mutex socket_settings_mutex;
+  std::optional<orka::SocketSettings> socket_settings;  // empty: the serial port is used
+  std::optional<std::string> led_brightness_requester;
+  std::optional<std::string> set_date_time_requester;
+  std::optional<std::string> get_date_time_requester;
+  std::unique_ptr<TargetAttributesIF> target_attributes;
+  AsyncCallbackHandle file_access_timer;
+  AsyncCallbackHandle transfer_data_timer;
+  std::unique_ptr<std::vector<std::uint8_t>> pending_chunk;
+  std::map<std::string, AsyncCallbackHandle> file_handle_open_timers;  // by file name
+  AsyncCallbackHandle file_access_write_timer;
+  AsyncCallbackHandle file_access_create_timer;
+  // Key and state of the dock notification that was published last; never emptied.
+  std::optional<std::pair<std::int32_t, std::uint32_t>> last_dock_status;
+  std::optional<MessageEnvelope> cli_requester;
+};
+
+}  // namespace zelt

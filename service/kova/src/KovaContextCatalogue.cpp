@@ -1,0 +1,171 @@
+// Every message that the service accepts, and the handler that it goes to.
+
+#include "KovaContext.h"
+#include "Log.h"
+
+#include <algorithm>
+#include <array>
+#include <type_traits>
+
+namespace zelt {
+
+struct Catalogue {
+  using Envelope = ServiceIPC::MessageEnvelope;
+  using Context = KovaContext;
+
+  enum class Form {
+    Message,       // the handler takes the message
+    Envelope,      // the handler takes envelope and message, to remember or answer the sender
+    ToolOnly,      // the same, but only for messages of a zeltcli tool
+    Subscription,  // the handler takes the name of a new subscriber of the topic
+  };
+
+  struct Entry {
+    Form form;
+    const std::string& (*type_name)();
+    AsyncCallbackHandle (*registration)(KovaContext&);
+  };
+
+  // The work of a typed registration: parse, log, queue a task with copies.
+  template <Form form, class T, auto handler>
+  static AsyncCallbackHandle RegisterTyped(KovaContext& context) {
+    return context.service_ipc->RegisterCallbackImpl(
+        TypeName<T>(), std::nullopt,
+        [&context](const Envelope& envelope, std::string_view payload) {
+          T message;
+          if (!message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
+            ZELT_LOG_AS("RegisterCallback", kLogError, kIpcLog)
+                << "Failed to unpack IPC message of type " << TypeName<T>();
+            return;
+          }
+          ZELT_LOG_AS("RegisterCallback", kLogVerbose, kIpcLog)
+              << "Calling ipc callback for " << TypeName<T>();
+          ZELT_LOG_AS("RegisterCallback", kLogDebug, kIpcLog)
+              << "Received [" << TypeName<T>() << "] from [" << envelope.sender << "]";
+          if constexpr (form == Form::Message) {
+            context.task_queue.Push(
+                [&context, message = std::move(message)] { (context.*handler)(message); });
+          } else {
+            if (form == Form::ToolOnly && !envelope.sender.starts_with("zeltcli-")) {
+              return;
+            }
+            context.task_queue.Push([&context, envelope, message = std::move(message)] {
+              (context.*handler)(envelope, message);
+            });
+          }
+        });
+  }
+
+  template <class T, auto handler>
+  static AsyncCallbackHandle RegisterSubscription(KovaContext& context) {
+    return context.service_ipc->AddSubscribeHandlerImpl(
+        [&context](std::string_view payload) {
+          context.task_queue.Push(
+              [&context, subscriber = std::string(payload)] { (context.*handler)(subscriber); });
+        },
+        TypeName<T>());
+  }
+
+  template <class T, auto handler>
+  static constexpr Entry Message() {
+    return {Form::Message, &TypeName<T>, &RegisterTyped<Form::Message, T, handler>};
+  }
+  template <class T, auto handler>
+  static constexpr Entry WithEnvelope() {
+    return {Form::Envelope, &TypeName<T>, &RegisterTyped<Form::Envelope, T, handler>};
+  }
+  template <class T, auto handler>
+  static constexpr Entry ToolOnly() {
+    return {Form::ToolOnly, &TypeName<T>, &RegisterTyped<Form::ToolOnly, T, handler>};
+  }
+  template <class T, auto handler>
+  static constexpr Entry Subscription() {
+    return {Form::Subscription, &TypeName<T>, &RegisterSubscription<T, handler>};
+  }
+
+  static constexpr std::array<Entry, 51> Entries();
+};
+
+// clang-format off: one line an entry
+constexpr std::array<Catalogue::Entry, 51> Catalogue::Entries() {
+  return {{
+      Message<Kova::RtConnectionAction, &Context::HandleRtConnectionAction>(),
+      Message<Kova::ShutdownResponse, &Context::SendShutdownResponse>(),
+      Message<Kova::ShutdownRequest, &Context::SendShutdownRequest>(),
+      Message<Kova::SerialNumberMsg, &Context::SendSerialNumberMsg>(),
+      Message<Kova::BtMacAddressMsg, &Context::SendBtMacAddrMsg>(),
+      WithEnvelope<Kova::RtVersionMsg, &Context::SendRtVersionRequest>(),
+      WithEnvelope<Kova::HardwareIdMsg, &Context::SendHardwareIdRequest>(),
+      Message<Kova::AmbaUpdateStatus, &Context::SendAmbaUpdateStatus>(),
+      Message<Kova::RtDebugLogMsg, &Context::SendRtDebugLogRequest>(),
+      WithEnvelope<Kova::FeedbackAction, &Context::SendFeedbackAction>(),
+      Message<Kova::ConfigurationSetMsg, &Context::SendConfigurationSetRequest>(),
+      Message<Kova::ButtonsSubscribtionMsg, &Context::SendButtonsSubscribtionRequest>(),
+      WithEnvelope<Kova::LedBrightnessSettingMsg, &Context::SendLedBrightnessSettingRequest>(),
+      Message<Kova::RadioStatusMsg, &Context::SendRadioStatus>(),
+      Message<Kova::BatteryLevelRequest, &Context::SendBatteryLevelRequest>(),
+      Message<Kova::UsbStatus, &Context::SendUsbStatus>(),
+      WithEnvelope<Kova::BluetoothConfigMsg, &Context::SendBluetoothConfigRequest>(),
+      WithEnvelope<Kova::BluetoothStatusMsg, &Context::SendBluetoothStatusRequest>(),
+      WithEnvelope<Kova::GattConfigMsg, &Context::SendGattConfigMsg>(),
+      ToolOnly<Kova::SetSocketParams, &Context::HandleSetSocketParams>(),
+      ToolOnly<Kova::ClearSocketParams, &Context::HandleClearSocketParams>(),
+      ToolOnly<Kova::RtFactoryResetRequest, &Context::SendRtFactoryResetRequest>(),
+      ToolOnly<Kova::InjectQrxRequest, &Context::HandleInjectQrxRequest>(),
+      Message<Collaboration::RadioEmergencyMsg, &Context::SendRadioEmergencyRequest>(),
+      Message<Collaboration::VideoTagControlReply, &Context::SendVideoTagControlReply>(),
+      WithEnvelope<Kova::LocationInfoMsg, &Context::SendLocationInformationRequest>(),
+      WithEnvelope<Kova::OpcodeSubscriptionMsg, &Context::SendOpcodeSubscriptionRequest>(),
+      Message<Kova::ToggleCovertModeMsg, &Context::SetCovertMode>(),
+      Subscription<Kova::RTConnectionStatus, &Context::RtConnectionStatusSubscribeHandler>(),
+      Subscription<MediaStreamNotification::InputNotification, &Context::DockStatusSubscribeHandler>(),
+      Subscription<Collaboration::RadioConnectionMsg, &Context::RadioConnectionSubscribeHandler>(),
+      Message<Kova::UsbRouteMsg, &Context::SendUsbRouteResponse>(),
+      Message<Kova::MicStatusMsg, &Context::SendMicStatusRequest>(),
+      WithEnvelope<Kova::GetDateTimeReq, &Context::SendGetDateTimeRequest>(),
+      WithEnvelope<Kova::SetDateTimeReq, &Context::SendSetDateTimeRequest>(),
+      WithEnvelope<Kova::SetDateTimeMsg, &Context::HandleSetDateTimeMsg>(),
+      WithEnvelope<Kova::TransferFirmwareRequest, &Context::HandleTransferFirmwareRequest>(),
+      Message<Kova::FileAccessWriteResponse, &Context::SendFileAccessWriteResponse>(),
+      Message<Kova::RsmUpdateRequest, &Context::SendRsmUpdateRequest>(),
+      Message<Kova::RadioWlanControlOutgoingMsg, &Context::SendWlanControlRequest>(),
+      Message<Kova::RadioLteControlOutgoing, &Context::SendLteStatusReqMsg>(),
+      Message<Kova::RadioWlanHotspotControlOutgoingMsg, &Context::SendWlanHotspotControlRequest>(),
+      WithEnvelope<Kova::VideoControlRequest, &Context::HandleBwcVideoControlRequest>(),
+      Message<Kova::VideoControlResponse, &Context::HandleVideoControlResponse>(),
+      Message<Kova::VideoControlBroadcast, &Context::HandleVideoControlBroadcast>(),
+      Message<Kova::FileHandleOpenResponse, &Context::HandleFileHandleOpenResponse>(),
+      Message<Kova::FileAccessCreateResponse, &Context::SendFileAccessCreateResponse>(),
+      Message<Kova::UserPresenceInfoResponse, &Context::HandleUserPresenceInfoResponse>(),
+      Message<Collaboration::IoTD2CDataMessage, &Context::HandleIoTD2CDataMessage>(),
+      Message<Collaboration::IoTRegistrationRequest, &Context::HandleIoTRegisterRequest>(),
+      Message<Collaboration::IoTConnectionStatusQuery, &Context::HandleIoTConnectionStatusQueryRequest>(),
+  }};
+}
+// clang-format on
+
+namespace {
+
+constexpr auto kCatalogue = Catalogue::Entries();
+
+constexpr auto CountOf(Catalogue::Form form) {
+  return std::ranges::count(kCatalogue, form, &Catalogue::Entry::form);
+}
+static_assert(CountOf(Catalogue::Form::Message) == 30);
+static_assert(CountOf(Catalogue::Form::Envelope) == 14);
+static_assert(CountOf(Catalogue::Form::ToolOnly) == 4);
+static_assert(CountOf(Catalogue::Form::Subscription) == 3);
+static_assert(std::ranges::all_of(kCatalogue, [](const Catalogue::Entry& entry) {
+  return std::ranges::count(kCatalogue, entry.type_name, &Catalogue::Entry::type_name) == 1;
+}));
+
+}  // namespace
+
+void KovaContext::RegisterIpcCallbacks() {
+  registration_handles.reserve(registration_handles.size() + kCatalogue.size());
+  for (const Catalogue::Entry& entry : kCatalogue) {
+    registration_handles.push_back(entry.registration(*this));
+  }
+}
+
+}  // namespace zelt

@@ -1,6 +1,7 @@
 #include "zelt/LogClient.h"
 
 #include <spdlog/details/log_msg.h>
+#include <spdlog/fmt/fmt.h>
 #include <spdlog/pattern_formatter.h>
 #include <spdlog/sinks/base_sink.h>
 #include <spdlog/sinks/stdout_sinks.h>
@@ -22,7 +23,6 @@
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <utility>
 #include <vector>
 
 namespace zelt {
@@ -83,24 +83,16 @@ std::string Escape(std::string_view text) {
 }
 
 std::string CategoryText(std::uint32_t category) {
-  std::array<char, 8> digits{};
-  const auto end = std::to_chars(digits.begin(), digits.end(), category, 16).ptr;
-  std::string hex(digits.begin(), end);
-  std::ranges::transform(hex, hex.begin(),
-                         [](char c) { return c >= 'a' ? static_cast<char>(c - 'a' + 'A') : c; });
-  return "0x" + std::string(hex.size() < 4 ? 4 - hex.size() : 0, '0') + hex;
+  return fmt::format("0x{:04X}", category);
 }
 
-// What the backend carries, with the two fields that it has no place for.
+// What the backend carries, with the fields that it has no place for.
 struct Message : spdlog::details::log_msg {
-  Message(const LogRecord& record, std::string_view identifier, std::string_view text)
-      : log_msg(spdlog::source_loc(record.file.data(), record.line, record.function.data()),
-                spdlog::string_view_t(identifier.data(), identifier.size()),
-                BackendLevel(record.level), spdlog::string_view_t(text.data(), text.size())),
-        number(record.level),
-        category(record.category) {}
-  int number;
-  std::uint32_t category;
+  Message(const LogRecord& from, std::string_view identifier, std::string_view text)
+      : log_msg(spdlog::string_view_t(identifier.data(), identifier.size()),
+                BackendLevel(from.level), spdlog::string_view_t(text.data(), text.size())),
+        record(from) {}
+  const LogRecord& record;
 };
 
 // "I kova 0x800A HandleRtVersionResponse"
@@ -108,10 +100,10 @@ class OriginFlag : public spdlog::custom_flag_formatter {
  public:
   void format(const spdlog::details::log_msg& msg, const std::tm&,
               spdlog::memory_buf_t& dest) override {
-    const auto& message = static_cast<const Message&>(msg);
-    std::string text{LevelLetter(message.number), ' '};
-    text.append(message.logger_name.data(), message.logger_name.size());
-    text += ' ' + CategoryText(message.category) + ' ' + message.source.funcname;
+    const auto& record = static_cast<const Message&>(msg).record;
+    std::string text{LevelLetter(record.level), ' '};
+    text.append(msg.logger_name.data(), msg.logger_name.size()).append(" ");
+    text.append(CategoryText(record.category)).append(" ").append(record.function);
     dest.append(text.data(), text.data() + text.size());
   }
   std::unique_ptr<custom_flag_formatter> clone() const override {
@@ -123,18 +115,21 @@ class OriginFlag : public spdlog::custom_flag_formatter {
 class JournalSink : public spdlog::sinks::base_sink<std::mutex> {
  protected:
   void sink_it_(const spdlog::details::log_msg& msg) override {
-    const auto& message = static_cast<const Message&>(msg);
+    const auto& record = static_cast<const Message&>(msg).record;
+    const auto field = [](std::string_view name, auto value) {
+      return std::string(name).append("=").append(value.data(), value.size());
+    };
     const std::array<std::string, 7> fields = {
-        "MESSAGE=" + std::string(message.payload.data(), message.payload.size()),
-        "PRIORITY=" + std::to_string(std::clamp(message.number, 0, 7)),
-        "SYSLOG_IDENTIFIER=" + std::string(message.logger_name.data(), message.logger_name.size()),
-        std::string("CODE_FILE=") + message.source.filename,
-        "CODE_LINE=" + std::to_string(message.source.line),
-        std::string("CODE_FUNC=") + message.source.funcname,
-        "ZELT_CATEGORY=" + CategoryText(message.category)};
+        field("MESSAGE", msg.payload),
+        field("PRIORITY", std::to_string(std::clamp(record.level, 0, 7))),
+        field("SYSLOG_IDENTIFIER", msg.logger_name),
+        field("CODE_FILE", record.file),
+        field("CODE_LINE", std::to_string(record.line)),
+        field("CODE_FUNC", record.function),
+        field("ZELT_CATEGORY", CategoryText(record.category))};
     std::array<iovec, fields.size()> parts{};
-    std::ranges::transform(fields, parts.begin(), [](const std::string& field) {
-      return iovec{const_cast<char*>(field.data()), field.size()};
+    std::ranges::transform(fields, parts.begin(), [](const std::string& text) {
+      return iovec{.iov_base = const_cast<char*>(text.data()), .iov_len = text.size()};
     });
     sd_journal_sendv(parts.data(), static_cast<int>(parts.size()));
   }
@@ -168,7 +163,7 @@ class Outputs {
     sink_context_ = context;
   }
 
-  void SetIdentifier(std::string identifier) {
+  void SetIdentifier(std::string_view identifier) {
     const std::lock_guard lock(mutex_);
     identifier_ = Escape(identifier);
   }
@@ -256,8 +251,8 @@ void SetLogSink(LogSink sink, void* context) {
   Outputs::Get().SetSink(sink, context);
 }
 
-void SetLogIdentifier(std::string identifier) {
-  Outputs::Get().SetIdentifier(std::move(identifier));
+void SetLogIdentifier(std::string_view identifier) {
+  Outputs::Get().SetIdentifier(identifier);
 }
 
 }  // namespace zelt

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <string>
 #include <thread>
-#include <vector>
 
 namespace zelt {
 namespace {
@@ -50,16 +49,15 @@ TEST(LoggerTest, DisabledLineEvaluatesNothing) {
 }
 
 TEST(LoggerTest, LinesOfManyThreadsAllArriveWhole) {
-  fake::LogCapture capture;
-  {
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([] {
-        for (int n = 0; n < 200; ++n) {
-          ZELT_LOG(kLogVerbose, kCategory) << "left" << ' ' << "right";
-        }
-      });
+  const fake::LogCapture capture;
+  const auto log = [] {
+    for (int n = 0; n < 400; ++n) {
+      ZELT_LOG_AS("Log", kLogVerbose, kCategory) << "left" << ' ' << "right";
     }
+  };
+  {
+    const std::jthread one(log);
+    const std::jthread other(log);
   }
   EXPECT_EQ(capture.Count("left right"), 800U);
 }

@@ -73,7 +73,7 @@ using LogSink = void (*)(void* context, const LogRecord& record);
 void SetLogSink(LogSink sink, void* context);
 
 // The identifier that stands in every line of this process, e.g. "kova"; set once at start.
-void SetLogIdentifier(std::string identifier);
+void SetLogIdentifier(std::string_view identifier);
 
 }  // namespace zelt
 

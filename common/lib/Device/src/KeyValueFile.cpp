@@ -1,0 +1,49 @@
+#include "KeyValueFile.h"
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <stdexcept>
+
+namespace zelt {
+namespace {
+
+constexpr std::string_view kBlanks = " \t\r";
+
+std::string Trim(std::string_view text) {
+  const auto first = text.find_first_not_of(kBlanks);
+  if (first == std::string_view::npos) {
+    return {};
+  }
+  return std::string(text.substr(first, text.find_last_not_of(kBlanks) - first + 1));
+}
+
+std::string_view WithoutComment(std::string_view line) {
+  for (auto at = line.find('#'); at != std::string_view::npos; at = line.find('#', at + 1)) {
+    if (at == 0 || kBlanks.contains(line[at - 1])) {
+      return line.substr(0, at);
+    }
+  }
+  return line;
+}
+
+}  // namespace
+
+std::map<std::string, std::string> ReadKeyValueFile(std::string_view path) {
+  std::map<std::string, std::string> values;
+  std::string line;
+  errno = 0;
+  std::ifstream file{std::string(path)};
+  while (std::getline(file, line)) {
+    const std::string_view content = WithoutComment(line);
+    if (const auto equals = content.find('='); equals != std::string_view::npos) {
+      values.insert_or_assign(Trim(content.substr(0, equals)), Trim(content.substr(equals + 1)));
+    }
+  }
+  if (!file.eof()) {
+    throw std::runtime_error("cannot read " + std::string(path) + ": " + std::strerror(errno));
+  }
+  return values;
+}
+
+}  // namespace zelt

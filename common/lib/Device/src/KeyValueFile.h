@@ -1,0 +1,14 @@
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace zelt {
+
+// The values of a file of "KEY=VALUE" lines, blanks around both cut off; the last of equal keys
+// wins. "#" starts a comment at the start of a line and after a blank. Throws std::runtime_error
+// with path and reason when the file cannot be read.
+std::map<std::string, std::string> ReadKeyValueFile(std::string_view path);
+
+}  // namespace zelt

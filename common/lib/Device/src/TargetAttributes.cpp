@@ -1,0 +1,29 @@
+#include "zelt/TargetAttributes.h"
+
+#include "KeyValueFile.h"
+#include "zelt/LogClient.h"
+#include "zelt/Paths.h"
+
+#include <stdexcept>
+
+namespace zelt {
+namespace {
+constexpr std::uint32_t kCategory = 0x8007;
+}
+
+TargetAttributes::TargetAttributes(bool required) {
+  try {
+    model_ = ReadKeyValueFile(TargetAttributesFile())["MODEL"];
+  } catch (const std::runtime_error& error) {
+    if (required) {
+      throw;
+    }
+    ZELT_LOG(kLogWarning, kCategory) << "Target attributes are unknown: " << error.what();
+  }
+}
+
+std::string TargetAttributes::ModelAsString() const {
+  return model_;
+}
+
+}  // namespace zelt

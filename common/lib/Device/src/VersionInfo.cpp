@@ -1,0 +1,28 @@
+#include "zelt/VersionInfo.h"
+
+#include "KeyValueFile.h"
+#include "zelt/LogClient.h"
+
+#include <stdexcept>
+
+namespace zelt {
+namespace {
+constexpr std::uint32_t kCategory = 0x8007;
+}
+
+std::string VersionInfo::GetVersionAndBuildNumberText(std::string_view path) {
+  try {
+    auto values = ReadKeyValueFile(path);
+    const std::string& version = values["VERSION"];
+    const std::string& build = values["BUILD_NUMBER"];
+    if (version.empty()) {
+      throw std::runtime_error("no VERSION in " + std::string(path));
+    }
+    return build.empty() ? version : version + " build " + build;
+  } catch (const std::runtime_error& error) {
+    ZELT_LOG(kLogWarning, kCategory) << "Software version is unknown: " << error.what();
+    return "unknown";
+  }
+}
+
+}  // namespace zelt

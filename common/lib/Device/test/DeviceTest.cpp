@@ -1,0 +1,70 @@
+#include "zelt/FileSize.h"
+#include "zelt/Paths.h"
+#include "zelt/TargetAttributes.h"
+#include "zelt/VersionInfo.h"
+#include "zelt/fake/LogCapture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <stdexcept>
+
+namespace zelt {
+namespace {
+
+class DeviceTest : public testing::Test {
+ protected:
+  DeviceTest() {
+    std::string folder = testing::TempDir() + "device.XXXXXX";
+    root_ = mkdtemp(folder.data());
+    setenv("ZELT_ROOT", (root_ + "//").c_str(), 1);
+    std::filesystem::create_directories(root_ + "/etc/zelt");
+  }
+  ~DeviceTest() override {
+    unsetenv("ZELT_ROOT");
+    std::filesystem::remove_all(root_);
+  }
+  static std::string VersionOf(std::string_view content) {
+    std::ofstream(VersionInfoFile()) << content;
+    return VersionInfo::GetVersionAndBuildNumberText(VersionInfoFile());
+  }
+
+  std::string root_;
+  fake::LogCapture log_;
+};
+
+TEST_F(DeviceTest, VersionTextSurvivesAHandEditedFile) {
+  EXPECT_EQ(VersionOf("VERSION=1.2.3\nBUILD_NUMBER=77\n"), "1.2.3 build 77");
+  EXPECT_EQ(VersionOf("# VERSION=0\r\n VERSION = 1.2#3 # now\r\nother\nBUILD_NUMBER="), "1.2#3");
+  EXPECT_TRUE(log_.Lines().empty());
+  EXPECT_EQ(VersionOf("BUILD_NUMBER=77\n"), "unknown");
+  EXPECT_EQ(log_.Count("Software version is unknown: no VERSION in " + VersionInfoFile()), 1U);
+}
+
+TEST_F(DeviceTest, UnreadableFilesAreNamed) {
+  EXPECT_EQ(VersionInfo::GetVersionAndBuildNumberText(root_ + "/etc"), "unknown");
+  EXPECT_TRUE(log_.Contains(root_ + "/etc: Is a directory"));
+  EXPECT_EQ(TargetAttributes(false).ModelAsString(), "");
+  EXPECT_TRUE(log_.Contains(root_ + "/etc/zelt/target-attributes: No such file or directory"));
+  EXPECT_THROW(TargetAttributes(true), std::runtime_error);
+  std::ofstream(TargetAttributesFile()) << "MODEL=OTTR\n";
+  EXPECT_EQ(TargetAttributes(true).ModelAsString(), "OTTR");
+}
+
+TEST_F(DeviceTest, OnlyRegularFilesHaveASize) {
+  std::ofstream(root_ + "/image") << "12345";
+  std::filesystem::create_symlink("image", root_ + "/link");
+  ASSERT_EQ(mkfifo((root_ + "/fifo").c_str(), 0600), 0);
+  EXPECT_EQ(GetFileSize(root_ + "/link"), 5U);
+  for (const char* none : {"/fifo", "/etc", "/absent"}) {
+    EXPECT_EQ(GetFileSize(root_ + none), std::nullopt) << none;
+  }
+}
+
+}  // namespace
+}  // namespace zelt

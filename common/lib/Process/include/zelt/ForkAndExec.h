@@ -7,7 +7,7 @@
 namespace zelt {
 
 struct ForkAndExecResult {
-  int status = 0;              // as waitpid(2) gives it; -1 when no child could be started
+  int status = 0;              // as waitpid(2) gives it; -1 (and logged) when it could not be had
   std::string standardOutput;  // the last 64 KiB of what the child wrote
   std::string standardError;
 };

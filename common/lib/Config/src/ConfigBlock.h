@@ -1,0 +1,76 @@
+#pragma once
+
+#include "zelt/ConfigReaderIF.h"
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace zelt {
+
+// The file that holds the configuration record, mapped; reader and writer are built on it.
+//
+// Anyone may die at any instruction while holding the lock. The kernel then hands it to the next
+// to lock, who repairs the block. A writer therefore never changes the record before a whole copy
+// of the new one lies in `staging` and `committed` says so:
+//
+//   Stage    staging := new          died: the old record stays
+//   Commit   committed := 1          died: the next to lock does Finish
+//   Finish   record := staging, published := 1, committed := 0      may be done twice
+class ConfigBlock : public SharedMemoryBlockReaderIF {
+ public:
+  struct Layout {
+    std::uint64_t magic;
+    std::uint32_t version;
+    std::uint32_t size;
+    pthread_mutex_t mutex;  // robust, shared by processes, no recursion
+    std::atomic<std::uint32_t> published;
+    std::atomic<std::uint32_t> committed;
+    ConfigRecord record;   // guarded by mutex
+    ConfigRecord staging;  // guarded by mutex
+  };
+  static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
+
+  static constexpr std::uint64_t kMagic = 0x31464E4F43544C5A;  // "ZLTCONF1" in memory
+  static constexpr std::uint32_t kVersion = 1;  // raise it with every change of Layout
+
+  struct OpenResult {
+    std::shared_ptr<ConfigBlock> block;
+    int error = 0;  // an errno value
+    std::string errorText;
+  };
+  static OpenResult Open(const std::string& path);
+
+  // Puts a new, unpublished block at `path`, whole from the first moment on. Throws
+  // std::system_error.
+  static void Create(const std::string& path);
+
+  ConfigBlock(const ConfigBlock&) = delete;
+  ConfigBlock& operator=(const ConfigBlock&) = delete;
+  ~ConfigBlock() override;
+
+  void Lock() override;
+  void Unlock() override;
+
+  // Under the lock:
+  bool IsPublished() const { return layout_->published != 0; }
+  void Stage(const ConfigRecord& record) { layout_->staging = record; }
+  void Commit() {
+    layout_->committed = 1;
+    // Nothing of Finish may be moved up here by the compiler.
+    std::atomic_signal_fence(std::memory_order_seq_cst);
+  }
+  void Finish();
+
+  const ConfigRecord& Record() const { return layout_->record; }
+
+ private:
+  explicit ConfigBlock(void* memory) : layout_(static_cast<Layout*>(memory)) {}
+
+  Layout* const layout_;
+};
+
+}  // namespace zelt

@@ -1,0 +1,182 @@
+#include "ConfigBlock.h"
+#include "zelt/ConfigPublisher.h"
+#include "zelt/InterfaceFactory.h"
+#include "zelt/Paths.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <cstddef>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace zelt {
+namespace {
+
+using ::testing::HasSubstr;
+
+ConfigRecord RecordOf(char mode) {
+  ConfigRecord record{};
+  record.workingMode.fill(mode);
+  record.workingMode.back() = '\0';
+  return record;
+}
+
+class ConfigTest : public testing::Test {
+ protected:
+  ConfigTest() {
+    std::string folder = testing::TempDir() + "config.XXXXXX";
+    root_ = mkdtemp(folder.data());
+    setenv("ZELT_ROOT", root_.c_str(), 1);
+    path_ = ConfigSharedMemoryFile();
+  }
+  ~ConfigTest() override {
+    unsetenv("ZELT_ROOT");
+    std::filesystem::remove_all(root_);
+  }
+
+  static ConfigResult Get() {
+    return InterfaceFactory::Create<ConfigReaderIF>("ConfigReaderIF")->Get();
+  }
+  // The working mode's first and last character: they differ when the record is not whole.
+  static std::string ModeOf(const ConfigResult& result) {
+    const auto access = result.record.Lock();
+    return {access->workingMode.front(), access->workingMode[access->workingMode.size() - 2]};
+  }
+  void Overwrite(std::size_t offset, char byte) const {
+    std::fstream file(path_, std::ios::in | std::ios::out);
+    file.seekp(static_cast<std::streamoff>(offset)).put(byte);
+  }
+  // Another process takes the lock, does something and dies without a chance to clean up.
+  void DieHoldingLock(const std::function<void(ConfigBlock&)>& act) const {
+    const pid_t child = fork();
+    if (child == 0) {
+      const auto block = ConfigBlock::Open(path_).block;
+      block->Lock();
+      act(*block);
+      kill(getpid(), SIGKILL);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    ASSERT_EQ(WTERMSIG(status), SIGKILL);
+  }
+
+  std::string root_;
+  std::string path_;
+};
+
+TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
+  const auto expect = [this](int error, const char* reason) {
+    const ConfigResult result = Get();
+    EXPECT_FALSE(result.record);
+    EXPECT_EQ(result.error, error);
+    EXPECT_THAT(result.errorText, HasSubstr(path_ + ": "));
+    EXPECT_THAT(result.errorText, HasSubstr(reason));
+  };
+  expect(ENOENT, "No such file");
+  ConfigPublisher publisher(path_);
+  expect(ENODATA, "nothing published yet");
+  publisher.Publish(RecordOf('a'));
+  EXPECT_EQ(Get().errorText, "");
+  Overwrite(offsetof(ConfigBlock::Layout, version), 9);
+  expect(EPROTO, "has layout 9 of");
+  Overwrite(offsetof(ConfigBlock::Layout, magic), 'x');
+  expect(EINVAL, "wrong magic number");
+  std::filesystem::resize_file(path_, sizeof(ConfigBlock::Layout) - 1);
+  expect(EINVAL, "bytes or more");
+  std::filesystem::remove(path_);
+  std::filesystem::create_directory(path_);
+  expect(EISDIR, "Is a directory");
+  EXPECT_THROW(InterfaceFactory::Create<ConfigReaderIF>("OtherIF"), std::runtime_error);
+}
+
+TEST_F(ConfigTest, DeathOfTheLockHolderLeavesAWholeRecord) {
+  // The steps of a writer done before it died, and the record that the next to lock finds.
+  const std::array outcomes = {"oo", "oo", "nn", "nn", "nn"};
+  for (std::size_t steps = 0; steps < outcomes.size(); ++steps) {
+    SCOPED_TRACE(steps);
+    ConfigPublisher publisher(path_);
+    publisher.Publish(RecordOf('o'));
+    const ConfigResult early_reader = Get();
+    DieHoldingLock([steps](ConfigBlock& block) {
+      if (steps > 0) block.Stage(RecordOf('n'));
+      if (steps > 1) block.Commit();
+      if (steps == 3) const_cast<ConfigRecord&>(block.Record()).workingMode.front() = 'n';
+      if (steps > 3) block.Finish();
+    });
+    EXPECT_EQ(ModeOf(early_reader), outcomes.at(steps));
+    EXPECT_EQ(ModeOf(Get()), outcomes.at(steps));
+    publisher.Publish(RecordOf('z'));
+    EXPECT_EQ(ModeOf(early_reader), "zz");
+  }
+}
+
+TEST_F(ConfigTest, FirstRecordCommittedByADeadWriterIsPublished) {
+  const ConfigPublisher publisher(path_);
+  DieHoldingLock([](ConfigBlock& block) {
+    block.Stage(RecordOf('n'));
+    block.Commit();
+  });
+  EXPECT_EQ(ModeOf(Get()), "nn");
+}
+
+TEST_F(ConfigTest, ReadersKeepTheirRecordAcrossARestartOfTheService) {
+  std::make_unique<ConfigPublisher>(path_)->Publish(RecordOf('a'));
+  const ConfigResult one = Get();
+  const ConfigResult other = Get();
+  ConfigPublisher restarted(path_);
+  EXPECT_EQ(ModeOf(one), "aa");
+  restarted.Publish(RecordOf('b'));
+  EXPECT_EQ(ModeOf(one) + ModeOf(other), "bbbb");
+  std::filesystem::remove(path_);
+  EXPECT_EQ(ModeOf(one), "bb");
+}
+
+TEST_F(ConfigTest, LockTakenTwiceByOneThreadIsRefusedNotADeadlock) {
+  ConfigPublisher(path_).Publish(RecordOf('a'));
+  const ConfigResult result = Get();
+  const auto access = result.record.Lock();
+  EXPECT_THROW(result.record.Lock(), std::runtime_error);
+}
+
+TEST_F(ConfigTest, BlockBeyondRepairIsReportedAndReplaced) {
+  const ConfigPublisher publisher(path_);
+  // Whoever recovers the lock dies in turn, before it has declared the block sound.
+  DieHoldingLock([](ConfigBlock&) {});
+  const int file = open(path_.c_str(), O_RDWR);
+  auto* const layout = static_cast<ConfigBlock::Layout*>(
+      mmap(nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+  close(file);
+  ASSERT_EQ(pthread_mutex_lock(&layout->mutex), EOWNERDEAD);
+  pthread_mutex_unlock(&layout->mutex);
+  munmap(layout, sizeof(ConfigBlock::Layout));
+
+  EXPECT_EQ(Get().error, ENOTRECOVERABLE);
+  ConfigPublisher(path_).Publish(RecordOf('a'));
+  EXPECT_EQ(ModeOf(Get()), "aa");
+}
+
+TEST_F(ConfigTest, PublisherNamesThePlaceItCannotWrite) {
+  std::ofstream(root_ + "/dev").flush();
+  try {
+    const ConfigPublisher publisher(path_);
+    FAIL() << "made a block under a file";
+  } catch (const std::runtime_error& error) {
+    EXPECT_THAT(error.what(), HasSubstr(root_ + "/dev"));
+  }
+}
+
+}  // namespace
+}  // namespace zelt

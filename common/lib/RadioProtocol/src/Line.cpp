@@ -1,0 +1,137 @@
+#include "Line.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/file.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <termios.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+namespace orka {
+namespace {
+
+struct Rate {
+  std::uint32_t bits_per_second;
+  speed_t code;
+};
+constexpr std::array kRates = std::to_array<Rate>({
+    {1200, B1200},       {2400, B2400},       {4800, B4800},       {9600, B9600},
+    {19200, B19200},     {38400, B38400},     {57600, B57600},     {115200, B115200},
+    {230400, B230400},   {460800, B460800},   {500000, B500000},   {576000, B576000},
+    {921600, B921600},   {1000000, B1000000}, {1152000, B1152000}, {1500000, B1500000},
+    {2000000, B2000000}, {2500000, B2500000}, {3000000, B3000000}, {3500000, B3500000},
+    {4000000, B4000000},
+});
+
+std::string SystemError(const std::string& what) {
+  return what + ": " + std::strerror(errno);
+}
+
+// The terminal modes of `settings`; false with `error` when they make no sense.
+bool MakeModes(const UartSettings& settings, termios& modes, std::string& error) {
+  const auto refuse = [&](const char* what, std::uint32_t value, const char* allowed) {
+    error = std::string(what) + " " + std::to_string(value) + " is not " + allowed;
+    return false;
+  };
+  const Rate* rate = nullptr;
+  for (const Rate& known : kRates) {
+    if (known.bits_per_second == settings.baud_rate) {
+      rate = &known;
+    }
+  }
+  if (rate == nullptr) {
+    return refuse("baud rate", settings.baud_rate, "a standard rate");
+  }
+  if (settings.stop_bits < 1 || settings.stop_bits > 2) {
+    return refuse("stop bits", settings.stop_bits, "1 or 2");
+  }
+  if (settings.data_bits != 8) {
+    return refuse("data bits", settings.data_bits, "8, the width of a frame's bytes");
+  }
+  if (settings.parity > 2) {
+    return refuse("parity", settings.parity, "0 (none), 1 (odd) or 2 (even)");
+  }
+  if (settings.flow_control > 1) {
+    return refuse("flow control", settings.flow_control, "0 (none) or 1 (RTS/CTS)");
+  }
+  if (settings.read_timeout > UINT8_MAX) {
+    return refuse("read timeout", settings.read_timeout, "0 to 255");
+  }
+  cfmakeraw(&modes);
+  cfsetspeed(&modes, rate->code);
+  modes.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS | CLOCAL);
+  modes.c_cflag |= CREAD | CS8;
+  modes.c_cflag |= settings.stop_bits == 2 ? CSTOPB : 0U;
+  modes.c_cflag |= settings.parity != 0 ? PARENB : 0U;
+  modes.c_cflag |= settings.parity == 1 ? PARODD : 0U;
+  modes.c_cflag |= settings.flow_control == 1 ? CRTSCTS : 0U;
+  modes.c_cflag |= settings.modem_control ? 0U : CLOCAL;
+  modes.c_iflag |= settings.parity != 0 ? INPCK : 0U;
+  // With VMIN 0 and VTIME 0 an empty line would read like a closed one.
+  modes.c_cc[VMIN] = 1;
+  modes.c_cc[VTIME] = static_cast<cc_t>(settings.read_timeout);
+  return true;
+}
+
+}  // namespace
+
+std::optional<Line> MakeTcpLine(const SocketSettings& settings, std::string& error) {
+  asio::error_code failure;
+  const auto address = asio::ip::make_address(settings.address, failure);
+  if (failure) {
+    error = "\"" + settings.address + "\" is no numeric address";
+    return std::nullopt;
+  }
+  if (settings.port == 0 || settings.port > UINT16_MAX) {
+    error = "port " + std::to_string(settings.port) + " is not 1 to 65535";
+    return std::nullopt;
+  }
+  Line line;
+  line.connect_to.emplace(address, static_cast<std::uint16_t>(settings.port));
+  line.name = (address.is_v6() ? "[" + settings.address + "]" : settings.address) + ":" +
+              std::to_string(settings.port);
+  line.fd = UniqueFd(::socket(line.connect_to->protocol().family(),
+                              SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+  if (!line.fd) {
+    error = SystemError("cannot create a socket");
+    return std::nullopt;
+  }
+  const int on = 1;
+  ::setsockopt(line.fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  return line;
+}
+
+std::optional<Line> OpenSerialLine(const UartSettings& settings, std::string& error) {
+  termios modes{};
+  if (!MakeModes(settings, modes, error)) {
+    return std::nullopt;
+  }
+  Line line;
+  line.name = settings.device;
+  line.fd = UniqueFd(::open(settings.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  const int fd = line.fd.Get();
+  if (!line.fd) {
+    error = SystemError("cannot open " + settings.device);
+    return std::nullopt;
+  }
+  // TIOCEXCL keeps later openers out, the lock those that had it open before and heed it, too.
+  if (settings.exclusive &&
+      (::flock(fd, LOCK_EX | LOCK_NB) != 0 || (::isatty(fd) != 0 && ::ioctl(fd, TIOCEXCL) != 0))) {
+    error = SystemError(settings.device + " is in use");
+    return std::nullopt;
+  }
+  if (termios before{}; ::tcgetattr(fd, &before) != 0 || ::tcsetattr(fd, TCSANOW, &modes) != 0) {
+    error = SystemError("cannot set up " + settings.device);
+    return std::nullopt;
+  }
+  ::tcflush(fd, TCIOFLUSH);
+  return line;
+}
+
+}  // namespace orka

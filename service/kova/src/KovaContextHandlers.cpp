@@ -474,8 +474,9 @@ void KovaContext::FailFileRequest(const char* function) {
     return;
   }
   ZELT_LOG_AS(function, kLogError, kContextLog) << Traits::kTimedOut;
-  const auto request = *std::exchange(pending, std::nullopt);
-  ToRadio(Traits::Failure(request), 0);
+  const auto failure = Traits::Failure(*pending);
+  pending.reset();
+  ToRadio(failure, 0);
 }
 
 void KovaContext::HandleFileAccessWriteRequest(const Kova::FileAccessWriteRequest& request) {

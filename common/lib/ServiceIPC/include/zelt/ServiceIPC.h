@@ -23,11 +23,13 @@ namespace zelt {
 // it returns.
 //
 // Nothing here throws for what happens on the bus: a peer that is absent, hung or refuses, and a
-// bus that is gone, become `false` in the future within 1 s. A future may be waited for on any
-// thread, the IPC thread included.
+// bus that is gone, become `false` in the future within 1 s, with the cause in the log. A future
+// may be waited for on any thread, the IPC thread included; there, nothing else is served
+// meanwhile.
 //
-// Limits: payload 16 MiB, type and topic 255 bytes, 1024 sends under way. What exceeds a limit is
-// logged at error level with the limit's name and value, and is `false` in the future.
+// Limits: payload 16 MiB; type and topic 1 to 255 letters, digits, '_', '-' and '.'; 1024 sends
+// under way. What exceeds a limit is logged at error level with the limit and its value, and is
+// `false` in the future; a callback for a malformed type or topic gets a closed handle.
 class ServiceIPC {
  public:
   struct MessageEnvelope {
@@ -50,7 +52,7 @@ class ServiceIPC {
     NotPermitted,   // the bus policy forbids it
     TimedOut,       // not delivered within 1 s, or not answered within the given time
     Disconnected,   // the connection to the bus is gone
-    Invalid,        // a limit or the form of a name was violated
+    Invalid,        // a limit, of ours or of the bus, or the form of a name was violated
   };
   struct Reply {
     Outcome outcome = Outcome::Disconnected;
@@ -63,8 +65,8 @@ class ServiceIPC {
 
   // Calls `callback` for every message of `typeName` until the handle is closed. With
   // `allowedSenders`, messages of any other sender are refused. An empty `typeName` takes what no
-  // other registration takes. A second registration of a type replaces the first for as long as
-  // it lives.
+  // other registration and no subscription takes. A second registration of a type replaces the
+  // first for as long as it lives.
   virtual AsyncCallbackHandle RegisterCallbackImpl(
       std::string_view typeName, std::optional<gsl::span<std::string_view>> allowedSenders,
       MessageCallback callback) = 0;
@@ -89,11 +91,14 @@ class ServiceIPC {
   virtual std::future<bool> PublishImpl(std::string_view topic, std::string_view payload) = 0;
 
   // Calls `callback` for every message published under `topic` (an empty topic: under any), and
-  // announces this subscriber to the publishers' subscribe handlers (not for the empty topic).
+  // announces this subscriber to the publishers' subscribe handlers (not for the empty topic). What
+  // they then send to this subscriber alone under the topic's name also reaches `callback`, unless
+  // a registration takes it. Every subscription of a process is called.
   virtual AsyncCallbackHandle SubscribeImpl(std::string_view topic, MessageCallback callback) = 0;
 
   // Sends a message and awaits the answer for `timeout` (zero: awaits none, as SendImpl, but with
-  // the cause when it fails).
+  // the cause when it fails). Only the connection that got the message may answer. Called on the
+  // IPC thread with a time-out, it is Invalid: that thread would have to receive the answer.
   virtual std::future<Reply> RequestImpl(std::string_view destination, std::string_view typeName,
                                          std::string_view payload,
                                          std::chrono::milliseconds timeout) = 0;

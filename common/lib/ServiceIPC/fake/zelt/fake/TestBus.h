@@ -1,0 +1,126 @@
+#pragma once
+
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace zelt::fake {
+
+// One process that a test starts, with its standard output and error in a file; killed with it.
+class ChildProcess {
+ public:
+  ChildProcess(std::vector<std::string> command, std::filesystem::path output)
+      : output_(std::move(output)) {
+    std::vector<char*> arguments;
+    for (auto& word : command) {
+      arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
+    std::ofstream(output_).close();  // there is something to read from the start
+    pid_ = fork();
+    if (pid_ == 0) {
+      prctl(PR_SET_PDEATHSIG, SIGKILL);
+      const int file = open(output_.c_str(), O_WRONLY | O_APPEND);
+      dup2(file, STDOUT_FILENO);
+      dup2(file, STDERR_FILENO);
+      execvp(arguments[0], arguments.data());
+      _exit(127);
+    }
+  }
+  ChildProcess(const ChildProcess&) = delete;
+  ChildProcess& operator=(const ChildProcess&) = delete;
+  ~ChildProcess() {
+    Signal(SIGKILL);
+    Wait();
+  }
+
+  void Signal(int signal) const {
+    if (!status_) {
+      kill(pid_, signal);
+    }
+  }
+
+  // Waits for its end: the exit status, or 128 + signal.
+  int Wait() {
+    int status = 0;
+    if (!status_ && waitpid(pid_, &status, 0) == pid_) {
+      status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+    }
+    return status_.value_or(-1);
+  }
+
+  std::string Output() const {
+    std::ostringstream text;
+    text << std::ifstream(output_).rdbuf();
+    return text.str();
+  }
+
+  // True once `part` stands in the output; false when that takes longer than 10 s.
+  bool WaitForOutput(const std::string& part) const {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (Output().find(part) == std::string::npos) {
+      if (std::chrono::steady_clock::now() > deadline) {
+        return false;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    return true;
+  }
+
+ private:
+  std::filesystem::path output_;
+  pid_t pid_ = -1;
+  std::optional<int> status_;
+};
+
+// A private bus in a temporary folder; ZELT_BUS_ADDRESS leads to it. Start it before any thread.
+class TestBus {
+ public:
+  TestBus() {
+    std::string path = (std::filesystem::temp_directory_path() / "zelt-bus-XXXXXX").string();
+    if (mkdtemp(path.data()) == nullptr) {
+      throw std::runtime_error("cannot create " + path);
+    }
+    folder_ = path;
+    address_ = "unix:path=" + path + "/bus";
+    setenv("ZELT_BUS_ADDRESS", address_.c_str(), 1);
+    daemon_.emplace(
+        std::vector<std::string>{"dbus-daemon", "--config-file=" KOVA_BUS_CONFIG, "--nofork",
+                                 "--nopidfile", "--print-address", "--address=" + address_},
+        folder_ / "bus.log");
+    if (!daemon_->WaitForOutput("guid=")) {
+      throw std::runtime_error("dbus-daemon does not start: " + daemon_->Output());
+    }
+  }
+  TestBus(const TestBus&) = delete;
+  TestBus& operator=(const TestBus&) = delete;
+  ~TestBus() {
+    Kill();
+    std::filesystem::remove_all(folder_);
+  }
+
+  const std::filesystem::path& Folder() const { return folder_; }
+  const std::string& Address() const { return address_; }
+  void Kill() { daemon_.reset(); }
+  void Signal(int signal) const { daemon_->Signal(signal); }
+
+ private:
+  std::filesystem::path folder_;
+  std::string address_;
+  std::optional<ChildProcess> daemon_;
+};
+
+}  // namespace zelt::fake

@@ -1,0 +1,111 @@
+#include "BusNames.h"
+
+#include "BusLimits.h"
+#include "SdBus.h"
+
+#include <algorithm>
+
+namespace zelt {
+
+namespace {
+
+constexpr std::string_view kServicePrefix = "zelt.service.";
+constexpr std::string_view kToolPrefix = "zelt.tool.";
+constexpr std::string_view kToolName = "zeltcli-";
+
+bool IsDigit(char c) {
+  return c >= '0' && c <= '9';
+}
+
+bool IsLetter(char c) {
+  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
+}
+
+bool IsTool(std::string_view name) {
+  return name.starts_with(kToolName) && name.size() > kToolName.size() &&
+         std::ranges::all_of(name.substr(kToolName.size()), IsDigit);
+}
+
+}  // namespace
+
+std::optional<std::string> BusNameOf(std::string_view service) {
+  std::string name(service);
+  if (!name.starts_with(':')) {
+    const bool claims_tool = name.starts_with(kToolName);
+    if ((claims_tool && !IsTool(name)) || name.find('.') != std::string::npos) {
+      return std::nullopt;
+    }
+    name.insert(0, claims_tool ? kToolPrefix : kServicePrefix);
+  }
+  if (name.find('\0') != std::string::npos || sd_bus_service_name_is_valid(name.c_str()) <= 0) {
+    return std::nullopt;
+  }
+  return name;
+}
+
+std::optional<std::string> ServiceNameOf(std::string_view bus_name) {
+  if (bus_name.starts_with(kServicePrefix)) {
+    bus_name.remove_prefix(kServicePrefix.size());
+    // A service that is called like a tool must not pass for one.
+    if (bus_name.starts_with(kToolName) || bus_name.find('.') != std::string_view::npos) {
+      return std::nullopt;
+    }
+    return std::string(bus_name);
+  }
+  if (bus_name.starts_with(kToolPrefix) && IsTool(bus_name.substr(kToolPrefix.size()))) {
+    return std::string(bus_name.substr(kToolPrefix.size()));
+  }
+  return std::nullopt;
+}
+
+bool IsTypeName(std::string_view name) {
+  return !name.empty() && name.size() <= kMaxTypeName && std::ranges::all_of(name, [](char c) {
+    return IsDigit(c) || IsLetter(c) || c == '_' || c == '-' || c == '.';
+  });
+}
+
+void NameMap::Set(std::string_view bus_name, std::string_view owner) {
+  if (!ServiceNameOf(bus_name)) {
+    return;
+  }
+  if (const auto known = owners_.find(bus_name); known != owners_.end()) {
+    const auto names = names_.find(known->second);
+    names->second.erase(known->first);
+    if (names->second.empty()) {
+      names_.erase(names);
+    }
+    owners_.erase(known);
+  }
+  if (!owner.empty()) {
+    owners_.emplace(bus_name, owner);
+    names_[std::string(owner)].emplace(bus_name);
+  }
+}
+
+std::string NameMap::OwnerOf(std::string_view bus_name) const {
+  if (bus_name.starts_with(':')) {
+    return std::string(bus_name);
+  }
+  const auto known = owners_.find(bus_name);
+  return known == owners_.end() ? std::string() : known->second;
+}
+
+std::string NameMap::SenderName(std::string_view connection) const {
+  const auto names = names_.find(connection);
+  return names == names_.end() ? std::string(connection) : *ServiceNameOf(*names->second.begin());
+}
+
+bool NameMap::OwnsService(std::string_view connection) const {
+  const auto names = names_.find(connection);
+  return names != names_.end() && names->second.begin()->starts_with(kServicePrefix);
+}
+
+std::vector<std::string> NameMap::All() const {
+  std::vector<std::string> all;
+  for (const auto& [name, owner] : owners_) {
+    all.push_back(*ServiceNameOf(name));
+  }
+  return all;
+}
+
+}  // namespace zelt

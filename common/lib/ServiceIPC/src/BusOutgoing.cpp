@@ -1,0 +1,400 @@
+// Messages on their way out: checked and copied on the caller's thread, sent on the loop's.
+#include "BusConnectionImpl.h"
+#include "BusLimits.h"
+#include "LogCategory.h"
+#include "zelt/LogClient.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <utility>
+
+namespace zelt {
+
+namespace {
+
+using Outcome = ServiceIPC::Outcome;
+
+struct ErrorName {
+  std::string_view name;
+  Outcome outcome;
+};
+// What stands in an error reply; every other name means that the peer did not take the message.
+constexpr std::array kErrorNames = {
+    ErrorName{SD_BUS_ERROR_NAME_HAS_NO_OWNER, Outcome::NoSuchService},
+    ErrorName{SD_BUS_ERROR_SERVICE_UNKNOWN, Outcome::NoSuchService},
+    ErrorName{SD_BUS_ERROR_ACCESS_DENIED, Outcome::NotPermitted},
+    ErrorName{SD_BUS_ERROR_NO_REPLY, Outcome::TimedOut},
+    ErrorName{SD_BUS_ERROR_TIMEOUT, Outcome::TimedOut},
+    ErrorName{SD_BUS_ERROR_DISCONNECTED, Outcome::Disconnected},
+    ErrorName{SD_BUS_ERROR_INVALID_ARGS, Outcome::Invalid},
+    ErrorName{SD_BUS_ERROR_LIMITS_EXCEEDED, Outcome::Invalid},
+};
+
+// What a system call of sd-bus says when it could not even send.
+Outcome OutcomeOf(int error) {
+  switch (error) {
+    case ENOTCONN:
+    case ECONNRESET:
+    case EPIPE:
+    case ESHUTDOWN:
+      return Outcome::Disconnected;
+    case ETIMEDOUT:
+    case ENOBUFS:
+      return Outcome::TimedOut;
+    default:
+      return Outcome::Invalid;
+  }
+}
+
+bool IsGood(Outcome outcome) {
+  return outcome == Outcome::Delivered || outcome == Outcome::Answered;
+}
+
+}  // namespace
+
+std::pair<UniqueFunction<void(ServiceIPC::Reply)>, std::future<bool>>
+BusConnectionImpl::BoolPromise() {
+  std::promise<bool> promise;
+  auto future = promise.get_future();
+  return {[promise = std::move(promise)](const Reply& reply) mutable {
+            promise.set_value(IsGood(reply.outcome));
+          },
+          std::move(future)};
+}
+
+std::future<bool> BusConnectionImpl::SendImpl(std::string_view destination,
+                                              std::string_view typeName, std::string_view payload) {
+  auto [report, future] = BoolPromise();
+  const auto bus_name = BusNameOf(destination);
+  Transmit({Kind::Send, bus_name ? *bus_name : std::string_view(), typeName, payload}, destination,
+           std::move(report));
+  return std::move(future);
+}
+
+std::future<bool> BusConnectionImpl::SendResponseImpl(const MessageEnvelope& envelope,
+                                                      std::string_view typeName,
+                                                      std::string_view payload) {
+  auto [report, future] = BoolPromise();
+  const bool is_connection = envelope.connection.starts_with(':');
+  Transmit({Kind::Respond, is_connection ? envelope.connection : std::string_view(), typeName,
+            payload, envelope.request},
+           envelope.sender, std::move(report));
+  return std::move(future);
+}
+
+std::future<bool> BusConnectionImpl::PublishImpl(std::string_view topic, std::string_view payload) {
+  auto [report, future] = BoolPromise();
+  Transmit({Kind::Publish, {}, topic, payload}, "every subscriber", std::move(report));
+  return std::move(future);
+}
+
+std::future<ServiceIPC::Reply> BusConnectionImpl::RequestImpl(std::string_view destination,
+                                                              std::string_view typeName,
+                                                              std::string_view payload,
+                                                              std::chrono::milliseconds timeout) {
+  std::promise<Reply> promise;
+  auto future = promise.get_future();
+  const auto bus_name = BusNameOf(destination);
+  Transmit({Kind::Send, bus_name ? *bus_name : std::string_view(), typeName, payload, 0,
+            std::clamp(timeout, timeout.zero(), std::chrono::milliseconds(kLongestAnswerTime))},
+           destination, [promise = std::move(promise)](Reply reply) mutable {
+             promise.set_value(std::move(reply));
+           });
+  return future;
+}
+
+void BusConnectionImpl::Transmit(const Outgoing& outgoing, std::string_view peer,
+                                 UniqueFunction<void(Reply)> report) {
+  static constexpr std::array kVerbs = {"Send", "Response", "Publish"};
+  Completion<Reply> done(
+      [kind = kVerbs[static_cast<std::size_t>(outgoing.kind)], type = std::string(outgoing.type),
+       peer = std::string(peer), report = std::move(report)](Reply reply) mutable {
+        if (!IsGood(reply.outcome)) {
+          ZELT_LOG(reply.outcome == Outcome::Invalid ? kLogError : kLogWarning, kIpcLogCategory)
+              << kind << " [" << type << "] to [" << peer << "] failed: " << reply.error;
+        }
+        report(std::move(reply));
+      },
+      &under_way_);
+  const std::size_t under_way = under_way_.fetch_add(1);
+  const auto refuse = [&done](const std::string& why) { done({Outcome::Invalid, "", "", why}); };
+  if (under_way >= kMaxSendsUnderWay) {
+    return refuse("limit of " + std::to_string(kMaxSendsUnderWay) + " sends under way reached");
+  }
+  if (!IsTypeName(outgoing.type)) {
+    return refuse("a type or topic has 1 to " + std::to_string(kMaxTypeName) +
+                  " letters, digits, '_', '-' and '.', this one is " +
+                  std::to_string(outgoing.type.size()) + " bytes long");
+  }
+  if (outgoing.payload.size() > kMaxPayload) {
+    return refuse("payload of " + std::to_string(outgoing.payload.size()) +
+                  " bytes exceeds the limit of " + std::to_string(kMaxPayload));
+  }
+  if (outgoing.kind != Kind::Publish && outgoing.bus_name.empty()) {
+    return refuse("this is the name of no service, tool or connection");
+  }
+  if (outgoing.kind == Kind::Respond && outgoing.request == 0) {
+    return done({Outcome::Delivered, "", "", ""});  // nobody waits for it
+  }
+
+  Outgoing timed = outgoing;
+  timed.start = TimerQueue::Now();
+  if (loop_.IsOnLoop()) {
+    if (outgoing.answer_time.count() > 0) {
+      return refuse(
+          "an answer cannot be awaited on the IPC thread, which would have to receive it");
+    }
+    return Deliver(timed, true, std::move(done));
+  }
+  loop_.Post([this, timed, bus_name = std::string(timed.bus_name), type = std::string(timed.type),
+              payload = std::string(timed.payload), done = std::move(done)]() mutable {
+    timed.bus_name = bus_name;
+    timed.type = type;
+    timed.payload = payload;
+    Deliver(timed, false, std::move(done));
+  });
+}
+
+int BusConnectionImpl::NewMessage(const Outgoing& outgoing, std::uint64_t request,
+                                  MessagePtr& message) {
+  const std::string bus_name(outgoing.bus_name);
+  const std::string type(outgoing.type);
+  sd_bus_message* raw = nullptr;
+  int result =
+      outgoing.kind == Kind::Publish
+          ? sd_bus_message_new_signal(bus_.get(), &raw, kObjectPath, kInterface, "Published")
+          : sd_bus_message_new_method_call(bus_.get(), &raw, bus_name.c_str(), kObjectPath,
+                                           kInterface,
+                                           outgoing.kind == Kind::Send ? "Send" : "Respond");
+  message.reset(raw);
+  if (result >= 0) {
+    result = sd_bus_message_set_auto_start(raw, 0);
+  }
+  if (result >= 0 && outgoing.kind == Kind::Respond) {
+    result = sd_bus_message_append(raw, "t", outgoing.request);
+  }
+  if (result >= 0) {
+    result = sd_bus_message_append(raw, "s", type.c_str());
+  }
+  if (result >= 0) {
+    result =
+        sd_bus_message_append_array(raw, 'y', outgoing.payload.data(), outgoing.payload.size());
+  }
+  if (result >= 0 && outgoing.kind == Kind::Send) {
+    result = sd_bus_message_append(raw, "t", request);
+  }
+  return result;
+}
+
+void BusConnectionImpl::Deliver(const Outgoing& outgoing, bool waits, Completion<Reply> done) {
+  const bool awaits_answer = outgoing.answer_time.count() > 0;
+  const std::uint64_t id = awaits_answer ? ++last_id_ : 0;
+  MessagePtr message;
+  int result = NewMessage(outgoing, id, message);
+  if (result >= 0 && outgoing.kind == Kind::Publish) {
+    result = sd_bus_send(bus_.get(), message.get(), nullptr);
+  }
+  if (result < 0) {
+    return done({IsOpen() ? OutcomeOf(-result) : Outcome::Disconnected, "", "",
+                 "the bus does not take it: " + ErrorText(result)});
+  }
+  if (outgoing.kind == Kind::Publish) {
+    return done({Outcome::Delivered, "", "", ""});
+  }
+  if (waits && names_.OwnerOf(outgoing.bus_name) == unique_name_) {
+    return DeliverToSelf(outgoing, message.get(), std::move(done));
+  }
+
+  auto deadline = outgoing.start + kDeliveryTime;
+  if (!awaits_answer) {
+    return Invoke(message.get(), deadline, waits,
+                  [kind = outgoing.kind, done = std::move(done)](const CallResult& call) mutable {
+                    done(ToReply(call, kind));
+                  });
+  }
+  const auto answer_deadline = outgoing.start + outgoing.answer_time;
+  deadline = std::min(deadline, answer_deadline);
+  auto& request = requests_.emplace(id, Request(std::move(done))).first->second;
+  request.bus_name = outgoing.bus_name;
+  request.peer = names_.OwnerOf(outgoing.bus_name);
+  request.deadline = loop_.AddTimer(
+      "answer",
+      [this, id, time = outgoing.answer_time] {
+        FinishRequest(id, {Outcome::TimedOut, "", "",
+                           "no answer within " + std::to_string(time.count()) + " ms"});
+      },
+      answer_deadline - TimerQueue::Now(), false);
+  Invoke(message.get(), deadline, waits, [this, id](const CallResult& call) {
+    auto reply = ToReply(call, Kind::Send);
+    if (!IsGood(reply.outcome)) {
+      return FinishRequest(id, std::move(reply));
+    }
+    if (const auto waiting = requests_.find(id); waiting != requests_.end()) {
+      waiting->second.peer = sd_bus_message_get_sender(call.reply);
+      waiting->second.delivered = true;
+    }
+  });
+}
+
+// A callback that sends to its own process cannot wait for itself: the message takes its turn on
+// the bus, and whether it will be taken is decided here.
+void BusConnectionImpl::DeliverToSelf(const Outgoing& outgoing, sd_bus_message* message,
+                                      Completion<Reply> done) {
+  bool taken = false;
+  if (outgoing.kind == Kind::Respond) {
+    taken = AcceptResponse(unique_name_, outgoing.request, outgoing.type, outgoing.payload);
+  } else {
+    taken = !FindReceivers(outgoing.type, names_.SenderName(unique_name_)).empty() &&
+            sd_bus_message_set_expect_reply(message, 0) >= 0 &&
+            sd_bus_send(bus_.get(), message, nullptr) >= 0;
+  }
+  done(taken ? Reply{Outcome::Delivered, "", "", ""}
+             : Reply{Outcome::NotTaken, "", "", "this process does not take it itself"});
+}
+
+ServiceIPC::Reply BusConnectionImpl::ToReply(const CallResult& call, Kind kind) {
+  Reply reply{call.outcome, "", "", call.error};
+  int taken = 0;
+  if (call.outcome == Outcome::Delivered &&
+      (sd_bus_message_read(call.reply, "b", &taken) < 0 || taken == 0)) {
+    reply.outcome = Outcome::NotTaken;
+    reply.error = kind == Kind::Send ? "the receiver has no callback for it, or refuses this sender"
+                                     : "the asker does not await it any more";
+  }
+  return reply;
+}
+
+void BusConnectionImpl::FinishRequest(std::uint64_t id, Reply reply) {
+  if (auto waiting = requests_.extract(id)) {
+    waiting.mapped().done(std::move(reply));
+  }
+}
+
+// Calls a method of a peer; `handler` is told how it ended. No deadline: when the peer answers or
+// leaves the bus. With `waits`, all of it before this returns.
+void BusConnectionImpl::Invoke(sd_bus_message* message, std::optional<Time> deadline, bool waits,
+                               CallHandler handler) {
+  const auto left = deadline ? *deadline - TimerQueue::Now() : std::chrono::microseconds::max();
+  if (left <= left.zero()) {
+    return handler({Outcome::TimedOut, nullptr, "the IPC thread was held up for too long"});
+  }
+  if (waits) {
+    BusError error;
+    sd_bus_message* raw = nullptr;
+    const int result = sd_bus_call(bus_.get(), message, static_cast<std::uint64_t>(left.count()),
+                                   &error.error, &raw);
+    const MessagePtr reply(raw);
+    return handler(ToResult(raw, result, &error.error));
+  }
+  const std::uint64_t id = ++last_id_;
+  auto& call = calls_[id];
+  call.self = this;
+  call.id = id;
+  call.handler = std::move(handler);
+  sd_bus_slot* slot = nullptr;
+  const int result =
+      sd_bus_call_async(bus_.get(), &slot, message, &BusConnectionImpl::OnReply, &call, UINT64_MAX);
+  call.slot.reset(slot);
+  if (result < 0) {
+    return FinishCall(id, ToResult(nullptr, result, nullptr));
+  }
+  if (deadline) {
+    call.deadline = loop_.AddTimer(
+        "delivery",
+        [this, id] { FinishCall(id, {Outcome::TimedOut, nullptr, "the receiver does not react"}); },
+        left, false);
+  }
+}
+
+int BusConnectionImpl::OnReply(sd_bus_message* reply, void* call, sd_bus_error*) noexcept {
+  auto& pending = *static_cast<Call*>(call);
+  BusConnectionImpl& self = *pending.self;
+  self.FinishCall(pending.id, self.ToResult(reply, 0, sd_bus_message_get_error(reply)));
+  return 0;
+}
+
+void BusConnectionImpl::FinishCall(std::uint64_t id, const CallResult& result) {
+  if (auto call = calls_.extract(id)) {
+    call.mapped().handler(result);
+  }
+}
+
+BusConnectionImpl::CallResult BusConnectionImpl::ToResult(sd_bus_message* reply, int result,
+                                                          const sd_bus_error* error) const {
+  if (result >= 0 && (error == nullptr || error->name == nullptr)) {
+    return {Outcome::Delivered, reply, ""};
+  }
+  const std::string text =
+      error != nullptr && error->message != nullptr ? error->message : ErrorText(result);
+  if (!IsOpen()) {
+    return {Outcome::Disconnected, nullptr, text};
+  }
+  if (error == nullptr || error->name == nullptr) {
+    return {OutcomeOf(-result), nullptr, text};
+  }
+  const auto* known = std::ranges::find(kErrorNames, error->name, &ErrorName::name);
+  return {known == kErrorNames.end() ? Outcome::NotTaken : known->outcome, nullptr, text};
+}
+
+void BusConnectionImpl::SetState(std::uint32_t state) {
+  if (own_bus_name_.empty() || state_.exchange(state) == state) {
+    return;
+  }
+  loop_.Post([this] {
+    if (!lost_) {
+      sd_bus_emit_properties_changed(bus_.get(), kObjectPath, kInterface, "State", nullptr);
+    }
+  });
+}
+
+std::future<BusConnection::StateReply> BusConnectionImpl::QueryState(std::string_view service,
+                                                                     Seconds timeout) {
+  std::promise<StateReply> promise;
+  auto future = promise.get_future();
+  Completion<StateReply> done(
+      [promise = std::move(promise)](StateReply reply) mutable {
+        promise.set_value(std::move(reply));
+      },
+      nullptr);
+  auto bus_name = BusNameOf(service);
+  if (!bus_name) {
+    done({Outcome::Invalid, 0, "this is the name of no service or tool"});
+    return future;
+  }
+  const auto limit = std::clamp(timeout, Seconds(0), Seconds(kLongestAnswerTime));
+  const auto deadline = TimerQueue::Now() + std::chrono::ceil<std::chrono::microseconds>(limit);
+  auto ask = [this, deadline, waits = loop_.IsOnLoop(), bus_name = std::move(*bus_name),
+              done = std::move(done)]() mutable {
+    const auto message = NewStateQuery(bus_name);
+    Invoke(message.get(), deadline, waits,
+           [done = std::move(done)](const CallResult& call) mutable {
+             StateReply reply{call.outcome, 0, call.error};
+             if (call.outcome == Outcome::NoSuchService) {
+               reply = {Outcome::Delivered, 0, ""};
+             } else if (call.outcome == Outcome::Delivered &&
+                        sd_bus_message_read(call.reply, "v", "u", &reply.state) < 0) {
+               reply = {Outcome::NotTaken, 0, "its State is no unsigned number"};
+             }
+             done(std::move(reply));
+           });
+  };
+  if (loop_.IsOnLoop()) {
+    ask();
+  } else {
+    loop_.Post(std::move(ask));
+  }
+  return future;
+}
+
+MessagePtr BusConnectionImpl::NewStateQuery(const std::string& bus_name) {
+  sd_bus_message* raw = nullptr;
+  if (sd_bus_message_new_method_call(bus_.get(), &raw, bus_name.c_str(), kObjectPath,
+                                     "org.freedesktop.DBus.Properties", "Get") >= 0) {
+    sd_bus_message_set_auto_start(raw, 0);
+    sd_bus_message_append(raw, "ss", kInterface, "State");
+  }
+  return MessagePtr(raw);
+}
+
+}  // namespace zelt

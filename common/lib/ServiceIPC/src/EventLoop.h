@@ -1,0 +1,88 @@
+#pragma once
+
+#include "SdBus.h"
+#include "TimerQueue.h"
+#include "zelt/AsyncCallbackHandle.h"
+#include "zelt/UniqueFunction.h"
+
+#include <atomic>
+#include <initializer_list>
+#include <memory>
+#include <mutex>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+namespace zelt {
+
+// The IPC thread of a process: one event loop with posted work, timers and signals.
+//
+//   constructed -> Start() -> running -> Stop() -> stopped, for good
+//
+// Any thread may post work and add timers at any time; what is posted after Stop() is destroyed
+// unrun. Stop() and the destructor must not be called on the loop's own thread.
+class EventLoop {
+ public:
+  // Throws std::runtime_error when the kernel refuses an event loop.
+  EventLoop();
+  EventLoop(const EventLoop&) = delete;
+  EventLoop& operator=(const EventLoop&) = delete;
+  ~EventLoop();
+
+  // For whoever adds sources of its own: before Start(), or on the loop's thread.
+  sd_event* Event() const { return event_.get(); }
+
+  // The thread starts with all signals blocked: they stay with the thread that had them.
+  void Start();
+
+  // Runs everything that was posted before, then `last`, all on the loop's thread, and joins it.
+  void Stop(UniqueFunction<void()> last);
+
+  bool IsOnLoop() const { return std::this_thread::get_id() == thread_id_.load(); }
+
+  // Runs `work` on the loop's thread, in the order of posting. False when the loop has stopped;
+  // `work` is then destroyed on the calling thread. One system call, or none when the loop already
+  // has work.
+  bool Post(UniqueFunction<void()> work);
+
+  // The same, and waits until it has run; on the loop's thread it runs at once.
+  bool PostAndWait(UniqueFunction<void()> work);
+
+  AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
+                               TimerQueue::Seconds interval, bool periodic);
+
+  // Calls `callback` on the loop's thread for every such signal. The caller has blocked the
+  // signals before any thread was started.
+  AsyncCallbackHandle WatchSignals(std::initializer_list<int> signals,
+                                   UniqueFunction<void(int)> callback);
+
+ private:
+  static int OnWake(sd_event_source* source, int descriptor, std::uint32_t events, void* self);
+  static int OnTime(sd_event_source* source, std::uint64_t now, void* self);
+  static int OnSignal(sd_event_source* source, const signalfd_siginfo* signal, void* self);
+  bool Enqueue(UniqueFunction<void()> work, bool is_last);
+  void RunPosted();
+  void Arm();
+  void Loop();
+
+  // constant after construction
+  EventPtr event_;
+  std::shared_ptr<TimerQueue> timers_ = std::make_shared<TimerQueue>();
+  int wake_ = -1;  // an eventfd
+  EventSourcePtr wake_source_;
+  EventSourcePtr time_source_;
+
+  std::thread thread_;  // touched by whoever starts and stops
+  std::atomic<std::thread::id> thread_id_{};
+
+  // touched by the loop's thread only
+  std::vector<EventSourcePtr> signal_sources_;
+  std::shared_ptr<RevocableCallback<int>> on_signal_;
+
+  std::mutex mutex_;
+  // guarded by mutex_
+  std::vector<UniqueFunction<void()>> posted_;
+  bool closed_ = false;
+};
+
+}  // namespace zelt

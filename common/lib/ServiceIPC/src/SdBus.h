@@ -1,0 +1,49 @@
+#pragma once
+
+#include <systemd/sd-bus.h>
+#include <systemd/sd-event.h>
+
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+namespace zelt {
+
+// Owners of what sd-bus and sd-event hand out. Their reference counts are not atomic: everything
+// that belongs to one connection is released on its IPC thread, or when that thread is gone.
+template <class T, T* (*Unref)(T*)>
+struct Unreferencer {
+  void operator()(T* object) const { Unref(object); }
+};
+using BusPtr = std::unique_ptr<sd_bus, Unreferencer<sd_bus, sd_bus_unref>>;
+using SlotPtr = std::unique_ptr<sd_bus_slot, Unreferencer<sd_bus_slot, sd_bus_slot_unref>>;
+using MessagePtr =
+    std::unique_ptr<sd_bus_message, Unreferencer<sd_bus_message, sd_bus_message_unref>>;
+using EventPtr = std::unique_ptr<sd_event, Unreferencer<sd_event, sd_event_unref>>;
+using EventSourcePtr =
+    std::unique_ptr<sd_event_source, Unreferencer<sd_event_source, sd_event_source_unref>>;
+
+struct BusError {
+  BusError() = default;
+  BusError(const BusError&) = delete;
+  BusError& operator=(const BusError&) = delete;
+  ~BusError() { sd_bus_error_free(&error); }
+
+  sd_bus_error error{};
+};
+
+inline std::string ErrorText(int result) {
+  return std::strerror(result < 0 ? -result : result);
+}
+
+// Passes a result through; a negative one throws std::runtime_error with what was tried and why
+// it failed.
+inline int Check(int result, const std::string& what) {
+  if (result < 0) {
+    throw std::runtime_error(what + ": " + ErrorText(result));
+  }
+  return result;
+}
+
+}  // namespace zelt

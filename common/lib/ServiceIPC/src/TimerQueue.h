@@ -1,0 +1,68 @@
+#pragma once
+
+#include "zelt/AsyncCallbackHandle.h"
+#include "zelt/RevocableCallback.h"
+#include "zelt/UniqueFunction.h"
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace zelt {
+
+// The timers of one IPC thread, by deadline and, for equal deadlines, in the order of setting.
+//
+// Any thread may add timers and close their handles; one thread runs those that are due. Shared by
+// the handles, so that they may outlive the loop. It knows no clock: the caller tells the time.
+class TimerQueue : public std::enable_shared_from_this<TimerQueue> {
+ public:
+  // Whole microseconds, as the event loop counts: a timer never runs early by a rounded fraction.
+  using Time = std::chrono::time_point<std::chrono::steady_clock, std::chrono::microseconds>;
+  using Seconds = std::chrono::duration<double>;
+
+  static Time Now() {
+    return std::chrono::floor<std::chrono::microseconds>(std::chrono::steady_clock::now());
+  }
+
+  // The handle, and whether somebody must wake the loop because this is now the first to run. (A
+  // closed timer leaves the loop armed: it wakes in vain, once, which costs less than disarming.)
+  std::pair<AsyncCallbackHandle, bool> Add(std::string_view name, UniqueFunction<void()> callback,
+                                           Time now, Seconds interval, bool periodic);
+
+  // When the loop must wake next.
+  std::optional<Time> NextWake() const;
+
+  // Runs what is due at `now`. What the callbacks themselves set runs in a later call.
+  void RunDue(Time now);
+
+ private:
+  struct Entry {
+    Entry(std::string_view timer_name, UniqueFunction<void()> function)
+        : name(timer_name), callback(std::move(function)) {}
+
+    const std::string name;
+    RevocableCallback<> callback;
+    // guarded by mutex_
+    Time deadline;
+    std::uint64_t sequence = 0;
+    std::optional<std::chrono::microseconds> period;
+  };
+  using Key = std::pair<Time, std::uint64_t>;
+
+  void Insert(const std::shared_ptr<Entry>& entry, Time deadline);
+  void Remove(const std::shared_ptr<Entry>& entry);
+
+  mutable std::mutex mutex_;
+  // guarded by mutex_
+  std::map<Key, std::shared_ptr<Entry>> waiting_;
+  std::uint64_t sequence_ = 0;
+  std::optional<Time> armed_;
+};
+
+}  // namespace zelt

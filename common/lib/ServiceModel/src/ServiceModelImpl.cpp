@@ -1,0 +1,70 @@
+#include "ServiceModelImpl.h"
+
+#include <future>
+#include <stdexcept>
+#include <utility>
+
+namespace zelt {
+
+std::shared_ptr<ServiceModel> ServiceModel::Create() {
+  return std::make_shared<ServiceModelImpl>(BusConnection::Open(""));
+}
+
+std::shared_ptr<ServiceModel> ServiceModel::Create(std::string_view name) {
+  if (name.empty()) {
+    throw std::runtime_error("the name of a service must not be empty");
+  }
+  return std::make_shared<ServiceModelImpl>(BusConnection::Open(name));
+}
+
+ServiceModelImpl::ServiceModelImpl(std::shared_ptr<BusConnection> connection)
+    : connection_(std::move(connection)) {}
+
+std::shared_ptr<ServiceIPC> ServiceModelImpl::GetServiceIPC() {
+  return connection_;
+}
+
+AsyncCallbackHandle ServiceModelImpl::AddTimer(std::string_view name,
+                                               UniqueFunction<void()> callback, Seconds interval,
+                                               bool periodic) {
+  return connection_->AddTimer(name, std::move(callback), interval, periodic);
+}
+
+service_state::State ServiceModelImpl::GetServiceState(std::string_view service, Seconds timeout) {
+  const auto reply = connection_->QueryState(service, timeout).get();
+  if (reply.outcome != ServiceIPC::Outcome::Delivered) {
+    throw std::runtime_error("cannot get the state of service \"" + std::string(service) +
+                             "\": " + reply.error);
+  }
+  return static_cast<service_state::State>(reply.state);
+}
+
+void ServiceModelImpl::SetMyServiceState(service_state::State state) {
+  connection_->SetState(static_cast<std::uint32_t>(state));
+}
+
+AsyncCallbackHandle ServiceModelImpl::WatchServiceState(
+    std::string_view service, UniqueFunction<void(service_state::State)> callback) {
+  return connection_->WatchState(service,
+                                 [callback = std::move(callback)](std::uint32_t state) mutable {
+                                   callback(static_cast<service_state::State>(state));
+                                 });
+}
+
+std::vector<ServiceModel::ServiceInfo> ServiceModelImpl::ListServices(Seconds timeout) {
+  const auto names = connection_->ListNames();
+  std::vector<std::future<BusConnection::StateReply>> replies;
+  replies.reserve(names.size());
+  for (const auto& name : names) {
+    replies.push_back(connection_->QueryState(name, timeout));
+  }
+  std::vector<ServiceInfo> services;
+  for (std::size_t i = 0; i < names.size(); ++i) {
+    const auto reply = replies[i].get();
+    services.push_back({names[i], static_cast<service_state::State>(reply.state),
+                        reply.outcome == ServiceIPC::Outcome::Delivered});
+  }
+  return services;
+}
+
+}  // namespace zelt

@@ -1,0 +1,169 @@
+#include "zelt/ServiceModel.h"
+#include "zelt/fake/TestBus.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <mutex>
+
+namespace zelt {
+namespace {
+
+using service_state::State;
+using testing::HasSubstr;
+using std::chrono_literals::operator""s;
+
+class RunnerTest : public testing::Test {
+ protected:
+  void Start(std::vector<std::string> arguments) {
+    arguments.insert(arguments.begin(), KOVA_TEST_SERVICE);
+    service_.emplace(arguments, bus_.Folder() / "service.log");
+  }
+  // From now on, notes the states that the service goes through.
+  void Watch() {
+    model_ = ServiceModel::Create("zeltcli-1");
+    watch_ = model_->WatchServiceState("Tested", [this](State state) {
+      const std::lock_guard lock(mutex_);
+      states_.push_back(state);
+      changed_.notify_all();
+    });
+  }
+  bool WaitForState(State state) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, 10s, [&] { return std::ranges::count(states_, state) > 0; });
+  }
+
+  fake::TestBus bus_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  std::vector<State> states_;  // guarded by mutex_
+  std::optional<fake::ChildProcess> service_;
+  std::shared_ptr<ServiceModel> model_;
+  AsyncCallbackHandle watch_;
+};
+
+TEST_F(RunnerTest, WaitsForDependencyRunsAndStops) {
+  Watch();
+  Start({"serve", "Config"});
+  EXPECT_TRUE(service_->WaitForOutput("Tested waits for: Config (NOT_RUNNING)"));
+  EXPECT_TRUE(WaitForState(State::WaitingForDependencies));
+  const auto config = ServiceModel::Create("Config");
+  config->SetMyServiceState(State::Starting);
+  EXPECT_TRUE(service_->WaitForOutput("Tested waits for: Config (STARTING)"));
+  EXPECT_THAT(service_->Output(), testing::Not(HasSubstr("running")));
+  config->SetMyServiceState(State::Ready);
+  EXPECT_TRUE(WaitForState(State::Ready));
+  service_->Signal(SIGTERM);
+  EXPECT_EQ(service_->Wait(), 0);
+  EXPECT_TRUE(WaitForState(State::Stopped));
+  EXPECT_THAT(service_->Output(), HasSubstr("dying"));
+  EXPECT_EQ(model_->GetServiceState("Tested", 1s), State::NotRunning);
+}
+
+TEST_F(RunnerTest, SignalEndsTheWaitForADependency) {
+  Start({"serve", "Config"});
+  EXPECT_TRUE(service_->WaitForOutput("waits for"));
+  service_->Signal(SIGINT);
+  EXPECT_EQ(service_->Wait(), 0);
+  EXPECT_THAT(service_->Output(), testing::Not(HasSubstr("running")));
+}
+
+TEST_F(RunnerTest, SignalBeforeDoRunStopsTheService) {
+  Start({"signal-in-factory"});
+  EXPECT_EQ(service_->Wait(), 0);
+  EXPECT_THAT(service_->Output(), HasSubstr("dying"));
+}
+
+TEST_F(RunnerTest, SecondSignalEndsAServiceThatDoesNotStop) {
+  Start({"stuck"});
+  EXPECT_TRUE(service_->WaitForOutput("running"));
+  service_->Signal(SIGTERM);
+  EXPECT_TRUE(service_->WaitForOutput("dying"));
+  service_->Signal(SIGTERM);
+  EXPECT_EQ(service_->Wait(), 128 + SIGTERM);
+}
+
+TEST_F(RunnerTest, StopsOnlyWhenShutdownDependenciesAreGone) {
+  Watch();
+  const auto config = ServiceModel::Create("Config");
+  config->SetMyServiceState(State::Ready);
+  auto audio = ServiceModel::Create("Audio");
+  audio->SetMyServiceState(State::Ready);
+  Start({"serve", "Config", "Audio"});
+  EXPECT_TRUE(WaitForState(State::Ready));
+  service_->Signal(SIGTERM);
+  EXPECT_TRUE(WaitForState(State::Stopping));
+  EXPECT_THAT(service_->Output(), testing::Not(HasSubstr("dying")));
+  audio.reset();
+  EXPECT_EQ(service_->Wait(), 0);
+}
+
+TEST_F(RunnerTest, LostBusStopsTheServiceWithFailure) {
+  Start({"serve"});
+  EXPECT_TRUE(service_->WaitForOutput("running"));
+  bus_.Kill();
+  EXPECT_EQ(service_->Wait(), 1);
+  EXPECT_THAT(service_->Output(), HasSubstr("Lost the connection to the bus at "));
+  EXPECT_THAT(service_->Output(), HasSubstr("dying"));
+  Start({"serve"});
+  EXPECT_EQ(service_->Wait(), 1);
+  EXPECT_THAT(service_->Output(), HasSubstr("Cannot start service Tested: cannot connect to"));
+}
+
+TEST_F(RunnerTest, TakenNameIsRefused) {
+  const auto other = ServiceModel::Create("Tested");
+  Start({"serve"});
+  EXPECT_EQ(service_->Wait(), 1);
+  EXPECT_THAT(service_->Output(), HasSubstr("the name zelt.service.Tested is taken"));
+}
+
+TEST_F(RunnerTest, ExceptionsEndTheProcessWithFailure) {
+  const struct {
+    std::string mode, error;
+    bool needs_signal;
+  } kCases[] = {
+      {"factory-throws", "Failed to create service Tested: cannot create", false},
+      {"factory-gives-none", "Failed to create service Tested: the factory gave none", false},
+      {"run-throws", "Failed to run service Tested: cannot run", false},
+      {"run-throws-late", "Failed to run service Tested: cannot go on", true},
+      {"die-throws", "Failed to stop service Tested: cannot die", true},
+  };
+  for (const auto& [mode, error, needs_signal] : kCases) {
+    Watch();
+    Start({mode});
+    if (needs_signal) {
+      EXPECT_TRUE(service_->WaitForOutput("running"));
+      service_->Signal(SIGTERM);
+    }
+    EXPECT_EQ(service_->Wait(), 1) << mode;
+    EXPECT_THAT(service_->Output(), HasSubstr(error));
+    EXPECT_TRUE(WaitForState(State::Failed)) << mode;
+    watch_.Close();
+    model_.reset();
+    states_.clear();
+  }
+}
+
+TEST_F(RunnerTest, StatesOfOthersAreListedAndAHungOneIsAnError) {
+  Start({"serve"});
+  EXPECT_TRUE(service_->WaitForOutput("running"));
+  const auto model = ServiceModel::Create();
+  service_->Signal(SIGSTOP);
+  EXPECT_THROW(
+      try { model->GetServiceState("Tested", 0.05s); } catch (const std::runtime_error& error) {
+        EXPECT_THAT(error.what(), HasSubstr("the state of service \"Tested\": "));
+        throw;
+      },
+      std::runtime_error);
+  const auto hung = model->ListServices(0.05s);
+  ASSERT_EQ(hung.size(), 1U);
+  EXPECT_FALSE(hung[0].answered);
+  service_->Signal(SIGCONT);
+  EXPECT_EQ(model->ListServices(10s).at(0).state, State::Ready);
+  EXPECT_EQ(GetServiceStateString(State::Ready), "READY");
+  EXPECT_EQ(GetServiceStateString(static_cast<State>(8)), "UNKNOWN (8)");
+}
+
+}  // namespace
+}  // namespace zelt

@@ -48,11 +48,11 @@ stack_stop() {
 }
 
 stack_radio() {
-  local where=(--listen "127.0.0.1:${RADIO_PORT:-0}")
+  local where=(--listen "127.0.0.1:${RADIO_PORT:-0}" --port-file "$STACK/port")
   [ "$stack_link" = tcp ] || where=(--pty "$STACK/radio-tty")
   rm -f "$STACK/port"
-  stack_spawn radiosim "$BIN/radiosim" "${where[@]}" --port-file "$STACK/port" \
-    --control "$RADIO_CONTROL" --store "$STACK/radio-files"
+  stack_spawn radiosim "$BIN/radiosim" "${where[@]}" --control "$RADIO_CONTROL" \
+    --store "$STACK/radio-files"
   radio_pid=$stack_pid
   if [ "$stack_link" = tcp ]; then
     stack_wait 10 'the radio to listen' test -s "$STACK/port"

@@ -17,7 +17,7 @@
 namespace e2e {
 namespace {
 
-constexpr std::chrono::seconds kDeadline(30);
+constexpr std::chrono::seconds kDeadline(60);
 
 }  // namespace
 
@@ -105,7 +105,9 @@ void Process::Mark() {
   mark_ = lines_.size();
 }
 
-bool Process::Has(std::string_view text) const { return Count(text) > 0; }
+bool Process::Has(std::string_view text) const {
+  return Count(text) > 0;
+}
 
 std::size_t Process::Count(std::string_view text) const {
   const std::lock_guard lock(mutex_);
@@ -123,7 +125,9 @@ std::string Process::Output() const {
   return all;
 }
 
-void Process::Signal(int number) const { kill(pid_, number); }
+void Process::Signal(int number) const {
+  kill(pid_, number);
+}
 
 int Process::Wait() {
   if (!waited_) {

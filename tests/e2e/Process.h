@@ -14,7 +14,7 @@
 namespace e2e {
 
 // A child process whose output is collected line by line; killed when the object goes.
-// What is waited for has a deadline of 30 s; missing it throws with everything the child wrote.
+// What is waited for has a deadline of 60 s; missing it throws with everything the child wrote.
 class Process {
  public:
   using Environment = std::map<std::string, std::string>;

@@ -1,5 +1,6 @@
 #include "Stack.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <fstream>
@@ -9,7 +10,9 @@
 namespace e2e {
 namespace {
 
-std::string Binary(const std::string& name) { return std::string(KOVA_BIN_DIR) + "/" + name; }
+std::string Binary(const std::string& name) {
+  return std::string(KOVA_BIN_DIR) + "/" + name;
+}
 
 }  // namespace
 
@@ -55,7 +58,8 @@ void Stack::StartBus() {
   bus.reset();
   bus = std::make_unique<Process>(
       std::vector<std::string>{
-          "dbus-daemon", std::string("--config-file=") + KOVA_SOURCE_DIR + "/packaging/zelt-bus.conf",
+          "dbus-daemon",
+          std::string("--config-file=") + KOVA_SOURCE_DIR + "/packaging/zelt-bus.conf",
           "--address=" + environment_["ZELT_BUS_ADDRESS"], "--nofork", "--nopidfile",
           "--print-address"},
       environment_);
@@ -70,13 +74,17 @@ void Stack::StartConfig() {
 
 void Stack::StartRadio(const std::vector<std::string>& options) {
   radio.reset();
-  std::filesystem::remove(folder_ / "port");
-  std::vector<std::string> arguments = {"--port-file", (folder_ / "port").string(),
-                                        "--control",   (folder_ / "control").string(),
-                                        "--store",     (folder_ / "store").string()};
+  std::vector<std::string> arguments = {"--control", (folder_ / "control").string(), "--store",
+                                        (folder_ / "store").string()};
+  if (std::ranges::find(options, "--pty") == options.end()) {
+    // The port stays the same when the radio is started again.
+    const std::string port = RadioPort().empty() ? "0" : RadioPort();
+    arguments.insert(arguments.end(),
+                     {"--listen", "127.0.0.1:" + port, "--port-file", (folder_ / "port").string()});
+  }
   arguments.insert(arguments.end(), options.begin(), options.end());
   radio = Run("radiosim", arguments);
-  radio->WaitForLine("listening");
+  radio->WaitForLine(arguments.size() == options.size() + 4 ? "pseudo-terminal" : "listens on");
 }
 
 void Stack::StartKova() {

@@ -1,4 +1,5 @@
 #include "TestRadio.h"
+#include "orka/fake/NotificationLog.h"
 #include "zelt/fake/LogCapture.h"
 
 #include <fcntl.h>
@@ -34,7 +35,7 @@ class LinkTest : public testing::Test {
 
   zelt::fake::LogCapture log_;
   TestRadio radio_;
-  Notifications seen_;
+  fake::NotificationLog seen_;
   RadioProtocol protocol_{nullptr, "1.2.3", "camera"};
 };
 
@@ -69,7 +70,7 @@ TEST_F(LinkTest, RequestsResponsesAndBroadcastsCarryTheRightHeader) {
   Notify("RtVersionResponse", version);
   Notify("ShutdownRequest", Kova::ShutdownRequest());
   EXPECT_THAT(seen_.Await(3), ElementsAre(N::HandshakeCompleted, N::RtVersion, N::ShutdownRequest));
-  EXPECT_EQ(std::get<Kova::RtVersionResponse>(seen_.Data(1)).version(), "R1");
+  EXPECT_EQ(std::get<Kova::RtVersionResponse>(seen_.Data(N::RtVersion).at(0)).version(), "R1");
 
   protocol_.SendToRadio(Kova::ShutdownResponse(), 0);
   const auto response = radio_.Next(pel::FrameKind::Response);

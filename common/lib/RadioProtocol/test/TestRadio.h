@@ -17,13 +17,9 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <deque>
-#include <initializer_list>
-#include <mutex>
 #include <optional>
 #include <utility>
-#include <vector>
 
 namespace orka::test {
 
@@ -139,37 +135,6 @@ class TestRadio {
                               return true;
                             },
                             [](codec::Drop, std::size_t) {}};
-};
-
-// Keeps what a RadioProtocol notifies.
-class Notifications {
- public:
-  RadioProtocol::NotificationCallback Callback() {
-    return [this](NotifyMessage kind, RadioNotificationData data) {
-      const std::lock_guard lock(mutex_);
-      all_.emplace_back(kind, std::move(data));
-      changed_.notify_all();
-    };
-  }
-  // Waits for `count` notifications and returns their kinds.
-  std::vector<NotifyMessage> Await(std::size_t count) {
-    std::unique_lock lock(mutex_);
-    changed_.wait_for(lock, 20s, [&] { return all_.size() >= count; });
-    std::vector<NotifyMessage> kinds;
-    for (const auto& [kind, data] : all_) {
-      kinds.push_back(kind);
-    }
-    return kinds;
-  }
-  RadioNotificationData Data(std::size_t index) {
-    const std::lock_guard lock(mutex_);
-    return all_.at(index).second;
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<std::pair<NotifyMessage, RadioNotificationData>> all_;
 };
 
 }  // namespace orka::test

@@ -1,0 +1,127 @@
+#include "Control.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+#include <asio/buffer.hpp>
+#include <asio/connect.hpp>
+#include <asio/read_until.hpp>
+#include <asio/write.hpp>
+
+#include <iostream>
+#include <utility>
+
+namespace radiosim {
+
+using Protocol = asio::local::stream_protocol;
+
+struct Control::Client {
+  explicit Client(Protocol::socket connected) : socket(std::move(connected)) {}
+  Protocol::socket socket;
+  std::string in;
+  std::string out;
+};
+
+namespace {
+
+constexpr std::size_t kMaxLine = 1024UL * 1024;
+
+}  // namespace
+
+bool Control::Start(const std::string& path, std::string& error) {
+  try {
+    const Protocol::endpoint endpoint(path);
+    Protocol::socket probe(acceptor_.get_executor());
+    asio::error_code absent;
+    probe.connect(endpoint, absent);
+    if (!absent) {
+      error = path + " is served by another process";
+      return false;
+    }
+    if (absent == asio::error::connection_refused) {
+      ::unlink(path.c_str());
+    }
+    acceptor_.open();
+    const mode_t before = ::umask(S_IRWXG | S_IRWXO);
+    asio::error_code failure;
+    acceptor_.bind(endpoint, failure);
+    ::umask(before);
+    if (failure) {
+      throw std::system_error(failure);
+    }
+    acceptor_.listen();
+  } catch (const std::system_error& failure) {
+    error = "cannot serve " + path + ": " + failure.what();
+    return false;
+  }
+  path_ = path;
+  Accept();
+  return true;
+}
+
+void Control::Stop() {
+  if (!path_.empty()) {
+    ::unlink(std::exchange(path_, {}).c_str());
+    asio::error_code ignored;
+    acceptor_.close(ignored);
+  }
+}
+
+void Control::Accept() {
+  acceptor_.async_accept([this](const asio::error_code& error, Protocol::socket socket) {
+    if (path_.empty()) {
+      return;
+    }
+    if (!error) {
+      Read(std::make_shared<Client>(std::move(socket)));
+    }
+    Accept();
+  });
+}
+
+void Control::Read(const std::shared_ptr<Client>& client) {
+  asio::async_read_until(
+      client->socket, asio::dynamic_buffer(client->in, kMaxLine), '\n',
+      [this, client](const asio::error_code& error, std::size_t count) {
+        if (error) {
+          return;  // gone, or a line without end
+        }
+        const std::string line = client->in.substr(0, count - 1);
+        client->in.erase(0, count);
+        const Simulator::Reply reply = simulator_.Command(line);
+        client->out = reply.ok ? reply.text + "ok\n" : "error: " + reply.text + "\n";
+        asio::async_write(client->socket, asio::buffer(client->out),
+                          [this, client](const asio::error_code& failure, std::size_t /*count*/) {
+                            if (!failure && !path_.empty()) {
+                              Read(client);
+                            }
+                          });
+      });
+}
+
+int RunControlClient(const std::string& path, const std::string& command) {
+  try {
+    asio::io_context io;
+    Protocol::socket socket(io);
+    socket.connect(Protocol::endpoint(path));
+    asio::write(socket, asio::buffer(command + "\n"));
+    std::string in;
+    while (true) {
+      const std::size_t count = asio::read_until(socket, asio::dynamic_buffer(in), '\n');
+      const std::string line = in.substr(0, count);
+      in.erase(0, count);
+      if (line == "ok\n") {
+        return 0;
+      }
+      if (line.starts_with("error: ")) {
+        std::cerr << line;
+        return 1;
+      }
+      std::cout << line;
+    }
+  } catch (const std::system_error& failure) {
+    std::cerr << "error: no answer on " << path << ": " << failure.what() << '\n';
+    return 2;
+  }
+}
+
+}  // namespace radiosim

@@ -1,0 +1,41 @@
+#pragma once
+
+#include "Simulator.h"
+
+#include <asio/io_context.hpp>
+#include <asio/local/stream_protocol.hpp>
+
+#include <memory>
+#include <string>
+
+namespace radiosim {
+
+// The control channel: a UNIX socket, one command a line. The reply is any number of lines, then
+// "ok" or "error: " and what was wrong. Runs on the thread that runs `io`.
+class Control {
+ public:
+  Control(asio::io_context& io, Simulator& simulator) : acceptor_(io), simulator_(simulator) {}
+  Control(const Control&) = delete;
+  Control& operator=(const Control&) = delete;
+  ~Control() { Stop(); }
+
+  // Only this user may use `path`. A socket that nobody serves any more is replaced. False with
+  // `error`.
+  bool Start(const std::string& path, std::string& error);
+  void Stop();
+
+ private:
+  struct Client;
+
+  void Accept();
+  void Read(const std::shared_ptr<Client>& client);
+
+  asio::local::stream_protocol::acceptor acceptor_;
+  Simulator& simulator_;
+  std::string path_;
+};
+
+// Sends one command and prints the reply. The exit status: 0 ok, 1 refused, 2 nobody there.
+int RunControlClient(const std::string& path, const std::string& command);
+
+}  // namespace radiosim

@@ -1,0 +1,237 @@
+#include "FaultPlan.h"
+
+#include "orka/codec/MessageTable.h"
+
+#include <toml++/toml.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+#include <sstream>
+#include <utility>
+
+namespace radiosim {
+namespace {
+
+struct KindRow {
+  FaultKind kind;
+  std::string_view name;
+  std::string_view message;  // the only one that it can do something to
+  bool incoming;             // makes sense for frames of the camera, too
+};
+constexpr std::array kKinds = std::to_array<KindRow>({
+    {FaultKind::Drop, "drop", "", true},
+    {FaultKind::Duplicate, "duplicate", "", true},
+    {FaultKind::Delay, "delay", "", true},
+    {FaultKind::Reorder, "reorder", "", false},
+    {FaultKind::Corrupt, "corrupt", "", false},
+    {FaultKind::Truncate, "truncate", "", false},
+    {FaultKind::HalfFrame, "half-frame", "", false},
+    {FaultKind::WrongTransaction, "wrong-transaction", "", false},
+    {FaultKind::WrongChunk, "wrong-chunk", "TransferDataResponse", false},
+    {FaultKind::WrongName, "wrong-name", "FileAccessResponse", false},
+    {FaultKind::WrongSize, "wrong-size", "FileAccessResponse", false},
+    {FaultKind::RefuseAccess, "refuse-access", "FileAccessResponse", false},
+    {FaultKind::RefuseChunk, "refuse-chunk", "TransferDataResponse", false},
+    {FaultKind::Reboot, "reboot", "", true},
+    {FaultKind::Silent, "silent", "", true},
+    {FaultKind::NoHandshake, "no-handshake", "HelloAnswer", false},
+});
+constexpr std::array<std::string_view, 4> kLinkControl = {"Hello", "HelloAnswer", "KeepAlive",
+                                                          "Goodbye"};
+
+const KindRow& RowOf(FaultKind kind) {
+  return *std::ranges::find(kKinds, kind, &KindRow::kind);
+}
+
+template <class T>
+bool ParseNumber(std::string_view text, T& value) {
+  const auto [end, failure] = std::from_chars(text.data(), text.data() + text.size(), value);
+  return failure == std::errc() && end == text.data() + text.size();
+}
+
+bool SetWord(FaultRule& rule, std::string_view key, std::string_view value, std::string& error) {
+  bool ok = true;
+  if (key == "message") {
+    rule.message = value;
+  } else if (key == "direction") {
+    rule.incoming = value == "in";
+    ok = value == "in" || value == "out";
+  } else if (key == "chunk") {
+    ok = ParseNumber(value, rule.chunk.emplace());
+  } else if (key == "after") {
+    ok = ParseNumber(value, rule.after);
+  } else if (key == "count") {
+    ok = ParseNumber(value, rule.count);
+  } else if (key == "probability") {
+    ok = ParseNumber(value, rule.probability) && rule.probability >= 0 && rule.probability <= 1;
+  } else if (key == "delay_ms") {
+    std::uint32_t milliseconds = 0;
+    ok = ParseNumber(value, milliseconds);
+    rule.delay = std::chrono::milliseconds(milliseconds);
+  } else if (key == "result") {
+    ok = ParseNumber(value, rule.result) && rule.result != 0;
+  } else {
+    error = "unknown key \"" + std::string(key) +
+            "\"; known are message, direction, chunk, after, count, probability, delay_ms, result";
+    return false;
+  }
+  if (!ok) {
+    error = "\"" + std::string(value) + "\" makes no sense for " + std::string(key);
+  }
+  return ok;
+}
+
+std::optional<FaultRule> MakeRule(std::string_view kind, std::string& error) {
+  const auto* row = std::ranges::find(kKinds, kind, &KindRow::name);
+  if (row == kKinds.end()) {
+    error = "unknown fault \"" + std::string(kind) + "\"; known are";
+    for (const KindRow& known : kKinds) {
+      error.append(" ").append(known.name);
+    }
+    return std::nullopt;
+  }
+  FaultRule rule;
+  rule.kind = row->kind;
+  rule.message = row->message;
+  return rule;
+}
+
+bool Check(const FaultRule& rule, std::string& error) {
+  const KindRow& row = RowOf(rule.kind);
+  const auto direction =
+      rule.incoming ? orka::codec::Direction::ToRadio : orka::codec::Direction::FromRadio;
+  if (rule.incoming && !row.incoming) {
+    error = std::string(row.name) + " is for frames of the radio only";
+  } else if (!row.message.empty() && rule.message != row.message) {
+    error = std::string(row.name) + " is for " + std::string(row.message) + " only";
+  } else if (!rule.message.empty() && std::ranges::count(kLinkControl, rule.message) == 0 &&
+             orka::codec::FindRow(direction, rule.message) == nullptr) {
+    error = "the " + std::string(rule.incoming ? "camera" : "radio") + " sends no \"" +
+            rule.message + "\"";
+  }
+  return error.empty();
+}
+
+}  // namespace
+
+bool FaultPlan::Add(std::string_view words, std::string& error) {
+  std::istringstream stream{std::string(words)};
+  std::string word;
+  stream >> word;
+  std::optional<FaultRule> rule = MakeRule(word, error);
+  while (rule && stream >> word) {
+    const std::size_t equals = word.find('=');
+    if (equals == std::string::npos) {
+      error = "\"" + word + "\" is not KEY=VALUE";
+      return false;
+    }
+    if (!SetWord(*rule, std::string_view(word).substr(0, equals),
+                 std::string_view(word).substr(equals + 1), error)) {
+      return false;
+    }
+  }
+  if (!rule || !Check(*rule, error)) {
+    return false;
+  }
+  rules_.push_back(std::move(*rule));
+  return true;
+}
+
+bool FaultPlan::Load(const std::string& path, std::string& error) {
+  toml::table file;
+  try {
+    file = toml::parse_file(path);
+  } catch (const toml::parse_error& failure) {
+    std::ostringstream text;
+    text << path << ':' << failure.source().begin.line << ": " << failure.description();
+    error = text.str();
+    return false;
+  }
+  const auto refuse = [&](const toml::node& node, const std::string& why) {
+    error = path + ":" + std::to_string(node.source().begin.line) + ": " + why;
+    return false;
+  };
+  for (const auto& [key, node] : file) {
+    if (key == "seed") {
+      const auto seed = node.value<std::int64_t>();
+      if (!seed || *seed < 0) {
+        return refuse(node, "seed: a whole number is expected");
+      }
+      Seed(static_cast<std::uint64_t>(*seed));
+      continue;
+    }
+    const toml::array* faults = node.as_array();
+    if (key != "fault" || faults == nullptr || !faults->is_array_of_tables()) {
+      return refuse(node, "\"" + std::string(key.str()) +
+                              "\" is not expected here; known are seed and [[fault]]");
+    }
+    for (const toml::node& element : *faults) {
+      const toml::table& fault = *element.as_table();
+      std::string why;
+      std::optional<FaultRule> rule = MakeRule(fault["kind"].value_or(std::string()), why);
+      if (!rule) {
+        return refuse(element, why);
+      }
+      for (const auto& [name, value] : fault) {
+        if (name == "kind") {
+          continue;
+        }
+        std::ostringstream text;
+        if (const auto word = value.value<std::string>()) {
+          text << *word;
+        } else {
+          value.visit([&](const auto& plain) { text << plain; });
+        }
+        if (!SetWord(*rule, name.str(), text.str(), why)) {
+          return refuse(value, why);
+        }
+      }
+      if (!Check(*rule, why)) {
+        return refuse(element, why);
+      }
+      rules_.push_back(std::move(*rule));
+    }
+  }
+  return true;
+}
+
+std::vector<const FaultRule*> FaultPlan::Fire(bool incoming, std::string_view message,
+                                              bool is_response, bool is_link_control,
+                                              std::optional<std::uint16_t> chunk) {
+  std::vector<const FaultRule*> firing;
+  for (FaultRule& rule : rules_) {
+    const bool names_it = rule.message.empty() ? !is_link_control : rule.message == message;
+    if (rule.incoming != incoming || !names_it || (rule.chunk && rule.chunk != chunk) ||
+        (rule.kind == FaultKind::WrongTransaction && !is_response)) {
+      continue;
+    }
+    ++rule.matched;
+    if (rule.matched <= rule.after || (rule.count != 0 && rule.fired >= rule.count) ||
+        (rule.probability < 1 && std::uniform_real_distribution<>()(random_) >= rule.probability)) {
+      continue;
+    }
+    ++rule.fired;
+    firing.push_back(&rule);
+  }
+  return firing;
+}
+
+std::size_t FaultPlan::Random(std::size_t limit) {
+  return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random_);
+}
+
+std::string FaultPlan::Report() const {
+  std::ostringstream text;
+  for (const FaultRule& rule : rules_) {
+    text << "fault " << RowOf(rule.kind).name << " direction=" << (rule.incoming ? "in" : "out")
+         << " message=" << (rule.message.empty() ? "*" : rule.message);
+    if (rule.chunk) {
+      text << " chunk=" << *rule.chunk;
+    }
+    text << ": matched " << rule.matched << ", fired " << rule.fired << '\n';
+  }
+  return text.str();
+}
+
+}  // namespace radiosim

@@ -1,0 +1,515 @@
+#include "Control.h"
+#include "ProtoJson.h"
+#include "Simulator.h"
+#include "orka/codec/MessageTable.h"
+#include "orka/fake/NotificationLog.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <asio/executor_work_guard.hpp>
+#include <asio/post.hpp>
+
+#include <filesystem>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace radiosim {
+namespace {
+
+using orka::RadioProtocol;
+using orka::SendResult;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using N = orka::NotifyMessage;
+namespace fs = std::filesystem;
+
+// A simulator on its own thread and the camera's real radio protocol, over TCP (false) or a
+// pseudo-terminal (true).
+class RadiosimTest : public testing::TestWithParam<bool> {
+ protected:
+  RadiosimTest() {
+    std::string folder = (fs::temp_directory_path() / "radiosim.XXXXXX").string();
+    folder_ = ::mkdtemp(folder.data());
+    options_.radio.store = folder_ / "store";
+    options_.radio.broadcast_every = std::chrono::milliseconds(20);
+    options_.restart_time = std::chrono::milliseconds(50);
+  }
+  ~RadiosimTest() override {
+    camera_.Stop();
+    Run([this] { simulator_.reset(); });
+    work_.reset();
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+    fs::remove_all(folder_);
+  }
+
+  template <class Action>
+  void Run(Action action) {
+    std::promise<void> done;
+    asio::post(io_, [&] {
+      action();
+      done.set_value();
+    });
+    if (!thread_.joinable()) {
+      thread_ = std::thread([this] { io_.run(); });
+    }
+    done.get_future().wait();
+  }
+
+  void StartSimulator(const std::string& fault = {}) {
+    (pty_ ? options_.pty_link : options_.listen) =
+        pty_ ? (folder_ / "tty").string() : "127.0.0.1:0";
+    std::string error;
+    FaultPlan plan(7);
+    ASSERT_TRUE(fault.empty() || plan.Add(fault, error)) << error;
+    bool ok = false;
+    Run([&] {
+      simulator_ = std::make_unique<Simulator>(io_, options_, std::move(plan),
+                                               [this](const std::string& line) { Print(line); });
+      ok = simulator_->Start(error);
+    });
+    ASSERT_TRUE(ok) << error;
+    camera_.RegisterCallback(seen_.Callback());
+  }
+  bool StartLink(std::uint32_t timeout = 10) {
+    return pty_ ? camera_.StartUart({.device = options_.pty_link, .baud_rate = 1500000}, 3, timeout)
+                : camera_.StartSocket({"127.0.0.1", simulator_->Port()}, 3, timeout);
+  }
+  void Connect(const std::string& fault = {}) {
+    StartSimulator(fault);
+    ASSERT_TRUE(StartLink());
+    ASSERT_TRUE(seen_.AwaitKind(N::RadioConnected));
+  }
+  std::string Command(const std::string& line) {
+    Simulator::Reply reply;
+    Run([&] { reply = simulator_->Command(line); });
+    return (reply.ok ? "" : "error: ") + reply.text;
+  }
+  void Send(const orka::RadioOutgoingMessage& message) {
+    EXPECT_EQ(camera_.SendToRadio(message, 0), SendResult::Sent);
+  }
+
+  template <class T>
+  T Last(N kind) {
+    return std::get<T>(seen_.Data(kind).back());
+  }
+
+  // Writes a file chunk by chunk, as long as the radio takes it.
+  orka::qrx::Result Push(const std::string& name, const std::string& content) {
+    seen_.Clear();
+    Send(orka::qrx::FileAccessRequest{1, 2, static_cast<std::uint32_t>(content.size()), name});
+    if (!seen_.AwaitKind(N::FileAccess)) {
+      return orka::qrx::Result::Failure;
+    }
+    auto result = Last<orka::qrx::FileAccessResponse>(N::FileAccess).result;
+    const std::size_t limit = camera_.GetMaxTransferDataSize();
+    std::uint16_t number = 0;
+    for (std::size_t at = 0; result == orka::qrx::Result::Success && at < content.size();
+         at += limit) {
+      PushChunk(number, content.substr(at, limit));
+      if (!seen_.AwaitKind(N::TransferData, ++number)) {
+        return orka::qrx::Result::Failure;
+      }
+      result = Last<orka::qrx::TransferDataResponse>(N::TransferData).result;
+    }
+    return result;
+  }
+  void PushChunk(std::uint16_t number, const std::string& bytes) {
+    camera_.SendTransferData(
+        {3, number, static_cast<std::uint16_t>(bytes.size())}, 0,
+        std::make_unique<std::vector<std::uint8_t>>(bytes.begin(), bytes.end()));
+  }
+
+  void Print(const std::string& line) {
+    const std::lock_guard lock(mutex_);
+    lines_ += line + '\n';
+  }
+  std::string Lines() {
+    const std::lock_guard lock(mutex_);
+    return lines_;
+  }
+
+  fs::path folder_;
+  Options options_;
+  bool pty_ = false;
+  asio::io_context io_{1};
+  asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
+  std::thread thread_;
+  std::unique_ptr<Simulator> simulator_;
+  std::mutex mutex_;
+  std::string lines_;
+  orka::fake::NotificationLog seen_;
+  RadioProtocol camera_{nullptr, "test", "camera"};
+};
+
+class RadiosimLineTest : public RadiosimTest {
+ protected:
+  RadiosimLineTest() { pty_ = GetParam(); }
+};
+INSTANTIATE_TEST_SUITE_P(TcpAndPty, RadiosimLineTest, testing::Bool(),
+                         [](const auto& line) { return line.param ? "pty" : "tcp"; });
+
+template <class T>
+T Parsed(const std::string& json) {
+  T message;
+  std::string error;
+  EXPECT_TRUE(FromJson(json, message, error)) << error;
+  return message;
+}
+
+TEST_F(RadiosimTest, EveryRequestIsAnswered) {
+  Connect();
+  const std::vector<std::pair<orka::RadioOutgoingMessage, N>> requests = {
+      {Parsed<Kova::LocationInfoMsg>(R"({"request":{}})"), N::LocationInfo},
+      {Parsed<Collaboration::RadioEmergencyMsg>(R"({"state":"RAISED"})"), N::RadioEmergency},
+      {Kova::RtVersionRequest(), N::RtVersion},
+      {Kova::HardwareIdRequest(), N::HardwareId},
+      {Kova::SerialNumberMsg(), N::SerialNumber},
+      {Kova::BtMacAddressMsg(), N::BtMacAddress},
+      {Kova::BatteryLevelRequest(), N::BatteryLevelResponse},
+      {Parsed<Kova::ConfigurationSetMsg>(R"({"request":{"configurationId":4}})"),
+       N::ConfigurationSet},
+      {Parsed<Kova::ButtonsSubscribtionMsg>(R"({"request":{"buttons":[{"name":"OneDot"}]}})"),
+       N::ButtonsSubscribtion},
+      {Parsed<Kova::LedBrightnessSettingMsg>(R"({"brightness":"Low"})"), N::LedBrightness},
+      {Parsed<Kova::BluetoothConfigMsg>(R"({"request":{"mode":"MODE_OFF"}})"), N::BluetoothConfig},
+      {Parsed<Kova::BluetoothStatusMsg>(R"({"request":{}})"), N::BluetoothStatus},
+      {Parsed<Kova::GattConfigMsg>(R"({"getRequest":{}})"), N::GattConfig},
+      {Parsed<Kova::GattConfigMsg>(R"({"setRequest":{}})"), N::GattConfig},
+      {Parsed<Kova::GattConfigMsg>(R"({"resetRequest":{}})"), N::GattConfig},
+      {Kova::RadioWlanControlOutgoingMsg(), N::WlanControl},
+      {Kova::RadioWlanHotspotControlOutgoingMsg(), N::WlanHotspotControl},
+      {Kova::ToggleCovertModeMsg(), N::CovertModeResponse},
+      {Kova::RtFactoryResetRequest(), N::FactoryReset},
+      {Parsed<Kova::OpcodeSubscriptionMsg>(R"({"request":{}})"), N::OpcodeSubscription},
+      {Parsed<Kova::MicStatusMsg>(R"({"request":{}})"), N::MicStatus},
+      {Kova::GetDateTimeReq(), N::GetDateTime},
+      {Kova::SetDateTimeReq(), N::SetDateTime},
+      {Parsed<Kova::RtDebugLogMsg>(R"({"request":{}})"), N::DebugLog},
+      {orka::qrx::FileAccessRequest{1, 2, 5, "f"}, N::FileAccess},
+      {orka::qrx::TransferDataRequest{}, N::TransferData},
+      {Kova::RsmUpdateRequest(), N::RsmUpdate},
+      {Kova::VideoControlRequest(), N::VideoControlResponse},
+      {Kova::RadioLteControlOutgoing(), N::LteStatus},
+      {Collaboration::IoTRegistrationRequest(), N::IoTRegistration},
+      {Collaboration::IoTConnectionStatusQuery(), N::IoTConnectionStatus},
+      {Kova::ShutdownRequest(), N::ShutdownResponse},
+  };
+  for (const auto& [request, kind] : requests) {
+    seen_.Clear();
+    Send(request);
+    EXPECT_TRUE(seen_.AwaitKind(kind)) << ToJson(request);
+  }
+  EXPECT_TRUE(seen_.AwaitKind(N::ConnectionLost)) << "it shuts down as asked";
+  EXPECT_THAT(Command("received 1"), HasSubstr(R"("opcode":"0x0405","kind":"request")"));
+}
+
+TEST_F(RadiosimTest, EveryNotificationCanBeSentByHand) {
+  Connect();
+  for (const auto& row : orka::codec::kMessageTable) {
+    if (row.direction == orka::codec::Direction::FromRadio) {
+      seen_.Clear();
+      const std::string name(row.name);
+      EXPECT_EQ(Command("notify " + name +
+                        (name == "LedBrightnessResponse" ? R"( {"brightness":"High"})" : "")),
+                "");
+      EXPECT_TRUE(seen_.AwaitKind(row.notify)) << name;
+    }
+  }
+  EXPECT_EQ(Command(R"(notify FileAccessResponse {"result":5,"fileSize":7,"fileName":"x"})"), "");
+  EXPECT_TRUE(seen_.AwaitKind(N::FileAccess));
+  EXPECT_EQ(Last<orka::qrx::FileAccessResponse>(N::FileAccess),
+            (orka::qrx::FileAccessResponse{orka::qrx::Result::NoSpace, 7, "x"}));
+}
+
+TEST_F(RadiosimTest, SettingsAreKeptAndClockRunsOn) {
+  Connect();
+  Send(Parsed<Kova::LedBrightnessSettingMsg>(R"({"brightness":"High"})"));
+  Send(Parsed<Kova::RadioWlanControlOutgoingMsg>(R"({"action":"CONNECT","ssid":"depot"})"));
+  Send(Parsed<Kova::SetDateTimeReq>(R"({"dateTime":{"year":2031,"month":2,"day":30}})"));
+  ASSERT_TRUE(seen_.AwaitKind(N::SetDateTime));
+  EXPECT_NE(Last<Kova::SetDateTimeResp>(N::SetDateTime).result(), 0) << "there is no such day";
+  Send(Parsed<Kova::SetDateTimeReq>(
+      R"({"dateTime":{"year":2031,"month":2,"day":28,"hour":23,"utcOffsetMinutes":60}})"));
+  Send(Kova::GetDateTimeReq());
+  ASSERT_TRUE(seen_.AwaitKind(N::GetDateTime));
+  const auto time = Last<Kova::GetDateTimeResp>(N::GetDateTime).date_time();
+  EXPECT_EQ(time.year() * 10000 + time.month() * 100 + time.day(), 20310228);
+  EXPECT_EQ(time.hour(), 23);
+  EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"High")"));
+  EXPECT_THAT(Command("state"), HasSubstr(R"("wlanSsid":"depot")"));
+  Send(Kova::RtFactoryResetRequest());
+  ASSERT_TRUE(seen_.AwaitKind(N::FactoryReset));
+  EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"Medium")"));
+}
+
+TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
+  options_.radio.drain_per_minute = 60'000;
+  Connect();
+  const auto subscription = [](bool on) {
+    Kova::OpcodeSubscriptionMsg message;
+    message.mutable_request()->set_subscribe(on);
+    for (const auto code :
+         {Kova::SUBSCRIBE_BATTERY_LEVEL, Kova::SUBSCRIBE_COVERT_MODE, Kova::SUBSCRIBE_LOCATION}) {
+      message.mutable_request()->add_codes(code);
+    }
+    return message;
+  };
+  Send(subscription(true));
+  EXPECT_TRUE(seen_.AwaitKind(N::BatteryLevelBroadcast, 5));
+  EXPECT_TRUE(seen_.AwaitKind(N::LocationInfo, 2));
+  const auto levels = seen_.Data(N::BatteryLevelBroadcast);
+  EXPECT_GT(std::get<Kova::BatteryLevel>(levels.front()).percent(),
+            std::get<Kova::BatteryLevel>(levels.back()).percent())
+      << "the battery drains";
+  Send(Parsed<Kova::ToggleCovertModeMsg>(R"({"enabled":true})"));
+  EXPECT_TRUE(seen_.AwaitKind(N::CovertModeBroadcast, 2));
+  Send(subscription(false));
+  ASSERT_TRUE(seen_.AwaitKind(N::OpcodeSubscription, 2));
+  seen_.Clear();
+  Send(Kova::RtVersionRequest());
+  EXPECT_THAT(seen_.Await(1), ElementsAre(N::RtVersion));
+}
+
+TEST_P(RadiosimLineTest, FileIsStoredUnderItsNameWithItsDigest) {
+  Connect();
+  EXPECT_EQ(camera_.GetMaxTransferDataSize(), pty_ ? 4096 : 32768);
+  const std::string content(100'000, 'x');
+  EXPECT_EQ(Push("image.bin", content), orka::qrx::Result::Success);
+  std::ifstream file(options_.radio.store / "image.bin", std::ios::binary);
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), content);
+  EXPECT_THAT(Command("state"),
+              HasSubstr("d69e68988157833272305aaf21f453c800346e8a3640db6578e260215542e5d4"));
+}
+
+TEST_F(RadiosimTest, NamesThatLeadOutOfTheStoreAreRefused) {
+  Connect();
+  for (const char* name : {"", ".", "..", "../x", "/etc/x", "a/b", "a\\b", ".hidden", "a b"}) {
+    EXPECT_EQ(Push(name, "1"), orka::qrx::Result::InvalidParameter) << name;
+  }
+  EXPECT_EQ(Push(std::string(200, 'n'), "1"), orka::qrx::Result::InvalidParameter);
+  EXPECT_FALSE(fs::exists(folder_ / "x"));
+}
+
+TEST_F(RadiosimTest, ChunksOutOfOrderAreRefusedAndRepeatedOnesNotDoubled) {
+  Connect();
+  Send(orka::qrx::FileAccessRequest{1, 2, 4, "f"});
+  const auto expect = [&](std::size_t count, orka::qrx::Result result) {
+    ASSERT_TRUE(seen_.AwaitKind(N::TransferData, count));
+    EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).result, result);
+  };
+  PushChunk(1, "zz");
+  expect(1, orka::qrx::Result::InvalidParameter);
+  PushChunk(0, "ab");
+  expect(2, orka::qrx::Result::Success);
+  PushChunk(0, "ab");
+  expect(3, orka::qrx::Result::Success);
+  PushChunk(1, "cde");
+  expect(4, orka::qrx::Result::InvalidParameter);
+  EXPECT_FALSE(fs::exists(options_.radio.store / "f")) << "not complete";
+  PushChunk(1, "cd");
+  expect(5, orka::qrx::Result::Success);
+  EXPECT_EQ(fs::file_size(options_.radio.store / "f"), 4);
+  Send(orka::qrx::FileAccessRequest{1, 2, 4, "g"});
+  PushChunk(0, "ab");
+  ASSERT_TRUE(seen_.AwaitKind(N::TransferData, 6));
+  camera_.Stop();
+  Run([&] { EXPECT_TRUE(simulator_->Command("reboot").ok); });
+  EXPECT_TRUE(fs::is_empty(options_.radio.store) ||
+              std::distance(fs::directory_iterator(options_.radio.store), {}) == 1)
+      << "nothing is left of the file that was given up";
+}
+
+// What three version requests and then a hardware identity request bring under one fault.
+struct FaultCase {
+  const char* fault;
+  std::vector<N> expected;
+};
+const std::vector<FaultCase> kFaultCases = {
+    {"drop message=RtVersionResponse count=1", {N::RtVersion, N::RtVersion, N::HardwareId}},
+    {"drop message=RtVersionRequest direction=in after=1", {N::RtVersion, N::HardwareId}},
+    {"duplicate message=RtVersionResponse count=1",
+     {N::RtVersion, N::RtVersion, N::RtVersion, N::RtVersion, N::HardwareId}},
+    {"delay message=RtVersionResponse count=1 delay_ms=100",
+     {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
+    {"delay message=RtVersionRequest direction=in after=2 delay_ms=100",
+     {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
+    {"reorder message=RtVersionResponse after=2",
+     {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
+    {"corrupt message=RtVersionResponse count=2", {N::RtVersion, N::HardwareId}},
+    {"truncate message=RtVersionResponse count=1", {N::RtVersion, N::RtVersion, N::HardwareId}},
+    {"half-frame message=RtVersionResponse after=1", {N::RtVersion, N::ConnectionLost}},
+    {"silent message=RtVersionResponse after=1", {N::RtVersion, N::ConnectionLost}},
+    {"reboot message=RtVersionRequest direction=in", {N::ConnectionLost}},
+};
+
+TEST_P(RadiosimLineTest, FaultsOfFramesDoWhatTheySay) {
+  for (const FaultCase& fault_case : kFaultCases) {
+    SCOPED_TRACE(fault_case.fault);
+    if (!simulator_) {
+      Connect();
+    } else {
+      seen_.Clear();
+      ASSERT_TRUE(StartLink());
+      ASSERT_TRUE(seen_.AwaitKind(N::RadioConnected)) << "it takes the camera again";
+    }
+    Command("fault clear");
+    ASSERT_EQ(Command(std::string("fault ") + fault_case.fault), "");
+    seen_.Clear();
+    for (int i = 0; i < 3; ++i) {
+      Send(Kova::RtVersionRequest());
+    }
+    Send(Kova::HardwareIdRequest());
+    EXPECT_EQ(seen_.Await(fault_case.expected.size()), fault_case.expected);
+    EXPECT_THAT(Command("faults"), testing::Not(HasSubstr("fired 0")));
+    camera_.Stop();
+  }
+}
+
+TEST_F(RadiosimTest, FaultsOfAnswersDoWhatTheySay) {
+  using orka::qrx::Result;
+  Connect();
+  const std::string content(100'000, 'x');
+  const auto under = [&](const std::string& fault) {
+    Command("fault clear");
+    EXPECT_EQ(Command("fault " + fault), "");
+    return Push("f", content);
+  };
+  EXPECT_EQ(under("refuse-access result=5"), Result::NoSpace);
+  EXPECT_EQ(under("refuse-chunk chunk=2"), Result::Failure);
+  EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 2);
+  EXPECT_EQ(under("wrong-name"), Result::Success);
+  EXPECT_EQ(Last<orka::qrx::FileAccessResponse>(N::FileAccess).file_name, "fx");
+  EXPECT_EQ(under("wrong-size"), Result::Success);
+  EXPECT_EQ(Last<orka::qrx::FileAccessResponse>(N::FileAccess).file_size, 100'001);
+  EXPECT_EQ(under("wrong-chunk after=3"), Result::Success);
+  EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 4);
+  EXPECT_EQ(Command("fault wrong-transaction"), "");
+  const std::vector<std::uint8_t> version = {0x04, 0x01};
+  EXPECT_FALSE(camera_.InjectQRXMessage(version, {}).first);
+}
+
+TEST_P(RadiosimLineTest, UnansweredHandshakeFailsAndTheNextSucceeds) {
+  StartSimulator("no-handshake count=1");
+  ASSERT_TRUE(StartLink(1));
+  EXPECT_TRUE(seen_.AwaitKind(N::HandshakeFailed));
+  camera_.Stop();
+  ASSERT_TRUE(StartLink());
+  EXPECT_TRUE(seen_.AwaitKind(N::HandshakeCompleted));
+  EXPECT_EQ(Command("close"), "");
+  EXPECT_TRUE(seen_.AwaitKind(N::ConnectionLost));
+}
+
+// A chunk takes longer than a side may be silent.
+TEST_P(RadiosimLineTest, SlowLineIsNotTakenForALostOne) {
+  options_.bits_per_second = 9600;
+  options_.max_transfer_size = 2900;
+  Connect();
+  EXPECT_EQ(Push("slow", std::string(2900, 's')), orka::qrx::Result::Success);
+  EXPECT_TRUE(camera_.IsRadioConnected());
+}
+
+TEST_F(RadiosimTest, CommandsNameWhatWasWrong) {
+  Connect();
+  const std::vector<std::pair<std::string, std::string>> cases = {
+      {"bogus", "unknown command \"bogus\""},
+      {"notify Nobody {}", "no \"Nobody\""},
+      {R"(notify Docking {"kex":1})", "kex: Cannot find field"},
+      {R"(notify FileAccessResponse {"result":300})", "result: a whole number up to 255"},
+      {R"(notify FileAccessResponse {"file":1})", "unknown member \"file\""},
+      {R"(notify LedBrightnessResponse {"brightness":"Dim"})", "no code for brightness \"Dim\""},
+      {"received many", "\"many\" is no number"},
+      {"silent maybe", "\"on\" or \"off\""},
+      {"fault explode", "unknown fault \"explode\""},
+      {"fault drop when=now", "unknown key \"when\""},
+      {"fault drop after=x", "\"x\" makes no sense for after"},
+      {"fault drop message=Nothing", "the radio sends no \"Nothing\""},
+      {"fault corrupt direction=in", "for frames of the radio only"},
+      {"fault wrong-chunk message=Docking", "for TransferDataResponse only"},
+  };
+  for (const auto& [command, error] : cases) {
+    EXPECT_THAT(Command(command), testing::AllOf(HasSubstr("error: "), HasSubstr(error)));
+  }
+}
+
+TEST_F(RadiosimTest, PlanFileNamesFileAndLineOfWhatIsWrong) {
+  const auto load = [&](const std::string& text) {
+    const fs::path path = folder_ / "plan.toml";
+    std::ofstream(path) << text;
+    FaultPlan plan;
+    std::string error;
+    return plan.Load(path.string(), error) ? plan.Report() : error;
+  };
+  EXPECT_EQ(load("seed = 3\n[[fault]]\nkind = \"drop\"\nmessage = \"RtVersionResponse\"\n"
+                 "probability = 0.5\nafter = 1\n"),
+            "fault drop direction=out message=RtVersionResponse: matched 0, fired 0\n");
+  for (const auto& [text, error] : std::vector<std::pair<std::string, std::string>>{
+           {"seed = \"x\"", ":1: seed"},
+           {"\nfaults = 1", ":2: \"faults\" is not expected"},
+           {"[[fault]]\nkind = \"explode\"", ":1: unknown fault"},
+           {"[[fault]]\nkind = \"drop\"\nafter = -1", ":3: \"-1\" makes no sense"},
+           {"[[fault]]\nkind = \"silent\"\nmessage = \"Nix\"", ":1: the radio sends no"},
+           {"seed = ", ":1: "}}) {
+    EXPECT_THAT(load(text), HasSubstr("plan.toml" + error));
+  }
+}
+
+TEST_F(RadiosimTest, ControlSocketServesCommandsAndReplacesAStaleOne) {
+  StartSimulator();
+  const std::string path = (folder_ / "control").string();
+  EXPECT_EQ(RunControlClient(path, "state"), 2) << "nobody is there";
+  for (int round = 0; round < 2; ++round) {
+    std::unique_ptr<Control> control;
+    std::string error;
+    Run([&] {
+      control = std::make_unique<Control>(io_, *simulator_);
+      EXPECT_TRUE(control->Start(path, error)) << error;
+      EXPECT_FALSE(Control(io_, *simulator_).Start(path, error)) << "it is served already";
+    });
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(RunControlClient(path, "state"), 0);
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\"linkUp\":false"));
+    EXPECT_EQ(RunControlClient(path, "bogus"), 1);
+    Run([&] { control.reset(); });
+  }
+}
+
+TEST_F(RadiosimTest, NewCameraTakesThePlaceOfTheOldOne) {
+  Connect();
+  RadioProtocol other(nullptr, "", "");
+  orka::fake::NotificationLog seen;
+  other.RegisterCallback(seen.Callback());
+  ASSERT_TRUE(other.StartSocket({"127.0.0.1", simulator_->Port()}, 0, 10));
+  EXPECT_TRUE(seen.AwaitKind(N::HandshakeCompleted));
+  EXPECT_TRUE(seen_.AwaitKind(N::ConnectionLost));
+  other.Stop();
+}
+
+TEST_F(RadiosimTest, StartNamesWhatIsWrong) {
+  for (const auto& [listen, error] :
+       std::vector<std::pair<std::string, std::string>>{{"", "either"},
+                                                        {"localhost:1", "is not ADDRESS:PORT"},
+                                                        {"127.0.0.1:x", "is not ADDRESS"},
+                                                        {"127.0.0.1", "is not ADDRESS"},
+                                                        {"192.0.2.1:1", "cannot listen"}}) {
+    Run([&] {
+      Options options;
+      options.listen = listen;
+      Simulator simulator(io_, options, FaultPlan(), [](const std::string&) {});
+      std::string text;
+      EXPECT_FALSE(simulator.Start(text));
+      EXPECT_THAT(text, HasSubstr(error));
+    });
+  }
+}
+
+}  // namespace
+}  // namespace radiosim

@@ -1,0 +1,156 @@
+#include "ConfigFile.h"
+#include "ConfigService.h"
+#include "zelt/InterfaceFactory.h"
+#include "zelt/Paths.h"
+#include "zelt/fake/FakeServiceModel.h"
+#include "zelt/fake/LogCapture.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace zelt {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+
+class ConfigServiceTest : public testing::Test {
+ protected:
+  ConfigServiceTest() {
+    std::string folder = testing::TempDir() + "config.XXXXXX";
+    root_ = mkdtemp(folder.data());
+    setenv("ZELT_ROOT", root_.c_str(), 1);
+    std::filesystem::create_directories(root_ + "/etc/zelt");
+  }
+  ~ConfigServiceTest() override {
+    unsetenv("ZELT_ROOT");
+    std::filesystem::remove_all(root_);
+  }
+  static ParsedConfig Parse(const std::string& content) {
+    std::ofstream(ConfigFile()) << content;
+    return ReadConfigFile(ConfigFile());
+  }
+  // The problems of a file, without the file's name in front.
+  static std::vector<std::string> Problems(const std::string& content) {
+    std::vector<std::string> problems = Parse(content).problems;
+    for (std::string& problem : problems) {
+      EXPECT_EQ(problem.find(ConfigFile() + ":"), 0U) << problem;
+      problem.erase(0, ConfigFile().size() + 1);
+    }
+    return problems;
+  }
+
+  std::string root_;
+};
+
+TEST_F(ConfigServiceTest, SampleIsReadWhole) {
+  const ParsedConfig parsed = ReadConfigFile(SAMPLE_CONFIG);
+  EXPECT_THAT(parsed.problems, IsEmpty());
+  EXPECT_EQ(Summary(parsed.record),
+            "working mode \"Connected\", tethered streaming automatic, tethered uploading never, 2 "
+            "officers, current officer 4711");
+  EXPECT_TRUE(parsed.record.officers.GetCurrentOfficer().collaborationEnabled);
+  EXPECT_STREQ(parsed.record.officers.officers[1].name.data(), "B. Sample");
+}
+
+TEST_F(ConfigServiceTest, ConfigurationWithoutOfficersIsAssignedToNobody) {
+  const ParsedConfig parsed = Parse("working_mode = \"" + std::string(32, 'm') + "\"");
+  EXPECT_THAT(parsed.problems, IsEmpty());
+  EXPECT_THAT(Summary(parsed.record), HasSubstr("streaming automatic"));
+  EXPECT_FALSE(parsed.record.officers.GetCurrentOfficer().collaborationEnabled);
+}
+
+TEST_F(ConfigServiceTest, AllProblemsOfAFileAreToldInItsOrder) {
+  EXPECT_THAT(
+      Problems("tethered_streaming = \"sometimes\"\n"
+               "tethered_uploading = 1\n"
+               "working_mode = \"" +
+               std::string(33, 'm') +
+               "\"\n"
+               "colour = \"red\"\n"
+               "current_officer = \"3\"\n"
+               "[[officers]]\n"
+               "id = \"1\"\n"
+               "name = \"two\\nlines\"\n"
+               "[[officers]]\n"
+               "id = \"1\"\n"
+               "collaboration_enabled = \"yes\"\n"
+               "rank = 1\n"
+               "[[officers]]\n"
+               "name = \"\"\n"),
+      ElementsAre(
+          R"(1: tethered_streaming: expected "automatic", "never" or "always", found "sometimes")",
+          R"(2: tethered_uploading: expected "automatic", "never" or "always", found integer)",
+          HasSubstr("3: working_mode: expected a text of 1 to 32 bytes"),
+          HasSubstr("4: colour: unknown key, expected one of working_mode,"),
+          R"(5: current_officer: expected the id of an officer of this file, found "3")",
+          HasSubstr("8: name: expected a text of 0 to 64 bytes without control characters"),
+          R"(10: id: expected an id that no other officer has, found "1")",
+          R"(11: collaboration_enabled: expected true or false, found "yes")",
+          HasSubstr("12: rank: unknown key"), HasSubstr("13: id: missing")));
+}
+
+TEST_F(ConfigServiceTest, FilesThatAreNoConfigurationAtAll) {
+  const std::string mode = "working_mode = \"x\"\n";
+  EXPECT_THAT(Problems(""), ElementsAre(HasSubstr("working_mode: missing")));
+  EXPECT_THAT(Problems(mode + "= 3\n"), ElementsAre(HasSubstr("2: ")));
+  EXPECT_THAT(Problems(mode + "officers = [1]"), ElementsAre(HasSubstr("[[officers]] sections")));
+  std::string crowd = mode;
+  for (int id = 0; id < 33; ++id) {
+    crowd += "[[officers]]\nid = \"" + std::to_string(id) + "\"\n";
+  }
+  EXPECT_THAT(Problems(crowd), ElementsAre("66: officers: expected at most 32, found 33"));
+  EXPECT_THAT(Problems(std::string(1U << 20U, '\n') + mode), ElementsAre(HasSubstr("1 MiB")));
+  EXPECT_THAT(ReadConfigFile(root_).problems, ElementsAre(HasSubstr("not a regular file")));
+  EXPECT_THAT(ReadConfigFile(root_ + "/absent").problems,
+              ElementsAre(root_ + "/absent: cannot be read: No such file or directory"));
+}
+
+TEST_F(ConfigServiceTest, BadReloadKeepsTheRecordInForce) {
+  const fake::LogCapture log;
+  const auto model = std::make_shared<fake::FakeServiceModel>();
+  const auto mode = [] {
+    const auto result = InterfaceFactory::Create<ConfigReaderIF>("ConfigReaderIF")->Get();
+    return std::string(result.record.Lock()->workingMode.data());
+  };
+  BlockReloadSignal();
+  ConfigService service(model, ConfigFile(), Parse("working_mode = \"one\"").record);
+  std::jthread runner([&service] { service.DoRun(); });
+  ASSERT_TRUE(log.WaitFor("published: working mode \"one\""));
+  EXPECT_EQ(mode(), "one");
+
+  Parse("working_mode = 2");
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(log.WaitFor("that is in force stays, because of 1 problem(s)"));
+  EXPECT_TRUE(log.Contains("/etc/zelt/config.toml:1: working_mode: expected a text"));
+  EXPECT_EQ(mode(), "one");
+
+  Parse("working_mode = \"three\"");
+  kill(getpid(), SIGHUP);
+  ASSERT_TRUE(log.WaitFor("published: working mode \"three\""));
+  EXPECT_EQ(mode(), "three");
+
+  std::filesystem::remove_all(root_ + "/dev");
+  std::ofstream(root_ + "/dev").flush();
+  kill(getpid(), SIGHUP);
+  EXPECT_TRUE(log.WaitFor("that is in force stays, publishing failed"));
+
+  service.DoDie();
+  runner.join();
+  EXPECT_THAT(model->States(),
+              ElementsAre(service_state::State::Ready, service_state::State::Stopped));
+}
+
+}  // namespace
+}  // namespace zelt

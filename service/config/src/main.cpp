@@ -28,7 +28,7 @@ int Check(const std::string& path) {
 }
 
 int Run(const std::string& path) {
-  zelt::SetLogIdentifier("zelt-config");
+  zelt::SetLogIdentifier("config");
   const zelt::ParsedConfig parsed = zelt::ReadConfigFile(path);
   for (const std::string& problem : parsed.problems) {
     ZELT_LOG(zelt::kLogError, kCategory) << problem;

@@ -86,7 +86,7 @@ TEST_P(Fault, TransferHasExactlyOneAnswerAndTheServiceLives) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Plan, Fault, testing::ValuesIn(kFaults),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& test) { return std::string(test.param.name); });
 
 TEST(Link, AnswersInAnotherOrderReachTheirOwnAskers) {
   Stack stack;

@@ -14,13 +14,14 @@
 namespace e2e {
 namespace {
 
-// The opcode that the document of the link gives to a message. Its tables have one message a row:
-// opcode, kind, name, direction.
-std::string DocumentedOpcode(const std::string& name, const std::string& direction) {
+// The opcode that the document of the link gives to a message of the camera. Its tables have one
+// message a row, opcode, kind and name first; those of the camera come first.
+std::string DocumentedOpcode(const std::string& name) {
   std::ifstream document(std::string(KOVA_SOURCE_DIR) + "/docs/radio-link.md");
-  for (std::string line; std::getline(document, line);) {
-    if (line.starts_with("| `0x") && line.contains("`" + name + "`") && line.contains(direction)) {
-      return line.substr(3, 6);
+  for (std::string line;
+       std::getline(document, line) && line != "### From the radio to the camera";) {
+    if (line.starts_with("| 0x") && line.contains("| " + name + " |")) {
+      return line.substr(2, 6);
     }
   }
   return "";
@@ -108,7 +109,7 @@ TEST(Relay, EveryMessageReachesTheRadioAsItsDocumentedOpcode) {
     if (const std::size_t image = json.find("IMAGE"); image != std::string::npos) {
       json.replace(image, 5, (stack.Folder() / "image").string());
     }
-    const std::string opcode = DocumentedOpcode(row.wire_name, "to radio");
+    const std::string opcode = DocumentedOpcode(row.wire_name);
     ASSERT_NE(opcode, "") << row.wire_name << " is not documented";
     stack.radio->Mark();
     const ToolResult sent = stack.Tool({"send", "Kova", row.type, json});

@@ -69,7 +69,7 @@ void Stack::StartBus() {
 void Stack::StartConfig() {
   config.reset();
   config = Run("zelt-config", {});
-  config->WaitForLine("READY");
+  config->WaitForLine("Configuration published");
 }
 
 void Stack::StartRadio(const std::vector<std::string>& options) {

@@ -82,7 +82,7 @@ void BusConnectionImpl::Connect() {
   while (Check(sd_bus_is_ready(bus), what) == 0) {
     if (Check(sd_bus_process(bus, nullptr), what) == 0) {
       const auto left = deadline - TimerQueue::Now();
-      if (left <= left.zero()) {
+      if (left <= std::chrono::microseconds(0)) {
         throw std::runtime_error(what + ": it accepts connections but does not answer");
       }
       Check(sd_bus_wait(bus, Microseconds(left)), what);
@@ -126,7 +126,7 @@ void BusConnectionImpl::FillNames() {
     listed.emplace_back(*name);
     std::free(*name);
   }
-  std::free(names);
+  std::free(static_cast<void*>(names));
   for (const auto& name : listed) {
     if (!ServiceNameOf(name)) {
       continue;

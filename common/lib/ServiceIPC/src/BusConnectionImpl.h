@@ -107,7 +107,7 @@ class BusConnectionImpl final : public BusConnection,
     std::uint64_t request = 0;  // Respond: what it answers
     std::chrono::milliseconds
         answer_time{};  // Send: how long to wait for an answer; 0: awaits none
-    Time start{};
+    Time start = TimerQueue::Now();
   };
   struct CallResult {
     Outcome outcome = Outcome::Disconnected;  // Delivered: `reply` holds the peer's return values
@@ -173,8 +173,10 @@ class BusConnectionImpl final : public BusConnection,
                 UniqueFunction<void(Reply)> report);
   int NewMessage(const Outgoing& outgoing, std::uint64_t request, MessagePtr& message);
   void Deliver(const Outgoing& outgoing, bool waits, Completion<Reply> done);
+  void DeliverAndAwaitAnswer(const Outgoing& outgoing, std::uint64_t id, sd_bus_message* message,
+                             Completion<Reply> done);
   void DeliverToSelf(const Outgoing& outgoing, sd_bus_message* message, Completion<Reply> done);
-  static Reply ToReply(const CallResult& result, Kind kind);
+  static Reply ToReply(const CallResult& call, Kind kind);
   void FinishRequest(std::uint64_t id, Reply reply);
   void Invoke(sd_bus_message* message, std::optional<Time> deadline, bool waits,
               CallHandler handler);
@@ -196,8 +198,8 @@ class BusConnectionImpl final : public BusConnection,
                       std::string_view payload);
   void Announce(const std::string& topic);
   void AnnounceAll();
-  void AskState(std::uint64_t watch);
-  void TellState(std::uint64_t watch, std::uint32_t state);
+  void AskState(std::uint64_t id);
+  void TellState(std::uint64_t id, std::uint32_t state);
 
   // They return what sd-bus expects: negative with an error set, 0 when others may also have it.
   int OnSend(sd_bus_message* message, sd_bus_error* error);

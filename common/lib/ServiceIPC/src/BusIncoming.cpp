@@ -37,7 +37,7 @@ std::string WhatIsWrong(std::string_view type, std::string_view payload) {
 
 // Runs a callback of the user's. True if it ran to its end.
 template <class Function>
-bool RunCallback(std::string_view what, std::string_view name, Function function) {
+bool RunCallback(std::string_view what, std::string_view name, const Function& function) {
   try {
     return function();
   } catch (const std::exception& error) {
@@ -273,7 +273,7 @@ int BusConnectionImpl::OnMatchInstalled(sd_bus_message* reply, void* receiver, s
 // A published message or a subscriber's announcement; 0 lets other matches have it as well.
 int BusConnectionImpl::OnReceived(sd_bus_message* message, void* receiver, sd_bus_error*) noexcept {
   auto& target = *static_cast<Receiver*>(receiver);
-  BusConnectionImpl& self = *target.self;
+  const BusConnectionImpl& self = *target.self;
   const char* topic = "";
   std::string_view payload;
   const std::string connection = sd_bus_message_get_sender(message);
@@ -322,7 +322,8 @@ std::vector<std::shared_ptr<BusConnectionImpl::Receiver>> BusConnectionImpl::Fin
         << "No callback for [" << type << "] from [" << sender << "]";
     return {};
   }
-  if (callback->allowed_senders && std::ranges::count(*callback->allowed_senders, sender) == 0) {
+  const auto& allowed = callback->allowed_senders;
+  if (allowed && std::ranges::count(*allowed, sender) == 0) {
     ZELT_LOG(kLogWarning, kIpcLogCategory) << "[" << sender << "] may not send [" << type << "]";
     return {};
   }
@@ -432,7 +433,8 @@ void BusConnectionImpl::AskState(std::uint64_t id) {
   const auto generation = ++watch.generation;
   const auto owner = names_.OwnerOf(watch.bus_name);
   if (owner.empty()) {
-    return TellState(id, 0);
+    TellState(id, 0);
+    return;
   }
   const auto message = NewStateQuery(owner);
   Invoke(message.get(), std::nullopt, false, [this, id, generation](const CallResult& call) {
@@ -445,7 +447,7 @@ void BusConnectionImpl::AskState(std::uint64_t id) {
         sd_bus_message_read(call.reply, "v", "u", &state) >= 0) {
       TellState(id, state);
     } else {
-      ZELT_LOG(kLogWarning, kIpcLogCategory)
+      ZELT_LOG_AS("AskState", kLogWarning, kIpcLogCategory)
           << "[" << asked->second.bus_name << "] does not tell its state: " << call.error;
     }
   });

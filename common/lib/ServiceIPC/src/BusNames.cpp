@@ -92,7 +92,8 @@ std::string NameMap::OwnerOf(std::string_view bus_name) const {
 
 std::string NameMap::SenderName(std::string_view connection) const {
   const auto names = names_.find(connection);
-  return names == names_.end() ? std::string(connection) : *ServiceNameOf(*names->second.begin());
+  return names == names_.end() ? std::string(connection)
+                               : ServiceNameOf(*names->second.begin()).value_or("");
 }
 
 bool NameMap::OwnsService(std::string_view connection) const {
@@ -102,8 +103,9 @@ bool NameMap::OwnsService(std::string_view connection) const {
 
 std::vector<std::string> NameMap::All() const {
   std::vector<std::string> all;
+  all.reserve(owners_.size());
   for (const auto& [name, owner] : owners_) {
-    all.push_back(*ServiceNameOf(name));
+    all.push_back(ServiceNameOf(name).value_or(""));
   }
   return all;
 }

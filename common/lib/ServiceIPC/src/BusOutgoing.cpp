@@ -97,7 +97,8 @@ std::future<ServiceIPC::Reply> BusConnectionImpl::RequestImpl(std::string_view d
   auto future = promise.get_future();
   const auto bus_name = BusNameOf(destination);
   Transmit({Kind::Send, bus_name ? *bus_name : std::string_view(), typeName, payload, 0,
-            std::clamp(timeout, timeout.zero(), std::chrono::milliseconds(kLongestAnswerTime))},
+            std::clamp(timeout, std::chrono::milliseconds(0),
+                       std::chrono::milliseconds(kLongestAnswerTime))},
            destination, [promise = std::move(promise)](Reply reply) mutable {
              promise.set_value(std::move(reply));
            });
@@ -111,7 +112,8 @@ void BusConnectionImpl::Transmit(const Outgoing& outgoing, std::string_view peer
       [kind = kVerbs[static_cast<std::size_t>(outgoing.kind)], type = std::string(outgoing.type),
        peer = std::string(peer), report = std::move(report)](Reply reply) mutable {
         if (!IsGood(reply.outcome)) {
-          ZELT_LOG(reply.outcome == Outcome::Invalid ? kLogError : kLogWarning, kIpcLogCategory)
+          ZELT_LOG_AS("Transmit", reply.outcome == Outcome::Invalid ? kLogError : kLogWarning,
+                      kIpcLogCategory)
               << kind << " [" << type << "] to [" << peer << "] failed: " << reply.error;
         }
         report(std::move(reply));
@@ -120,39 +122,44 @@ void BusConnectionImpl::Transmit(const Outgoing& outgoing, std::string_view peer
   const std::size_t under_way = under_way_.fetch_add(1);
   const auto refuse = [&done](const std::string& why) { done({Outcome::Invalid, "", "", why}); };
   if (under_way >= kMaxSendsUnderWay) {
-    return refuse("limit of " + std::to_string(kMaxSendsUnderWay) + " sends under way reached");
+    refuse("limit of " + std::to_string(kMaxSendsUnderWay) + " sends under way reached");
+    return;
   }
   if (!IsTypeName(outgoing.type)) {
-    return refuse("a type or topic has 1 to " + std::to_string(kMaxTypeName) +
-                  " letters, digits, '_', '-' and '.', this one is " +
-                  std::to_string(outgoing.type.size()) + " bytes long");
+    refuse("a type or topic has 1 to " + std::to_string(kMaxTypeName) +
+           " letters, digits, '_', '-' and '.', this one is " +
+           std::to_string(outgoing.type.size()) + " bytes long");
+    return;
   }
   if (outgoing.payload.size() > kMaxPayload) {
-    return refuse("payload of " + std::to_string(outgoing.payload.size()) +
-                  " bytes exceeds the limit of " + std::to_string(kMaxPayload));
+    refuse("payload of " + std::to_string(outgoing.payload.size()) +
+           " bytes exceeds the limit of " + std::to_string(kMaxPayload));
+    return;
   }
   if (outgoing.kind != Kind::Publish && outgoing.bus_name.empty()) {
-    return refuse("this is the name of no service, tool or connection");
+    refuse("this is the name of no service, tool or connection");
+    return;
   }
   if (outgoing.kind == Kind::Respond && outgoing.request == 0) {
-    return done({Outcome::Delivered, "", "", ""});  // nobody waits for it
+    done({Outcome::Delivered, "", "", ""});  // nobody waits for it
+    return;
   }
 
-  Outgoing timed = outgoing;
-  timed.start = TimerQueue::Now();
   if (loop_.IsOnLoop()) {
     if (outgoing.answer_time.count() > 0) {
-      return refuse(
-          "an answer cannot be awaited on the IPC thread, which would have to receive it");
+      refuse("an answer cannot be awaited on the IPC thread, which would have to receive it");
+      return;
     }
-    return Deliver(timed, true, std::move(done));
+    Deliver(outgoing, true, std::move(done));
+    return;
   }
-  loop_.Post([this, timed, bus_name = std::string(timed.bus_name), type = std::string(timed.type),
-              payload = std::string(timed.payload), done = std::move(done)]() mutable {
-    timed.bus_name = bus_name;
-    timed.type = type;
-    timed.payload = payload;
-    Deliver(timed, false, std::move(done));
+  loop_.Post([this, copy = outgoing, bus_name = std::string(outgoing.bus_name),
+              type = std::string(outgoing.type), payload = std::string(outgoing.payload),
+              done = std::move(done)]() mutable {
+    copy.bus_name = bus_name;
+    copy.type = type;
+    copy.payload = payload;
+    Deliver(copy, false, std::move(done));
   });
 }
 
@@ -196,25 +203,29 @@ void BusConnectionImpl::Deliver(const Outgoing& outgoing, bool waits, Completion
     result = sd_bus_send(bus_.get(), message.get(), nullptr);
   }
   if (result < 0) {
-    return done({IsOpen() ? OutcomeOf(-result) : Outcome::Disconnected, "", "",
-                 "the bus does not take it: " + ErrorText(result)});
+    done({IsOpen() ? OutcomeOf(-result) : Outcome::Disconnected, "", "",
+          "the bus does not take it: " + ErrorText(result)});
+    return;
   }
   if (outgoing.kind == Kind::Publish) {
-    return done({Outcome::Delivered, "", "", ""});
+    done({Outcome::Delivered, "", "", ""});
+    return;
   }
   if (waits && names_.OwnerOf(outgoing.bus_name) == unique_name_) {
-    return DeliverToSelf(outgoing, message.get(), std::move(done));
+    DeliverToSelf(outgoing, message.get(), std::move(done));
+  } else if (awaits_answer) {
+    DeliverAndAwaitAnswer(outgoing, id, message.get(), std::move(done));
+  } else {
+    Invoke(message.get(), outgoing.start + kDeliveryTime, waits,
+           [kind = outgoing.kind, done = std::move(done)](const CallResult& call) mutable {
+             done(ToReply(call, kind));
+           });
   }
+}
 
-  auto deadline = outgoing.start + kDeliveryTime;
-  if (!awaits_answer) {
-    return Invoke(message.get(), deadline, waits,
-                  [kind = outgoing.kind, done = std::move(done)](const CallResult& call) mutable {
-                    done(ToReply(call, kind));
-                  });
-  }
+void BusConnectionImpl::DeliverAndAwaitAnswer(const Outgoing& outgoing, std::uint64_t id,
+                                              sd_bus_message* message, Completion<Reply> done) {
   const auto answer_deadline = outgoing.start + outgoing.answer_time;
-  deadline = std::min(deadline, answer_deadline);
   auto& request = requests_.emplace(id, Request(std::move(done))).first->second;
   request.bus_name = outgoing.bus_name;
   request.peer = names_.OwnerOf(outgoing.bus_name);
@@ -225,10 +236,12 @@ void BusConnectionImpl::Deliver(const Outgoing& outgoing, bool waits, Completion
                            "no answer within " + std::to_string(time.count()) + " ms"});
       },
       answer_deadline - TimerQueue::Now(), false);
-  Invoke(message.get(), deadline, waits, [this, id](const CallResult& call) {
+  const auto deadline = std::min(outgoing.start + kDeliveryTime, answer_deadline);
+  Invoke(message, deadline, false, [this, id](const CallResult& call) {
     auto reply = ToReply(call, Kind::Send);
     if (!IsGood(reply.outcome)) {
-      return FinishRequest(id, std::move(reply));
+      FinishRequest(id, std::move(reply));
+      return;
     }
     if (const auto waiting = requests_.find(id); waiting != requests_.end()) {
       waiting->second.peer = sd_bus_message_get_sender(call.reply);
@@ -276,8 +289,9 @@ void BusConnectionImpl::FinishRequest(std::uint64_t id, Reply reply) {
 void BusConnectionImpl::Invoke(sd_bus_message* message, std::optional<Time> deadline, bool waits,
                                CallHandler handler) {
   const auto left = deadline ? *deadline - TimerQueue::Now() : std::chrono::microseconds::max();
-  if (left <= left.zero()) {
-    return handler({Outcome::TimedOut, nullptr, "the IPC thread was held up for too long"});
+  if (left <= std::chrono::microseconds(0)) {
+    handler({Outcome::TimedOut, nullptr, "the IPC thread was held up for too long"});
+    return;
   }
   if (waits) {
     BusError error;
@@ -285,7 +299,8 @@ void BusConnectionImpl::Invoke(sd_bus_message* message, std::optional<Time> dead
     const int result = sd_bus_call(bus_.get(), message, static_cast<std::uint64_t>(left.count()),
                                    &error.error, &raw);
     const MessagePtr reply(raw);
-    return handler(ToResult(raw, result, &error.error));
+    handler(ToResult(raw, result, &error.error));
+    return;
   }
   const std::uint64_t id = ++last_id_;
   auto& call = calls_[id];
@@ -297,7 +312,8 @@ void BusConnectionImpl::Invoke(sd_bus_message* message, std::optional<Time> dead
       sd_bus_call_async(bus_.get(), &slot, message, &BusConnectionImpl::OnReply, &call, UINT64_MAX);
   call.slot.reset(slot);
   if (result < 0) {
-    return FinishCall(id, ToResult(nullptr, result, nullptr));
+    FinishCall(id, ToResult(nullptr, result, nullptr));
+    return;
   }
   if (deadline) {
     call.deadline = loop_.AddTimer(
@@ -364,8 +380,8 @@ std::future<BusConnection::StateReply> BusConnectionImpl::QueryState(std::string
   }
   const auto limit = std::clamp(timeout, Seconds(0), Seconds(kLongestAnswerTime));
   const auto deadline = TimerQueue::Now() + std::chrono::ceil<std::chrono::microseconds>(limit);
-  auto ask = [this, deadline, waits = loop_.IsOnLoop(), bus_name = std::move(*bus_name),
-              done = std::move(done)]() mutable {
+  UniqueFunction<void()> ask = [this, deadline, waits = loop_.IsOnLoop(),
+                                bus_name = std::move(*bus_name), done = std::move(done)]() mutable {
     const auto message = NewStateQuery(bus_name);
     Invoke(message.get(), deadline, waits,
            [done = std::move(done)](const CallResult& call) mutable {

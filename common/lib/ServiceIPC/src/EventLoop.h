@@ -73,7 +73,7 @@ class EventLoop {
   EventSourcePtr time_source_;
 
   std::thread thread_;  // touched by whoever starts and stops
-  std::atomic<std::thread::id> thread_id_{};
+  std::atomic<std::thread::id> thread_id_;
 
   // touched by the loop's thread only
   std::vector<EventSourcePtr> signal_sources_;

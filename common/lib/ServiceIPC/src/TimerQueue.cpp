@@ -71,10 +71,10 @@ void TimerQueue::RunDue(Time now) {
       }
       entry = due->second;
       waiting_.erase(due);
-      if (entry->period) {
+      if (entry->period.count() > 0) {
         // A loop that was held up for several periods does not catch up in a burst.
         Insert(entry,
-               std::max(entry->deadline + *entry->period, now + std::chrono::microseconds(1)));
+               std::max(entry->deadline + entry->period, now + std::chrono::microseconds(1)));
       }
     }
     try {

@@ -51,7 +51,7 @@ class TimerQueue : public std::enable_shared_from_this<TimerQueue> {
     // guarded by mutex_
     Time deadline;
     std::uint64_t sequence = 0;
-    std::optional<std::chrono::microseconds> period;
+    std::chrono::microseconds period{};  // 0: fires once
   };
   using Key = std::pair<Time, std::uint64_t>;
 

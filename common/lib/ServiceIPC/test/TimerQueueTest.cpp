@@ -9,7 +9,7 @@
 namespace zelt {
 namespace {
 
-using std::chrono_literals::operator""s;
+using namespace std::chrono_literals;
 constexpr TimerQueue::Time kStart{};
 
 class TimerQueueTest : public testing::Test {
@@ -58,7 +58,7 @@ TEST_F(TimerQueueTest, ClosedByACallbackOfTheSameTickDoesNotFire) {
 }
 
 TEST_F(TimerQueueTest, PeriodicSkipsWhatAHeldUpLoopMissedAndKeepsOthersRunning) {
-  fake::LogCapture log;
+  const fake::LogCapture log;
   const auto thrower = Add(1s, [] { throw std::runtime_error("bad timer"); });
   const auto periodic = Note(2s, 'p', true);
   AsyncCallbackHandle nested;

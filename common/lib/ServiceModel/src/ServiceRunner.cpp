@@ -186,7 +186,7 @@ void Runner::StartStopperIfDue() {
       try {
         service->DoDie();
       } catch (const std::exception& error) {
-        ZELT_LOG(kLogError, kModelLogCategory)
+        ZELT_LOG_AS("StopService", kLogError, kModelLogCategory)
             << "Failed to stop service " << name_ << ": " << error.what();
         GiveUp();  // nothing is left that would make DoRun return
       }

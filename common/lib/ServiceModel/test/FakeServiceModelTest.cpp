@@ -7,7 +7,7 @@ namespace zelt::fake {
 namespace {
 
 using testing::ElementsAre;
-using std::chrono_literals::operator""s;
+using namespace std::chrono_literals;
 
 TEST(FakeServiceModel, TimersFireByDeadlineThenByOrderOfSetting) {
   FakeServiceModel model;

@@ -26,7 +26,7 @@ class RevocableCallback {
       return false;
     }
     running_on_.store(std::this_thread::get_id(), std::memory_order_relaxed);
-    struct Reset {
+    const struct Reset {
       RevocableCallback& self;
       ~Reset() {
         self.running_on_.store(std::thread::id(), std::memory_order_relaxed);

@@ -107,8 +107,11 @@ class FakeServiceIPC : public ServiceIPC {
     if (!entry) {
       entry = Find(EntryKind::Callback, "");
     }
-    if (!entry ||
-        (entry->allowed_senders && !std::ranges::count(*entry->allowed_senders, sender))) {
+    if (!entry) {
+      return false;
+    }
+    const auto& allowed = entry->allowed_senders;
+    if (allowed && std::ranges::count(*allowed, sender) == 0) {
       return false;
     }
     return Call(*entry, Envelope(type, sender, request), payload);
@@ -175,8 +178,8 @@ class FakeServiceIPC : public ServiceIPC {
 
   std::future<Reply> RequestImpl(std::string_view destination, std::string_view typeName,
                                  std::string_view payload, std::chrono::milliseconds) override {
-    Record record{Kind::Request, std::string(destination), std::string(typeName),
-                  std::string(payload)};
+    const Record record{Kind::Request, std::string(destination), std::string(typeName),
+                        std::string(payload)};
     std::function<Reply(const Record&)> reply;
     {
       const std::lock_guard lock(mutex_);
@@ -244,12 +247,14 @@ class FakeServiceIPC : public ServiceIPC {
 
   std::shared_ptr<Entry> Find(EntryKind kind, std::string_view name) const {
     const auto open = Open(kind);
-    const auto found = std::find_if(open.rbegin(), open.rend(),
-                                    [name](const auto& entry) { return entry->name == name; });
-    return found == open.rend() ? nullptr : *found;
+    std::shared_ptr<Entry> latest;
+    for (const auto& entry : open) {
+      latest = entry->name == name ? entry : latest;
+    }
+    return latest;
   }
 
-  std::future<bool> Finish(Record record) {
+  std::future<bool> Finish(const Record& record) {
     std::promise<bool> promise;
     auto future = promise.get_future();
     std::function<Result(const Record&)> decide;

@@ -5,11 +5,14 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
+#include <memory>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -25,20 +28,23 @@ class ChildProcess {
   ChildProcess(std::vector<std::string> command, std::filesystem::path output)
       : output_(std::move(output)) {
     std::vector<char*> arguments;
-    for (auto& word : command) {
-      arguments.push_back(word.data());
-    }
+    std::ranges::transform(command, std::back_inserter(arguments),
+                           [](std::string& word) { return word.data(); });
     arguments.push_back(nullptr);
-    std::ofstream(output_).close();  // there is something to read from the start
+    const int file =
+        open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
+    if (file < 0) {
+      throw std::runtime_error("cannot create " + output_.string());
+    }
     pid_ = fork();
     if (pid_ == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
-      const int file = open(output_.c_str(), O_WRONLY | O_APPEND);
       dup2(file, STDOUT_FILENO);
       dup2(file, STDERR_FILENO);
       execvp(arguments[0], arguments.data());
       _exit(127);
     }
+    close(file);
   }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -51,6 +57,13 @@ class ChildProcess {
     if (!status_) {
       kill(pid_, signal);
     }
+  }
+
+  // Halts it, as a process that hangs; Signal(SIGCONT) lets it go on.
+  void Halt() const {
+    int status = 0;
+    Signal(SIGSTOP);
+    waitpid(pid_, &status, WUNTRACED);  // until then, its threads may still do something
   }
 
   // Waits for its end: the exit status, or 128 + signal.
@@ -97,8 +110,9 @@ class TestBus {
     folder_ = path;
     address_ = "unix:path=" + path + "/bus";
     setenv("ZELT_BUS_ADDRESS", address_.c_str(), 1);
-    daemon_.emplace(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" KOVA_BUS_CONFIG, "--nofork",
+    const std::string config = KOVA_BUS_CONFIG;
+    daemon_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"dbus-daemon", "--config-file=" + config, "--nofork",
                                  "--nopidfile", "--print-address", "--address=" + address_},
         folder_ / "bus.log");
     if (!daemon_->WaitForOutput("guid=")) {
@@ -115,12 +129,12 @@ class TestBus {
   const std::filesystem::path& Folder() const { return folder_; }
   const std::string& Address() const { return address_; }
   void Kill() { daemon_.reset(); }
-  void Signal(int signal) const { daemon_->Signal(signal); }
+  void Halt() const { daemon_->Halt(); }
 
  private:
   std::filesystem::path folder_;
   std::string address_;
-  std::optional<ChildProcess> daemon_;
+  std::unique_ptr<ChildProcess> daemon_;
 };
 
 }  // namespace zelt::fake

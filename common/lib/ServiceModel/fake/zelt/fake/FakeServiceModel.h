@@ -55,9 +55,8 @@ class FakeServiceModel : public ServiceModel {
   std::vector<Timer> Timers() const {
     const std::lock_guard lock(mutex_);
     std::vector<Timer> result;
-    for (const auto& entry : entries_) {
-      result.push_back(entry->timer);
-    }
+    std::ranges::transform(entries_, std::back_inserter(result),
+                           [](const auto& entry) { return entry->timer; });
     return result;
   }
   // The names of those that wait to fire, in the order in which they will.

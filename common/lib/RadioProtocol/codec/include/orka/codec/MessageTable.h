@@ -294,17 +294,17 @@ constexpr bool NotificationsAreComplete() {
     const auto notify = static_cast<NotifyMessage>(kind);
     const bool of_the_link = notify == N::RadioConnected || notify == N::HandshakeCompleted ||
                              notify == N::ConnectionLost || notify == N::HandshakeFailed;
-    const MessageRow* first = nullptr;
+    int alternative = -1;
     for (const MessageRow& row : kMessageTable) {
       if (row.notify != notify) {
         continue;
       }
-      if (first != nullptr && first->alternative != row.alternative) {
+      if (alternative >= 0 && alternative != row.alternative) {
         return false;
       }
-      first = &row;
+      alternative = row.alternative;
     }
-    if (of_the_link == (first != nullptr)) {
+    if (of_the_link == (alternative >= 0)) {
       return false;
     }
   }

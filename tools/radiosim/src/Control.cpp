@@ -62,13 +62,14 @@ void Control::Stop() {
   if (!path_.empty()) {
     ::unlink(std::exchange(path_, {}).c_str());
     asio::error_code ignored;
-    acceptor_.close(ignored);
+    static_cast<void>(acceptor_.close(ignored));
   }
 }
 
 void Control::Accept() {
-  acceptor_.async_accept([this](const asio::error_code& error, Protocol::socket socket) {
-    if (path_.empty()) {
+  acceptor_.async_accept([this, alive = std::weak_ptr<void>(alive_)](const asio::error_code& error,
+                                                                     Protocol::socket socket) {
+    if (alive.expired() || path_.empty()) {
       return;
     }
     if (!error) {
@@ -81,20 +82,22 @@ void Control::Accept() {
 void Control::Read(const std::shared_ptr<Client>& client) {
   asio::async_read_until(
       client->socket, asio::dynamic_buffer(client->in, kMaxLine), '\n',
-      [this, client](const asio::error_code& error, std::size_t count) {
-        if (error) {
+      [this, client, alive = std::weak_ptr<void>(alive_)](const asio::error_code& error,
+                                                          std::size_t count) {
+        if (error || alive.expired()) {
           return;  // gone, or a line without end
         }
         const std::string line = client->in.substr(0, count - 1);
         client->in.erase(0, count);
         const Simulator::Reply reply = simulator_.Command(line);
         client->out = reply.ok ? reply.text + "ok\n" : "error: " + reply.text + "\n";
-        asio::async_write(client->socket, asio::buffer(client->out),
-                          [this, client](const asio::error_code& failure, std::size_t /*count*/) {
-                            if (!failure && !path_.empty()) {
-                              Read(client);
-                            }
-                          });
+        asio::async_write(
+            client->socket, asio::buffer(client->out),
+            [this, client, alive](const asio::error_code& failure, std::size_t /*count*/) {
+              if (!failure && !alive.expired() && !path_.empty()) {
+                Read(client);
+              }
+            });
       });
 }
 

@@ -32,6 +32,7 @@ class Control {
 
   asio::local::stream_protocol::acceptor acceptor_;
   Simulator& simulator_;
+  std::shared_ptr<void> alive_ = std::make_shared<int>(0);  // as in the simulator
   std::string path_;
 };
 

@@ -1,5 +1,7 @@
 #include "ProtoJson.h"
 
+#include "radiosim.pb.h"
+
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/dynamic_message.h>
@@ -7,9 +9,7 @@
 #include <google/protobuf/wrappers.pb.h>
 
 #include <array>
-#include <cmath>
 #include <cstdint>
-#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <type_traits>
@@ -28,7 +28,6 @@ namespace radiosim {
 namespace {
 
 using google::protobuf::MessageLite;
-using google::protobuf::Struct;
 namespace util = google::protobuf::util;
 
 class Definitions {
@@ -62,136 +61,12 @@ class Definitions {
 template <class T>
 concept Proto = std::is_base_of_v<MessageLite, T>;
 
-std::string Print(const google::protobuf::Message& message) {
+std::string Print(const google::protobuf::Message& message, bool all_fields) {
   std::string json;
-  const auto status = util::MessageToJsonString(message, &json);
+  util::JsonPrintOptions options;
+  options.always_print_primitive_fields = all_fields;
+  const auto status = util::MessageToJsonString(message, &json, options);
   return status.ok() ? json : "{\"error\":\"" + status.ToString() + "\"}";
-}
-
-// ------------------------------------------------------------------------------------------------
-// The radio's own records.
-
-void Add(Struct& object, const char* name, double number) {
-  (*object.mutable_fields())[name].set_number_value(number);
-}
-void Add(Struct& object, const char* name, const std::string& text) {
-  (*object.mutable_fields())[name].set_string_value(text);
-}
-
-Struct ToObject(const orka::qrx::FileAccessRequest& request) {
-  Struct object;
-  Add(object, "operation", request.operation);
-  Add(object, "accessCode", request.access_code);
-  Add(object, "fileSize", request.file_size);
-  Add(object, "fileName", request.file_name);
-  return object;
-}
-Struct ToObject(const orka::qrx::FileAccessResponse& response) {
-  Struct object;
-  Add(object, "result", static_cast<double>(response.result));
-  Add(object, "fileSize", response.file_size);
-  Add(object, "fileName", response.file_name);
-  return object;
-}
-Struct ToObject(const orka::qrx::TransferDataRequest& request) {
-  Struct object;
-  Add(object, "kind", request.kind);
-  Add(object, "chunkNumber", request.chunk_number);
-  Add(object, "dataSize", request.data_size);
-  return object;
-}
-Struct ToObject(const orka::qrx::TransferDataResponse& response) {
-  Struct object;
-  Add(object, "result", static_cast<double>(response.result));
-  Add(object, "chunkNumber", response.chunk_number);
-  return object;
-}
-Struct ToObject(const orka::FileHandleRespWrapper& response) {
-  Struct object;
-  Add(object, "handleId", response.handle_id);
-  Add(object, "status", static_cast<double>(response.status));
-  Add(object, "attributes", response.attributes);
-  if (const auto* directory = std::get_if<orka::qrx::DirectoryDataType>(&response.data)) {
-    auto* list = (*object.mutable_fields())["directory"].mutable_list_value();
-    for (const std::string& entry : directory->entries) {
-      list->add_values()->set_string_value(entry);
-    }
-  } else if (const auto* text = std::get_if<std::string>(&response.data)) {
-    Add(object, "text", *text);
-  } else if (const auto* size = std::get_if<std::uint32_t>(&response.data)) {
-    Add(object, "size", *size);
-  } else if (const auto* content = std::get_if<std::vector<std::uint8_t>>(&response.data)) {
-    Add(object, "contentBytes", static_cast<double>(content->size()));
-  }
-  return object;
-}
-
-// Takes the members out of an object, so that what is left was not expected.
-class ObjectReader {
- public:
-  ObjectReader(Struct& object, std::string& error)
-      : fields_(*object.mutable_fields()), error_(error) {}
-
-  template <class T>
-  void Take(const char* name, T& value) {
-    const auto field = fields_.find(name);
-    if (field == fields_.end()) {
-      return;
-    }
-    if constexpr (std::is_same_v<T, std::string>) {
-      if (field->second.has_string_value()) {
-        value = field->second.string_value();
-      } else {
-        error_ = std::string(name) + ": a string is expected";
-      }
-    } else {
-      const double number = field->second.number_value();
-      if (field->second.has_number_value() && std::floor(number) == number && number >= 0 &&
-          number <= kMax<T>) {
-        value = static_cast<T>(static_cast<std::uint64_t>(number));
-      } else {
-        error_ = std::string(name) + ": a whole number up to " +
-                 std::to_string(static_cast<std::uint64_t>(kMax<T>)) + " is expected";
-      }
-    }
-    fields_.erase(field);
-  }
-  bool Done() {
-    if (error_.empty() && !fields_.empty()) {
-      error_ = "unknown member \"" + fields_.begin()->first + "\"";
-    }
-    return error_.empty();
-  }
-
- private:
-  template <class T, bool = std::is_enum_v<T>>
-  struct Number {
-    using Type = T;
-  };
-  template <class T>
-  struct Number<T, true> {
-    using Type = std::underlying_type_t<T>;
-  };
-  template <class T>
-  static constexpr auto kMax =
-      static_cast<double>(std::numeric_limits<typename Number<T>::Type>::max());
-
-  google::protobuf::Map<std::string, google::protobuf::Value>& fields_;
-  std::string& error_;
-};
-
-bool FromObject(Struct object, orka::qrx::FileAccessResponse& response, std::string& error) {
-  ObjectReader reader(object, error);
-  reader.Take("result", response.result);
-  reader.Take("fileSize", response.file_size);
-  reader.Take("fileName", response.file_name);
-  return reader.Done();
-}
-bool FromObject(Struct object, orka::qrx::TransferDataResponse& response, std::string& error) {
-  ObjectReader reader(object, error);
-  reader.Take("result", response.result);
-  reader.Take("chunkNumber", response.chunk_number);
-  return reader.Done();
 }
 
 bool Parse(std::string_view json, google::protobuf::Message& message, std::string& error) {
@@ -202,34 +77,110 @@ bool Parse(std::string_view json, google::protobuf::Message& message, std::strin
   return status.ok();
 }
 
+// ------------------------------------------------------------------------------------------------
+// The radio's own records.
+
+json::FileAccessRequest ToMessage(const orka::qrx::FileAccessRequest& request) {
+  json::FileAccessRequest message;
+  message.set_operation(request.operation);
+  message.set_access_code(request.access_code);
+  message.set_file_size(request.file_size);
+  message.set_file_name(request.file_name);
+  return message;
+}
+json::FileAccessResponse ToMessage(const orka::qrx::FileAccessResponse& response) {
+  json::FileAccessResponse message;
+  message.set_result(static_cast<std::uint32_t>(response.result));
+  message.set_file_size(response.file_size);
+  message.set_file_name(response.file_name);
+  return message;
+}
+json::TransferDataRequest ToMessage(const orka::qrx::TransferDataRequest& request) {
+  json::TransferDataRequest message;
+  message.set_kind(request.kind);
+  message.set_chunk_number(request.chunk_number);
+  message.set_data_size(request.data_size);
+  return message;
+}
+json::TransferDataResponse ToMessage(const orka::qrx::TransferDataResponse& response) {
+  json::TransferDataResponse message;
+  message.set_result(static_cast<std::uint32_t>(response.result));
+  message.set_chunk_number(response.chunk_number);
+  return message;
+}
+json::FileHandleOpenResponse ToMessage(const orka::FileHandleRespWrapper& response) {
+  json::FileHandleOpenResponse message;
+  message.set_handle_id(response.handle_id);
+  message.set_status(response.status);
+  message.set_attributes(response.attributes);
+  if (const auto* directory = std::get_if<orka::qrx::DirectoryDataType>(&response.data)) {
+    auto& entries = *message.mutable_directory()->mutable_entries();
+    entries.Assign(directory->entries.begin(), directory->entries.end());
+  } else if (const auto* text = std::get_if<std::string>(&response.data)) {
+    message.set_text(*text);
+  } else if (const auto* size = std::get_if<std::uint32_t>(&response.data)) {
+    message.set_size(*size);
+  } else if (const auto* content = std::get_if<std::vector<std::uint8_t>>(&response.data)) {
+    message.set_content(std::string(content->begin(), content->end()));
+  }
+  return message;
+}
+
+// Narrows a number to a record's field.
+template <class T>
+bool Narrow(std::uint32_t number, const char* name, T& field, std::string& error) {
+  constexpr std::uint32_t kMost = (1U << (8 * sizeof(T))) - 1;
+  if (number > kMost) {
+    error = std::string(name) + ": at most " + std::to_string(kMost);
+  }
+  field = static_cast<T>(number);
+  return number <= kMost;
+}
+
+bool FromJsonRecord(std::string_view text, orka::qrx::FileAccessResponse& response,
+                    std::string& error) {
+  json::FileAccessResponse message;
+  if (!Parse(text, message, error)) {
+    return false;
+  }
+  response.file_size = message.file_size();
+  response.file_name = message.file_name();
+  return Narrow(message.result(), "result", response.result, error);
+}
+bool FromJsonRecord(std::string_view text, orka::qrx::TransferDataResponse& response,
+                    std::string& error) {
+  json::TransferDataResponse message;
+  return Parse(text, message, error) &&
+         Narrow(message.result(), "result", response.result, error) &&
+         Narrow(message.chunk_number(), "chunkNumber", response.chunk_number, error);
+}
+
 template <class T>
 std::string AnyToJson(const T& held) {
   if constexpr (Proto<T>) {
     return ToJson(held);
   } else if constexpr (std::is_same_v<T, std::string>) {
-    google::protobuf::Value text;
-    text.set_string_value(held);
-    return Print(text);
+    google::protobuf::StringValue text;
+    text.set_value(held);
+    return Print(text, false);
   } else {
-    return Print(ToObject(held));
+    return Print(ToMessage(held), true);
   }
 }
 
 template <class T>
-bool AnyFromJson(std::string_view json, T& held, std::string& error) {
+bool AnyFromJson(std::string_view text, T& held, std::string& error) {
   if constexpr (Proto<T>) {
-    return FromJson(json, held, error);
+    return FromJson(text, held, error);
   } else if constexpr (std::is_same_v<T, std::string>) {
-    google::protobuf::StringValue text;
-    if (!Parse(json.empty() ? "\"\"" : json, text, error)) {
+    google::protobuf::StringValue value;
+    if (!Parse(text.empty() ? "\"\"" : text, value, error)) {
       return false;
     }
-    held = text.value();
+    held = value.value();
     return true;
   } else {
-    Struct object;
-    return Parse(json.empty() ? "{}" : json, object, error) &&
-           FromObject(std::move(object), held, error);
+    return FromJsonRecord(text.empty() ? "{}" : text, held, error);
   }
 }
 
@@ -250,7 +201,11 @@ bool AlternativeFromJson(std::index_sequence<Index...> /*alternatives*/, std::si
 std::string ToJson(const MessageLite& message) {
   const auto dynamic = Definitions::Get().Make(message.GetTypeName());
   dynamic->ParseFromString(message.SerializeAsString());
-  return Print(*dynamic);
+  return Print(*dynamic, false);
+}
+
+std::string ToJson(const google::protobuf::Message& message) {
+  return Print(message, true);
 }
 
 bool FromJson(std::string_view json, MessageLite& message, std::string& error) {
@@ -276,10 +231,6 @@ std::optional<orka::RadioNotificationData> NotificationFromJson(std::size_t inde
     return std::nullopt;
   }
   return data;
-}
-
-std::string ToJson(const Struct& object) {
-  return Print(object);
 }
 
 }  // namespace radiosim

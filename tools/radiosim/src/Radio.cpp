@@ -10,7 +10,6 @@
 namespace radiosim {
 namespace {
 
-using google::protobuf::Struct;
 using orka::codec::Direction;
 using orka::codec::FindRow;
 using orka::pel::FrameKind;
@@ -710,44 +709,38 @@ void Radio::TakeGattNotification(const Received& received) {
                std::to_string(notification.value().size()) + " bytes");
 }
 
-Struct Radio::State() const {
-  Struct state;
-  auto& fields = *state.mutable_fields();
-  const auto text = [&](const char* name, const std::string& value) {
-    fields[name].set_string_value(value);
-  };
-  const auto number = [&](const char* name, double value) { fields[name].set_number_value(value); };
-  const auto flag = [&](const char* name, bool value) { fields[name].set_bool_value(value); };
-  text("version", settings_.version);
-  text("hardwareId", settings_.hardware_id);
-  number("batteryPercent", std::round(battery_percent_ * 10) / 10);
-  text("brightness", configuration_.brightness.brightness());
-  number("bluetoothMode", configuration_.bluetooth.mode());
-  text("bluetoothName", configuration_.bluetooth.device_name());
-  number("gattProperties", static_cast<double>(configuration_.gatt.size()));
-  number("configurationValues", static_cast<double>(configuration_.values.size()));
-  flag("covert", configuration_.covert);
-  flag("wlanEnabled", configuration_.wlan_enabled);
-  text("wlanSsid", configuration_.wlan_ssid);
-  flag("lteEnabled", configuration_.lte_enabled);
-  flag("hotspotActive", configuration_.hotspot_active);
-  text("iotDevice", configuration_.iot_device);
-  number("emergency", emergency_.state());
-  number("lastVideoAction", last_video_action_);
-  flag("cameraRecording", camera_.recording());
-  number("clockOffsetMs", static_cast<double>(clock_offset_.count()));
-  number("utcOffsetMinutes", utc_offset_minutes_);
-  flag("fileInTransfer", store_.InTransfer());
-  text("fileName", store_.LastName());
-  number("fileBytes", static_cast<double>(store_.Received()));
-  text("fileSha256", store_.LastSha256());
-  auto& subscriptions = *fields["subscriptions"].mutable_list_value();
+json::State Radio::State() const {
+  json::State state;
+  state.set_version(settings_.version);
+  state.set_hardware_id(settings_.hardware_id);
+  state.set_battery_percent(std::round(battery_percent_ * 10) / 10);
+  state.set_brightness(configuration_.brightness.brightness());
+  state.set_bluetooth_mode(static_cast<std::uint32_t>(configuration_.bluetooth.mode()));
+  state.set_bluetooth_name(configuration_.bluetooth.device_name());
+  state.set_gatt_properties(static_cast<std::uint32_t>(configuration_.gatt.size()));
+  state.set_configuration_values(static_cast<std::uint32_t>(configuration_.values.size()));
+  state.set_covert(configuration_.covert);
+  state.set_wlan_enabled(configuration_.wlan_enabled);
+  state.set_wlan_ssid(configuration_.wlan_ssid);
+  state.set_lte_enabled(configuration_.lte_enabled);
+  state.set_hotspot_active(configuration_.hotspot_active);
+  state.set_iot_device(configuration_.iot_device);
+  state.set_emergency(static_cast<std::uint32_t>(emergency_.state()));
+  state.set_last_video_action(static_cast<std::uint32_t>(last_video_action_));
+  state.set_camera_recording(camera_.recording());
+  state.set_clock_offset_s(static_cast<double>(clock_offset_.count()) / 1000);
+  state.set_utc_offset_minutes(utc_offset_minutes_);
+  state.set_file_in_transfer(store_.InTransfer());
+  state.set_file_name(store_.LastName());
+  state.set_file_bytes(static_cast<std::uint32_t>(store_.Received()));
+  state.set_file_sha256(store_.LastSha256());
   for (const int code : subscriptions_) {
-    subscriptions.add_values()->set_number_value(code);
+    state.add_subscriptions(static_cast<std::uint32_t>(code));
   }
-  auto& buttons = *fields["buttons"].mutable_struct_value()->mutable_fields();
   for (const auto& [name, subscribed] : configuration_.buttons) {
-    buttons[name].set_bool_value(subscribed);
+    if (subscribed) {
+      state.add_subscribed_buttons(name);
+    }
   }
   return state;
 }

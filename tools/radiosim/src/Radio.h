@@ -5,8 +5,7 @@
 #include "orka/codec/Bytes.h"
 #include "orka/codec/MessageTable.h"
 #include "orka/pel.h"
-
-#include <google/protobuf/struct.pb.h>
+#include "radiosim.pb.h"
 
 #include <array>
 #include <chrono>
@@ -66,7 +65,7 @@ class Radio {
 
   void AbortTransfer() { store_.Abort(); }
 
-  google::protobuf::Struct State() const;
+  json::State State() const;
 
  private:
   struct Subscribable;

@@ -43,7 +43,7 @@ void Session::Start() {
 void Session::Close() {
   if (!std::exchange(closed_, true)) {
     asio::error_code ignored;
-    stream_.close(ignored);
+    static_cast<void>(stream_.close(ignored));
     pace_.cancel();
   }
 }
@@ -125,7 +125,7 @@ void Session::Pace() {
   may_write_ = std::min(may_write_ + bytes_per_step_, most);
   pace_.expires_after(kStep);
   pace_.async_wait([self = shared_from_this()](const asio::error_code& error) {
-    if (!error) {
+    if (!error && !self->closed_) {
       self->Pace();
     }
   });

@@ -187,8 +187,9 @@ bool Simulator::OpenPty(std::string& error) {
 }
 
 void Simulator::Accept() {
-  acceptor_.async_accept([this](const asio::error_code& error, asio::ip::tcp::socket socket) {
-    if (stopped_) {
+  acceptor_.async_accept([this, alive = std::weak_ptr<void>(alive_)](const asio::error_code& error,
+                                                                     asio::ip::tcp::socket socket) {
+    if (alive.expired() || stopped_) {
       return;
     }
     if (!error && !away_) {
@@ -258,7 +259,7 @@ void Simulator::Stop() {
     std::exchange(session_, nullptr)->Close();
   }
   asio::error_code ignored;
-  acceptor_.close(ignored);
+  static_cast<void>(acceptor_.close(ignored));
   tick_.cancel();
   if (!options_.pty_link.empty()) {
     std::error_code absent;
@@ -272,8 +273,9 @@ void Simulator::After(std::chrono::milliseconds delay, std::function<void()> act
     return;
   }
   auto timer = std::make_shared<asio::steady_timer>(io_, delay);
-  timer->async_wait([this, timer, action = std::move(action)](const asio::error_code& error) {
-    if (!error && !stopped_) {
+  timer->async_wait([this, timer, alive = std::weak_ptr<void>(alive_),
+                     action = std::move(action)](const asio::error_code& error) {
+    if (!error && !alive.expired() && !stopped_) {
       action();
     }
   });
@@ -291,8 +293,8 @@ void Simulator::Tick() {
     radio_.Tick(now);
   }
   tick_.expires_after(kTick);
-  tick_.async_wait([this](const asio::error_code& error) {
-    if (!error && !stopped_) {
+  tick_.async_wait([this, alive = std::weak_ptr<void>(alive_)](const asio::error_code& error) {
+    if (!error && !alive.expired() && !stopped_) {
       Tick();
     }
   });
@@ -649,11 +651,11 @@ Simulator::Reply Simulator::TellReceived(std::string_view rest) {
 }
 
 Simulator::Reply Simulator::TellState(std::string_view /*rest*/) {
-  google::protobuf::Struct state = radio_.State();
-  (*state.mutable_fields())["linkUp"].set_bool_value(greeted_);
-  (*state.mutable_fields())["silent"].set_bool_value(silent_ || session_silent_);
-  (*state.mutable_fields())["away"].set_bool_value(away_);
-  (*state.mutable_fields())["received"].set_number_value(static_cast<double>(received_count_));
+  json::State state = radio_.State();
+  state.set_link_up(greeted_);
+  state.set_silent(silent_ || session_silent_);
+  state.set_away(away_);
+  state.set_received(static_cast<std::uint32_t>(received_count_));
   return {true, ToJson(state) + '\n'};
 }
 

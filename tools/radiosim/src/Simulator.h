@@ -110,6 +110,9 @@ class Simulator {
   const Print print_;
   Radio radio_;
 
+  // What still waits in `io` when the simulator is gone finds it gone.
+  std::shared_ptr<void> alive_ = std::make_shared<int>(0);
+
   asio::ip::tcp::acceptor acceptor_;
   std::uint16_t port_ = 0;
   int pty_slave_ = -1;  // kept open, so that a camera may come and go

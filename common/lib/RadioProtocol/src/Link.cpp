@@ -42,6 +42,17 @@ Link::Link(asio::io_context& io, Line line, LinkSettings settings, AtomicCounter
                             std::string(ToString(drop)) + ", " + std::to_string(bytes) + " bytes");
                 }) {}
 
+std::atomic<std::uint64_t>& Link::CounterOf(codec::Drop drop) {
+  switch (drop) {
+    case codec::Drop::Checksum:
+      return counters_.dropped_checksum;
+    case codec::Drop::TooLong:
+      return counters_.dropped_too_long;
+    default:
+      return counters_.dropped_malformed;
+  }
+}
+
 void Link::Open() {
   if (state_ == State::Closed) {
     return;  // stopped before it began
@@ -49,15 +60,15 @@ void Link::Open() {
   greet_until_ = Clock::now() + settings_.handshake_timeout;
   ArmTimer(greet_until_);
   if (connect_to_) {
-    Connect();
+    Connect(*connect_to_);
   } else {
     Greet();
   }
 }
 
-void Link::Connect() {
-  if (::connect(stream_.native_handle(), connect_to_->data(),
-                static_cast<socklen_t>(connect_to_->size())) == 0) {
+void Link::Connect(const asio::ip::tcp::endpoint& endpoint) {
+  if (::connect(stream_.native_handle(), endpoint.data(),
+                static_cast<socklen_t>(endpoint.size())) == 0) {
     Greet();
   } else if (errno == EINPROGRESS) {
     stream_.async_wait(asio::posix::stream_descriptor::wait_write,
@@ -172,7 +183,7 @@ void Link::HandleLinkControl(codec::ByteView payload) {
     events_.connected(*answer);
   } else if (state_ == State::Connected && code == codec::LinkControl::Goodbye) {
     End("ended by the radio");
-  } else if (!code) {
+  } else if (payload.size() < sizeof(codec::LinkControl)) {
     CountDrop(counters_.dropped_malformed, "a link-control frame without a number");
   }
 }
@@ -299,7 +310,7 @@ void Link::Close() {
     ::ioctl(stream_.native_handle(), TIOCNXCL);  // a pseudo-terminal would stay exclusive
   }
   asio::error_code ignored;
-  stream_.close(ignored);
+  static_cast<void>(stream_.close(ignored));
   timer_.cancel();
 }
 

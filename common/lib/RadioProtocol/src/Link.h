@@ -83,7 +83,7 @@ class Link : public std::enable_shared_from_this<Link> {
   using Clock = std::chrono::steady_clock;
   enum class State : std::uint8_t { Opening, Greeting, Connected, Closed };
 
-  void Connect();
+  void Connect(const asio::ip::tcp::endpoint& endpoint);
   void FinishConnect();
   void Greet();
   void AppendLinkControl(codec::ByteView payload);
@@ -97,6 +97,7 @@ class Link : public std::enable_shared_from_this<Link> {
   void ArmTimer(Clock::time_point at);
   void OnTimer();
   void End(std::string_view why);
+  std::atomic<std::uint64_t>& CounterOf(codec::Drop drop);
   void CountDrop(std::atomic<std::uint64_t>& counter, std::string_view why);
   void LogDropsLeft();
 

@@ -5,7 +5,6 @@
 #include "orka/codec/Codec.h"
 #include "zelt/LogClient.h"
 
-#include <signal.h>
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
 #include <asio/post.hpp>
@@ -14,6 +13,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <csignal>
 #include <exception>
 #include <future>
 #include <map>
@@ -120,7 +120,7 @@ class RadioProtocol::Impl {
   }
 
   std::pair<bool, std::vector<std::uint8_t>> Inject(codec::ByteView message,
-                                                    pel::BaseMessage header) {
+                                                    const pel::BaseMessage& header) {
     std::string error;
     const auto answer = TryInject(message, header, error);
     if (!answer) {

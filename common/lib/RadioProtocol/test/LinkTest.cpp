@@ -23,9 +23,9 @@ class LinkTest : public testing::Test {
  protected:
   LinkTest() { protocol_.RegisterCallback(seen_.Callback()); }
 
-  void Connect(const codec::HelloAnswer& answer = {.max_transfer_size = 1024}) {
+  void Connect() {
     ASSERT_TRUE(protocol_.StartSocket(radio_.Address(), 7, 10));
-    ASSERT_TRUE(radio_.Handshake(answer));
+    ASSERT_TRUE(radio_.Handshake());
     ASSERT_THAT(seen_.Await(1), ElementsAre(N::HandshakeCompleted));
   }
   void Notify(std::string_view name, const RadioNotificationData& data) {
@@ -171,7 +171,7 @@ TEST_F(LinkTest, HandshakeFailsWhenRefusedUnansweredOrOfAnotherVersion) {
 
   TestRadio newer;
   ASSERT_TRUE(protocol_.StartSocket(newer.Address(), 0, 10));
-  newer.Handshake({.protocol_version = 2});
+  newer.Handshake(MakeAnswer(false, 2));
   EXPECT_EQ(seen_.Await(2).back(), N::HandshakeFailed);
   protocol_.Stop();
 
@@ -274,7 +274,7 @@ TEST_F(LinkTest, StopFromTheCallbackReturnsAndSilences) {
     throw std::runtime_error("a callback that fails");
   });
   ASSERT_TRUE(protocol_.StartSocket(radio_.Address(), 0, 10));
-  radio_.Handshake({.in_service = true});
+  radio_.Handshake(MakeAnswer(true));
   ASSERT_EQ(stopped.get_future().wait_for(10s), std::future_status::ready);
   protocol_.Stop();  // waits for the radio thread
   EXPECT_EQ(calls, 1) << "RadioConnected must not follow";

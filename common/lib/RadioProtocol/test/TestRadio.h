@@ -30,6 +30,10 @@ struct Frame {
   codec::Bytes payload;
 };
 
+inline codec::HelloAnswer MakeAnswer(bool in_service = false, std::uint16_t version = 1) {
+  return {version, in_service, 1024, "radio", {}};
+}
+
 // The radio's end of a link, driven step by step: it says what the test tells it to, and keeps
 // the link alive only while it waits for a frame.
 class TestRadio {
@@ -67,7 +71,7 @@ class TestRadio {
     return std::nullopt;
   }
 
-  bool Handshake(const codec::HelloAnswer& answer = {.max_transfer_size = 1024}) {
+  bool Handshake(const codec::HelloAnswer& answer = MakeAnswer()) {
     const bool greeted = AwaitHello().has_value();
     Send(pel::FrameKind::LinkControl, codec::Encode(answer));
     return greeted;

@@ -56,17 +56,24 @@ Bytes Encode(const HelloAnswer& answer) {
 }
 
 std::optional<LinkControl> LinkControlCode(ByteView payload) {
-  ByteReader reader(payload);
-  const auto code = static_cast<LinkControl>(reader.Take<std::uint16_t>());
-  return reader.Ok() ? std::optional(code) : std::nullopt;
+  const auto number = ByteReader(payload).Take<std::uint16_t>();  // 0 when it is too short
+  for (const LinkControl code : {LinkControl::Hello, LinkControl::HelloAnswer,
+                                 LinkControl::KeepAlive, LinkControl::Goodbye}) {
+    if (number == static_cast<std::uint16_t>(code)) {
+      return code;
+    }
+  }
+  return std::nullopt;
 }
 
 std::optional<Hello> DecodeHello(ByteView payload) {
-  ByteReader reader(payload);
+  if (LinkControlCode(payload) != LinkControl::Hello) {
+    return std::nullopt;
+  }
+  ByteReader reader(payload.subspan(sizeof(LinkControl)));
   Hello hello;
-  const auto code = static_cast<LinkControl>(reader.Take<std::uint16_t>());
   hello.protocol_version = reader.Take<std::uint16_t>();
-  if (code == LinkControl::Hello && reader.Ok() && hello.protocol_version != kProtocolVersion) {
+  if (reader.Ok() && hello.protocol_version != kProtocolVersion) {
     return hello;
   }
   const auto flags = reader.Take<std::uint8_t>();
@@ -74,16 +81,17 @@ std::optional<Hello> DecodeHello(ByteView payload) {
   hello.use_tethered_connection = (flags & kFlagTethered) != 0;
   hello.version = reader.TakeText();
   hello.product_id = reader.TakeText();
-  return code == LinkControl::Hello && reader.Ok() ? std::optional(hello) : std::nullopt;
+  return reader.Ok() ? std::optional(hello) : std::nullopt;
 }
 
 std::optional<HelloAnswer> DecodeHelloAnswer(ByteView payload) {
-  ByteReader reader(payload);
+  if (LinkControlCode(payload) != LinkControl::HelloAnswer) {
+    return std::nullopt;
+  }
+  ByteReader reader(payload.subspan(sizeof(LinkControl)));
   HelloAnswer answer;
-  const auto code = static_cast<LinkControl>(reader.Take<std::uint16_t>());
   answer.protocol_version = reader.Take<std::uint16_t>();
-  if (code == LinkControl::HelloAnswer && reader.Ok() &&
-      answer.protocol_version != kProtocolVersion) {
+  if (reader.Ok() && answer.protocol_version != kProtocolVersion) {
     return answer;
   }
   answer.in_service = (reader.Take<std::uint8_t>() & kFlagInService) != 0;
@@ -94,7 +102,7 @@ std::optional<HelloAnswer> DecodeHelloAnswer(ByteView payload) {
     const auto value = reader.Take<std::uint8_t>();
     answer.descriptors.emplace_back(attribute, value);
   }
-  return code == LinkControl::HelloAnswer && reader.Ok() ? std::optional(answer) : std::nullopt;
+  return reader.Ok() ? std::optional(answer) : std::nullopt;
 }
 
 }  // namespace orka::codec

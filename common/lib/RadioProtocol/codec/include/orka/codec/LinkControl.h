@@ -30,8 +30,8 @@ struct Hello {
   std::uint16_t protocol_version = kProtocolVersion;
   bool identify_as_camera = false;
   bool use_tethered_connection = false;
-  std::string version{};
-  std::string product_id{};
+  std::string version;
+  std::string product_id;
 
   friend bool operator==(const Hello&, const Hello&) = default;
 };
@@ -40,8 +40,8 @@ struct HelloAnswer {
   std::uint16_t protocol_version = kProtocolVersion;
   bool in_service = false;
   std::uint16_t max_transfer_size = 0;
-  std::string name{};
-  qrx::DeviceDescriptors descriptors{};
+  std::string name;
+  qrx::DeviceDescriptors descriptors;
 
   friend bool operator==(const HelloAnswer&, const HelloAnswer&) = default;
 };
@@ -51,8 +51,8 @@ Bytes Encode(const Hello& hello);
 Bytes Encode(const HelloAnswer& answer);
 Bytes Encode(LinkControl code);  // one without a body
 
-// Which one it is; nothing when the payload is too short. A number that LinkControl does not name
-// may come from a newer peer and is to be ignored.
+// Which one it is; nothing when the payload is too short, or has a number that is not named here,
+// which may come from a newer peer and is to be ignored.
 std::optional<LinkControl> LinkControlCode(ByteView payload);
 
 // Nothing when the payload is something else. Bytes after the last field are ignored: a newer peer

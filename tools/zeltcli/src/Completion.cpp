@@ -1,0 +1,140 @@
+#include "Accepted.h"
+#include "CommandFunctions.h"
+#include "Session.h"
+
+#include <algorithm>
+#include <cstddef>
+#include <iostream>
+#include <utility>
+
+namespace zelt::cli {
+namespace {
+
+constexpr const char* kBashCompletion = R"(_zeltcli() {
+  local IFS=$'\n'
+  COMPREPLY=($(zeltcli __complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
+  if [[ "${COMPREPLY[*]}" == FILE ]]; then
+    compopt -o filenames
+    COMPREPLY=($(compgen -f -- "${COMP_WORDS[COMP_CWORD]}"))
+  fi
+}
+complete -F _zeltcli zeltcli)";
+
+constexpr const char* kZshCompletion = R"(#compdef zeltcli
+_zeltcli() {
+  local -a candidates
+  candidates=("${(@f)$(zeltcli __complete -- "${words[@]:1:$((CURRENT - 1))}" 2>/dev/null)}")
+  if [[ "${candidates[*]}" == FILE ]]; then
+    _files
+  else
+    compadd -- $candidates
+  fi
+}
+compdef _zeltcli zeltcli)";
+
+std::vector<std::string> CandidatesFor(const std::string& argument) {
+  const MessageTypes types;
+  if (argument == "SERVICE") {
+    std::vector<std::string> names;
+    for (const auto& service : Connect()->ListServices(Seconds(0.2))) {
+      names.push_back(service.name);
+    }
+    return names;
+  }
+  if (argument == "TYPE") {
+    return types.Names();
+  }
+  if (argument == "TOPIC") {
+    return {kTopicsOfKova.begin(), kTopicsOfKova.end()};
+  }
+  if (argument == "ACTION") {
+    return VideoActions(types);
+  }
+  if (argument == "SHELL") {
+    return {"bash", "zsh"};
+  }
+  if (argument == "TIME") {
+    return {"now"};
+  }
+  return argument == "FILE" ? std::vector<std::string>{"FILE"} : std::vector<std::string>{};
+}
+
+CLI::App* FindSubcommand(CLI::App& parent, const std::string& name) {
+  const auto subs =
+      parent.get_subcommands([&name](const CLI::App* sub) { return sub->get_name() == name; });
+  return subs.empty() ? nullptr : subs.front();
+}
+
+}  // namespace
+
+void Completion(const Cli& cli) {
+  const bool bash = cli.arguments.name == "bash";
+  if (!bash && cli.arguments.name != "zsh") {
+    throw CliError(Exit::Usage, "there is no completion for \"" + cli.arguments.name + "\"",
+                   "give bash or zsh");
+  }
+  const std::string script = bash ? kBashCompletion : kZshCompletion;
+  cli.output.Result(script, JsonObject().Add("script", script));
+}
+
+void Complete(const Cli& cli) {
+  Arguments ignored;
+  const Command* chosen = nullptr;
+  const auto app = MakeApp(ignored, chosen);
+  for (const std::string& candidate : Completions(*app, cli.arguments.words)) {
+    std::cout << candidate << '\n';
+  }
+}
+
+std::vector<std::string> Completions(CLI::App& app, const std::vector<std::string>& words) {
+  const std::string last = words.empty() ? "" : words.back();
+  CLI::App* command = &app;
+  const CLI::Option* wants_value = nullptr;
+  std::size_t positionals = 0;
+  for (std::size_t i = 0; i + 1 < words.size(); ++i) {
+    if (std::exchange(wants_value, nullptr) != nullptr) {
+      continue;
+    }
+    if (words[i].starts_with('-')) {
+      const CLI::Option* option = command->get_option_no_throw(words[i]);
+      option = option == nullptr ? app.get_option_no_throw(words[i]) : option;
+      wants_value = option != nullptr && option->get_expected_min() > 0 ? option : nullptr;
+    } else if (CLI::App* const sub = FindSubcommand(*command, words[i])) {
+      command = sub;
+    } else {
+      ++positionals;
+    }
+  }
+  std::vector<std::string> candidates;
+  if (wants_value == nullptr && last.starts_with('-')) {
+    for (const CLI::App* const level :
+         {static_cast<const CLI::App*>(command), static_cast<const CLI::App*>(&app)}) {
+      for (const CLI::Option* const option : level->get_options()) {
+        if (!option->get_positional()) {
+          candidates.push_back(option->get_name());
+        }
+      }
+    }
+  } else if (wants_value == nullptr) {
+    for (const CLI::App* const sub : command->get_subcommands({})) {
+      if (!sub->get_group().empty()) {
+        candidates.push_back(sub->get_name());
+      }
+    }
+    for (const CLI::Option* const option : command->get_options()) {
+      if (option->get_positional() && positionals-- == 0) {
+        candidates = CandidatesFor(option->get_name());
+        break;
+      }
+    }
+  }
+  std::erase_if(candidates, [&last](const std::string& candidate) {
+    return candidate != "FILE" && !candidate.starts_with(last);
+  });
+  std::ranges::sort(candidates);
+  const auto repeated = std::ranges::unique(candidates);
+  candidates.erase(repeated.begin(), repeated.end());
+  return candidates;
+}
+
+}  // namespace zelt::cli

@@ -1,0 +1,29 @@
+#include "Descriptors.h"
+
+#include <cstddef>
+
+// The assembler copies the file in: nothing to generate, and nothing to install beside the tool.
+asm(R"(
+  .pushsection .rodata
+  .balign 16
+  .type kova_descriptors_begin, %object
+kova_descriptors_begin:
+  .incbin ")" KOVA_DESCRIPTOR_SET R"("
+kova_descriptors_end:
+  .byte 0
+  .popsection
+)");
+
+extern "C" {
+extern const char kova_descriptors_begin[];  // NOLINT(readability-identifier-naming)
+extern const char kova_descriptors_end[];    // NOLINT(readability-identifier-naming)
+}
+
+namespace zelt::cli {
+
+std::string_view EmbeddedDescriptors() {
+  return {kova_descriptors_begin,
+          static_cast<std::size_t>(kova_descriptors_end - kova_descriptors_begin)};
+}
+
+}  // namespace zelt::cli

@@ -1,0 +1,129 @@
+#include "CommandFunctions.h"
+#include "Session.h"
+
+#include <algorithm>
+#include <cstdint>
+#include <initializer_list>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+namespace zelt::cli {
+namespace {
+
+constexpr Seconds kStateTimeout{1.0};
+
+// Follows the link's status: Kova sends it to a new subscriber, then publishes every change.
+class Link {
+ public:
+  explicit Link(const Cli& cli) : cli_(cli), deadline_(Deadline(cli)) {
+    if (Connect()->GetServiceState(kKova, kStateTimeout) == service_state::State::NotRunning) {
+      throw CliError(Exit::NoService, "there is no service \"Kova\" on the bus",
+                     "zeltcli services shows who is there");
+    }
+  }
+
+  // The status as Kova tells it when asked, after everything that was sent to it before.
+  std::int64_t Ask() {
+    session_.Subscribe(kLinkStatus);
+    while (true) {
+      const auto [status, published] = Next();
+      if (!published) {
+        return status;
+      }
+    }
+  }
+
+  void Order(const char* action) {
+    const auto message = cli_.types.FromJson(cli_.types.Find("Kova.RtConnectionAction"),
+                                             JsonObject().Add("action", action).Str());
+    session_.Send(kKova, message.Type(), message.Bytes());
+  }
+
+  // Waits until the status is one of `ends`.
+  std::int64_t WaitFor(std::initializer_list<std::string_view> ends, std::int64_t status) {
+    while (std::ranges::find(ends, Name(status)) == ends.end()) {
+      status = Next().first;
+    }
+    return status;
+  }
+
+  std::string Name(std::int64_t status) const {
+    const auto* const value = cli_.types.Find(kLinkStatus)
+                                  .FindFieldByName("status")
+                                  ->enum_type()
+                                  ->FindValueByNumber(static_cast<int>(status));
+    return value == nullptr ? "UNKNOWN (" + std::to_string(status) + ")" : value->name();
+  }
+
+  void Result(std::int64_t status) const {
+    cli_.output.Result("the link is " + Name(status),
+                       JsonObject().Add("status", Name(status)).Add("value", status));
+  }
+
+ private:
+  std::pair<std::int64_t, bool> Next() {
+    while (const auto message = session_.Next(deadline_)) {
+      if (const auto value = message->type == kLinkStatus
+                                 ? cli_.types.Parse(message->type, message->payload)
+                                 : std::nullopt) {
+        last_ = value->Number("status");
+        return {*last_, message->published};
+      }
+    }
+    throw CliError(Exit::TimedOut,
+                   last_ ? "the link is still " + Name(*last_)
+                         : std::string("Kova did not tell the status of the link"),
+                   "--timeout SECONDS waits longer");
+  }
+
+  const Cli& cli_;
+  const Clock::time_point deadline_;
+  Session session_;
+  std::optional<std::int64_t> last_;
+};
+
+}  // namespace
+
+void LinkStatus(const Cli& cli) {
+  Link link(cli);
+  link.Result(link.Ask());
+}
+
+void LinkUp(const Cli& cli) {
+  Link link(cli);
+  std::int64_t status = link.Ask();
+  const std::string before = link.Name(status);
+  if (before == "CONNECTED" || before == "UPGRADE_IN_PROCESS") {
+    link.Result(status);
+    return;
+  }
+  if (before != "CONNECTING") {
+    if (before != "DISCONNECTED") {
+      link.Order("STOP");  // Kova starts only what is stopped
+    }
+    link.Order("START");
+    // What Kova tells now, it tells after the start: a refused one leaves the link as it was.
+    status = link.Ask();
+    if (link.Name(status) == "DISCONNECTED") {
+      throw CliError(Exit::Failed, "Kova could not start the link",
+                     "set the radio's address with zeltcli socket set, or check the serial port; "
+                     "Kova's log tells why");
+    }
+  }
+  status =
+      link.WaitFor({"CONNECTED", "HANDSHAKE_FAILED", "CONNECTION_IS_LOST", "DISCONNECTED"}, status);
+  if (link.Name(status) != "CONNECTED") {
+    throw CliError(Exit::Failed, "the link is " + link.Name(status),
+                   "is there a radio at the other end?");
+  }
+  link.Result(status);
+}
+
+void LinkDown(const Cli& cli) {
+  Link link(cli);
+  link.Order("STOP");
+  link.Result(link.WaitFor({"DISCONNECTED"}, link.Ask()));
+}
+
+}  // namespace zelt::cli

@@ -1,0 +1,264 @@
+#include "CommandFunctions.h"
+#include "DateTime.h"
+#include "FileProgress.h"
+#include "Session.h"
+#include "zelt/FileSize.h"
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iomanip>
+#include <iostream>
+#include <iterator>
+#include <limits>
+#include <optional>
+#include <sstream>
+#include <stdexcept>
+#include <string_view>
+#include <utility>
+
+namespace zelt::cli {
+namespace {
+
+std::string InSeconds(double seconds) {
+  std::ostringstream text;
+  text << std::fixed << std::setprecision(seconds < 10 ? 2 : 0) << seconds << " s";
+  return text.str();
+}
+
+// Asks and returns the answer, which must be of type `expected`.
+MessageValue Ask(const Cli& cli, Session& session, const MessageValue& request,
+                 std::string_view expected, const std::function<void()>& tick = {}) {
+  const Incoming answer =
+      session.Request(kKova, request.Type(), request.Bytes(), AnswerTime(cli), tick);
+  auto value = cli.types.Parse(answer.type, answer.payload);
+  if (!value || answer.type != expected) {
+    throw CliError(Exit::Failed, "expected " + std::string(expected) + " as the answer, got " +
+                                     answer.type + " " + MessageJson(cli.types, answer));
+  }
+  return std::move(*value);
+}
+
+// A result of 0 is success everywhere.
+void CheckResult(const MessageValue& answer, const std::string& field, const std::string& what) {
+  const auto result = answer.Number(field);
+  if (result != 0) {
+    throw CliError(Exit::Failed, what + ": result " + std::to_string(result));
+  }
+}
+
+void AskSocket(const Cli& cli, const MessageValue& request, const std::string& done) {
+  Session session;
+  const auto answer = Ask(cli, session, request, "zelt.GenericResponse");
+  CheckResult(answer, "result_code", "Kova refused: " + answer.Text("description"));
+  cli.output.Result(done + "; it counts from the next zeltcli link up");
+}
+
+std::uint64_t CheckImage(const std::string& path) {
+  const auto size = GetFileSize(path);
+  const std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    throw CliError(Exit::Usage, "cannot read " + path + ": " + std::strerror(errno));
+  }
+  if (!size) {
+    throw CliError(Exit::Usage, path + " is no regular file");
+  }
+  if (*size == 0 || *size > std::numeric_limits<std::uint32_t>::max()) {
+    throw CliError(Exit::Usage, path + " has " + std::to_string(*size) + " bytes",
+                   "an image has from 1 byte to 4 GiB less one");
+  }
+  return *size;
+}
+
+}  // namespace
+
+std::vector<std::string> VideoActions(const MessageTypes& types) {
+  const auto* const values = types.Find("Kova.VideoControlRequest").FindFieldByName("action");
+  std::vector<std::string> names;
+  for (int i = 0; i < values->enum_type()->value_count(); ++i) {
+    std::string name = values->enum_type()->value(i)->name();
+    name.erase(0, std::string_view("VIDEO_ACTION_").size());
+    std::ranges::transform(name, name.begin(), [](unsigned char c) {
+      return c == '_' ? '-' : static_cast<char>(std::tolower(c));
+    });
+    names.push_back(std::move(name));
+  }
+  return names;
+}
+
+void Version(const Cli& cli) {
+  Session session;
+  const auto answer =
+      Ask(cli, session, cli.types.New("Kova.RtVersionMsg").Touch("request"), "Kova.RtVersionMsg");
+  const std::string version = answer.Text("response.version");
+  const auto build = answer.Number("response.build_number");
+  cli.output.Result("radio software " + version + " build " + std::to_string(build),
+                    JsonObject().Add("version", version).Add("build_number", build));
+}
+
+void HardwareId(const Cli& cli) {
+  Session session;
+  const auto answer =
+      Ask(cli, session, cli.types.New("Kova.HardwareIdMsg").Touch("request"), "Kova.HardwareIdMsg");
+  const std::string id = answer.Text("response.hardware_id");
+  const auto revision = answer.Number("response.revision");
+  cli.output.Result("radio hardware " + id + " revision " + std::to_string(revision),
+                    JsonObject().Add("hardware_id", id).Add("revision", revision));
+}
+
+void GetDateTime(const Cli& cli) {
+  Session session;
+  const auto answer =
+      Ask(cli, session, cli.types.New("Kova.GetDateTimeReq"), "Kova.GetDateTimeResp");
+  CheckResult(answer, "result", "the radio did not tell its time");
+  const std::string text = DateTimeText(answer, "date_time");
+  cli.output.Result(text, JsonObject().Add("date_time", text));
+}
+
+void SetDateTimeOnRadio(const Cli& cli) {
+  auto request = cli.types.New("Kova.SetDateTimeMsg");
+  SetDateTime(request, "request.date_time", cli.arguments.text);
+  const std::string text = DateTimeText(request, "request.date_time");
+  Session session;
+  const auto answer = Ask(cli, session, request, "Kova.SetDateTimeResp");
+  CheckResult(answer, "result", "the radio refused " + text);
+  cli.output.Result("the radio's time is set to " + text, JsonObject().Add("date_time", text));
+}
+
+void SetSocket(const Cli& cli) {
+  const std::string& ip = cli.arguments.text;
+  std::array<unsigned char, sizeof(in6_addr)> address{};
+  if (inet_pton(AF_INET, ip.c_str(), address.data()) != 1 &&
+      inet_pton(AF_INET6, ip.c_str(), address.data()) != 1) {
+    throw CliError(Exit::Usage, "\"" + ip + "\" is no IP address",
+                   "give a numeric IPv4 or IPv6 address, such as 127.0.0.1");
+  }
+  if (cli.arguments.port < 1 || cli.arguments.port > std::numeric_limits<std::uint16_t>::max()) {
+    throw CliError(Exit::Usage, std::to_string(cli.arguments.port) + " is no port",
+                   "give a number from 1 to 65535");
+  }
+  AskSocket(cli,
+            cli.types.New("Kova.SetSocketParams").Set("ip", ip).Set("port", cli.arguments.port),
+            "the radio's address is " + ip + " port " + std::to_string(cli.arguments.port));
+}
+
+void ClearSocket(const Cli& cli) {
+  AskSocket(cli, cli.types.New("Kova.ClearSocketParams"), "the link uses the serial port");
+}
+
+void FactoryReset(const Cli& cli) {
+  if (!cli.arguments.yes) {
+    if (isatty(STDIN_FILENO) == 0) {
+      throw CliError(Exit::Usage, "a factory reset must be confirmed", "add --yes");
+    }
+    std::cerr << "Return the radio to its factory settings? [y/N] " << std::flush;
+    std::string answer;
+    std::getline(std::cin, answer);
+    if (answer != "y" && answer != "Y" && answer != "yes") {
+      throw CliError(Exit::Usage, "nothing was reset");
+    }
+  }
+  Session session;
+  const auto answer = Ask(cli, session,
+                          cli.types.New("Kova.RtFactoryResetRequest")
+                              .Set("keep_pairings", std::int64_t{cli.arguments.keep_pairings}),
+                          "Kova.RtFactoryResetResponse");
+  CheckResult(answer, "result", "the radio refused the factory reset");
+  cli.output.Result("the radio is back at its factory settings");
+}
+
+void Inject(const Cli& cli) {
+  auto request = cli.types.New("Kova.InjectQrxRequest");
+  request.Set("payload", FromHex(cli.arguments.text));
+  std::istringstream header(cli.arguments.header);
+  std::string value;
+  for (int i = 1; std::getline(header, value, ','); ++i) {
+    std::size_t used = 0;
+    unsigned long number = 0;
+    try {
+      number = std::stoul(value, &used, 0);
+    } catch (const std::logic_error&) {
+      used = 0;
+    }
+    if (i > 7 || used == 0 || used != value.size() || number > 0xFFFF) {
+      throw CliError(Exit::Usage, "\"" + cli.arguments.header + "\" is no header",
+                     "give up to seven numbers from 0 to 0xffff: address, kind, flags, source, "
+                     "destination, transaction, body length");
+    }
+    request.Set("header.h" + std::to_string(i), static_cast<std::int64_t>(number));
+  }
+  Session session;
+  const auto answer = Ask(cli, session, request, "Kova.InjectQrxResponse");
+  CheckResult(answer, "result", "the radio did not answer the injected message");
+  const std::string hex = ToHex(answer.Text("payload"));
+  cli.output.Result(hex.empty() ? "sent; this kind of frame has no answer" : hex,
+                    JsonObject().Add("payload", hex));
+}
+
+void Video(const Cli& cli) {
+  const std::string& action = cli.arguments.name;
+  const auto actions = VideoActions(cli.types);
+  const auto known = std::ranges::find(actions, action);
+  if (known == actions.end()) {
+    throw CliError(Exit::Usage, "there is no video action \"" + action + "\"",
+                   "give one of " + Join(actions, ", "));
+  }
+  Session session;
+  const auto answer = Ask(cli, session,
+                          cli.types.New("Kova.VideoControlRequest")
+                              .Set("action", std::distance(actions.begin(), known))
+                              .Set("radio_send_selector", cli.arguments.selector)
+                              .Set("request_id", cli.arguments.id)
+                              .Set("stream_url", cli.arguments.url),
+                          "Kova.VideoControlResponse");
+  CheckResult(answer, "result", "the radio refused " + action);
+  cli.output.Result("the radio did " + action, JsonObject().Add("action", action));
+}
+
+void PushFirmware(const Cli& cli) {
+  const std::string path = std::filesystem::absolute(cli.arguments.file).lexically_normal();
+  const std::uint64_t size = CheckImage(path);
+  const std::string target = cli.arguments.name.empty()
+                                 ? std::filesystem::path(path).filename().string()
+                                 : cli.arguments.name;
+  Session session;
+  Progress progress(target, !cli.output.IsJson());
+  FileProgress read(path, "kova");
+  std::optional<std::uint64_t> done;
+  const auto answer = Ask(cli, session,
+                          cli.types.New("Kova.TransferFirmwareRequest")
+                              .Set("source_file_path", path)
+                              .Set("target_file_name", target),
+                          "Kova.TransferFirmwareResponse", [&] {
+                            if (const auto position = read.Position()) {
+                              done = position;
+                            }
+                            progress.Show(done, size);
+                          });
+  progress.Clear();
+  const double elapsed = progress.Elapsed();
+  if (answer.Number("result") != 0) {
+    throw CliError(
+        Exit::Failed, "the transfer of " + path + " failed after " + InSeconds(elapsed),
+        "is the link up (zeltcli link status), and can Kova read the file? Its log tells "
+        "which step failed");
+  }
+  cli.output.Result("the radio has " + target + ", " + std::to_string(size) + " bytes, after " +
+                        InSeconds(elapsed),
+                    JsonObject()
+                        .Add("file", path)
+                        .Add("target", target)
+                        .Add("bytes", static_cast<std::int64_t>(size))
+                        .Add("seconds", elapsed));
+}
+
+}  // namespace zelt::cli

@@ -1,0 +1,223 @@
+#include "Session.h"
+
+#include "Accepted.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+namespace zelt::cli {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr int kNameAttempts = 5;
+constexpr long kNameStep = 10'000'000;  // above every process number
+constexpr milliseconds kPoll{5};
+constexpr milliseconds kTick{100};
+constexpr milliseconds kBusCheck{1000};
+
+std::atomic<bool> g_interrupted = false;
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+std::string BusHint() {
+  const char* const address = std::getenv("ZELT_BUS_ADDRESS");
+  return address == nullptr
+             ? "ZELT_BUS_ADDRESS is not set, so this was the system bus; set it to the bus on which "
+               "the services are"
+             : "ZELT_BUS_ADDRESS is " + std::string(address) + "; is that bus running?";
+}
+
+[[noreturn]] void Fail(const ServiceIPC::Reply& reply, const std::string& service,
+                       const std::string& type) {
+  using Outcome = ServiceIPC::Outcome;
+  switch (reply.outcome) {
+    case Outcome::NoSuchService:
+      throw CliError(Exit::NoService, "there is no service \"" + service + "\" on the bus",
+                     "zeltcli services shows who is there");
+    case Outcome::NotTaken:
+      throw CliError(Exit::NotTaken, service + " did not take " + type + ": " + reply.error,
+                     "zeltcli types shows what Kova accepts");
+    case Outcome::NotPermitted:
+      throw CliError(Exit::NotPermitted, "the bus does not permit it: " + reply.error,
+                     "run it as a user whom the policy of the bus allows to talk to " + service);
+    case Outcome::Disconnected:
+      throw CliError(Exit::NoBus, "the connection to the bus is lost", BusHint());
+    case Outcome::Invalid:
+      throw CliError(Exit::Usage, reply.error);
+    case Outcome::TimedOut:
+    default:
+      break;
+  }
+  std::string hint = "--timeout SECONDS waits longer; zeltcli status " + service +
+                     " tells whether it is ready, zeltcli link status whether the radio is";
+  const AcceptedType* const known = service == "Kova" ? FindAccepted(type) : nullptr;
+  if (known != nullptr && known->answer == Answer::None) {
+    hint = "Kova answers no " + type + ": use zeltcli send";
+  } else if (known != nullptr && known->answer == Answer::Elsewhere) {
+    hint = "the answer to " + type + " goes to " + std::string(known->detail) +
+           ": use zeltcli send, and zeltcli listen --as that service";
+  }
+  throw CliError(Exit::TimedOut, service + " did not answer " + type + ": " + reply.error, hint);
+}
+
+std::shared_ptr<ServiceModel> CreateTool(std::string& name) {
+  for (int attempt = 0;; ++attempt) {
+    name = "zeltcli-" + std::to_string(getpid() + attempt * kNameStep);
+    try {
+      return ServiceModel::Create(name);
+    } catch (const std::runtime_error& error) {
+      Connect();  // no bus is another fault than a name that another namespace's process has
+      if (attempt + 1 == kNameAttempts) {
+        throw CliError(Exit::NotPermitted, error.what(),
+                       "does the policy of the bus allow this user to own zelt.tool names?");
+      }
+    }
+  }
+}
+
+}  // namespace
+
+std::shared_ptr<ServiceModel> Connect() {
+  try {
+    return ServiceModel::Create();
+  } catch (const std::runtime_error& error) {
+    throw CliError(Exit::NoBus, error.what(), BusHint());
+  }
+}
+
+void Session::Inbox::Put(Incoming message) {
+  const std::lock_guard lock(mutex);
+  messages.push_back(std::move(message));
+  filled.notify_one();
+}
+
+std::optional<Incoming> Session::Inbox::Take(Clock::time_point deadline, bool addressed_only) {
+  std::unique_lock lock(mutex);
+  auto found = messages.end();
+  filled.wait_until(lock, deadline, [&] {
+    found = std::ranges::find_if(messages, [addressed_only](const Incoming& message) {
+      return !addressed_only || !message.published;
+    });
+    return found != messages.end();
+  });
+  if (found == messages.end()) {
+    return std::nullopt;
+  }
+  Incoming message = std::move(*found);
+  messages.erase(found);
+  return message;
+}
+
+Session::Session(std::string_view service) : name_(service) {
+  if (name_.empty()) {
+    model_ = CreateTool(name_);
+  } else {
+    try {
+      model_ = ServiceModel::Create(name_);
+    } catch (const std::runtime_error& error) {
+      Connect();
+      throw CliError(Exit::Failed, error.what(), "zeltcli services shows who is there");
+    }
+  }
+  ipc_ = model_->GetServiceIPC();
+  own_name_ = ipc_->RegisterCallbackImpl("", std::nullopt, ToInbox(false));
+  if (!service.empty()) {
+    model_->SetMyServiceState(service_state::State::Ready);
+  }
+}
+
+ServiceIPC::MessageCallback Session::ToInbox(bool published) const {
+  return [inbox = inbox_, published](const ServiceIPC::MessageEnvelope& envelope,
+                                     std::string_view payload) {
+    inbox->Put({.sender = envelope.sender,
+                .type = envelope.type,
+                .payload = std::string(payload),
+                .published = published});
+  };
+}
+
+void Session::Send(const std::string& service, const std::string& type, std::string_view payload) {
+  const auto reply = ipc_->RequestImpl(service, type, payload, milliseconds(0)).get();
+  if (reply.outcome != ServiceIPC::Outcome::Delivered) {
+    Fail(reply, service, type);
+  }
+}
+
+Incoming Session::Request(const std::string& service, const std::string& type,
+                          std::string_view payload, Seconds timeout,
+                          const std::function<void()>& tick) {
+  auto future = ipc_->RequestImpl(service, type, payload, std::chrono::ceil<milliseconds>(timeout));
+  auto next_tick = Clock::now();
+  bool ended = false;
+  while (true) {
+    if (auto message = inbox_->Take(Clock::now() + (ended ? milliseconds(0) : kPoll), true)) {
+      return std::move(*message);
+    }
+    if (ended) {
+      auto reply = future.get();
+      if (reply.outcome == ServiceIPC::Outcome::Answered) {
+        return {.sender = service, .type = reply.type, .payload = reply.payload};
+      }
+      Fail(reply, service, type);
+    }
+    if (tick && Clock::now() >= next_tick) {
+      next_tick = Clock::now() + kTick;
+      tick();
+    }
+    // Looked at once more before the reply: a message may have come in between.
+    ended = future.wait_for(milliseconds(0)) == std::future_status::ready;
+  }
+}
+
+void Session::Subscribe(const std::string& topic) {
+  subscription_.Close();
+  if (!topic.empty()) {
+    // What is sent to this tool alone is not what was published.
+    addressed_ = ipc_->RegisterCallbackImpl(topic, std::nullopt, ToInbox(false));
+  }
+  subscription_ = ipc_->SubscribeImpl(topic, ToInbox(true));
+}
+
+std::optional<Incoming> Session::Next(Clock::time_point deadline) {
+  while (!Interrupted()) {
+    const auto now = Clock::now();
+    if (auto message = inbox_->Take(std::min(deadline, now + kTick), false)) {
+      return message;
+    }
+    if (now >= deadline) {
+      break;
+    }
+    CheckBus();
+  }
+  return std::nullopt;
+}
+
+void Session::CheckBus() {
+  if (Clock::now() - checked_ < kBusCheck) {
+    return;
+  }
+  try {
+    model_->GetServiceState(name_, kBusCheck);
+  } catch (const std::runtime_error&) {
+    throw CliError(Exit::NoBus, "the connection to the bus is lost", BusHint());
+  }
+  checked_ = Clock::now();
+}
+
+void CatchInterrupts() {
+  struct sigaction action{};
+  action.sa_handler = [](int) { g_interrupted = true; };
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+bool Interrupted() {
+  return g_interrupted;
+}
+
+}  // namespace zelt::cli

@@ -1,0 +1,86 @@
+#pragma once
+
+#include "CliError.h"
+#include "zelt/ServiceModel.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace zelt::cli {
+
+using Clock = std::chrono::steady_clock;
+using Seconds = std::chrono::duration<double>;
+
+// Connects without a name: for questions about the bus. Throws CliError when there is no bus.
+std::shared_ptr<ServiceModel> Connect();
+
+// A received message.
+struct Incoming {
+  std::string sender;
+  std::string type;
+  std::string payload;
+  bool published = false;  // false: sent to this tool alone, or the answer to its request
+};
+
+// The tool on the bus under a name, with everything that arrives for it in one inbox.
+//
+// One thread uses it. What goes wrong on the bus is thrown as CliError.
+class Session {
+ public:
+  // As "zeltcli-N", or as the service `service`, which then reports itself ready.
+  explicit Session(std::string_view service = {});
+
+  const std::string& Name() const { return name_; }
+
+  // Returns once a callback of the receiver has taken the message.
+  void Send(const std::string& service, const std::string& type, std::string_view payload);
+
+  // Sends, and returns the answer: a response to the request or a message to this tool's own name,
+  // whichever comes first. Calls `tick` now and then while it waits.
+  Incoming Request(const std::string& service, const std::string& type, std::string_view payload,
+                   Seconds timeout, const std::function<void()>& tick = {});
+
+  // Takes what is published under `topic` (empty: everything). Again: announces this tool anew, so
+  // that whoever keeps a state tells it.
+  void Subscribe(const std::string& topic);
+
+  // The next message, oldest first; nothing when none comes in time. Throws when the bus is lost.
+  std::optional<Incoming> Next(Clock::time_point deadline);
+
+ private:
+  // Shared with the callbacks, which may outlive this object by a moment.
+  struct Inbox {
+    std::mutex mutex;
+    std::condition_variable filled;
+    std::deque<Incoming> messages;  // guarded by mutex
+
+    void Put(Incoming message);
+    std::optional<Incoming> Take(Clock::time_point deadline, bool addressed_only);
+  };
+
+  ServiceIPC::MessageCallback ToInbox(bool published) const;
+  void CheckBus();
+
+  std::string name_;
+  std::shared_ptr<ServiceModel> model_;
+  std::shared_ptr<ServiceIPC> ipc_;
+  std::shared_ptr<Inbox> inbox_ = std::make_shared<Inbox>();
+  Clock::time_point checked_ = Clock::now();
+  AsyncCallbackHandle own_name_;
+  AsyncCallbackHandle addressed_;
+  AsyncCallbackHandle subscription_;
+};
+
+// From now on SIGINT and SIGTERM do not end the process: Interrupted() tells them.
+void CatchInterrupts();
+bool Interrupted();
+
+}  // namespace zelt::cli

@@ -1,0 +1,122 @@
+#include "TypesText.h"
+
+#include "Accepted.h"
+#include "Text.h"
+
+#include <array>
+#include <cstddef>
+#include <iomanip>
+#include <sstream>
+#include <vector>
+
+namespace zelt::cli {
+namespace {
+
+namespace pb = google::protobuf;
+
+constexpr int kMaxDepth = 8;
+
+std::string AnswerText(const AcceptedType& accepted) {
+  static constexpr std::array<std::string_view, 4> kHow = {
+      "no answer", "answers with ", "answers with the message ", "the radio's answer goes to "};
+  const std::string how(kHow.at(static_cast<std::size_t>(accepted.answer)));
+  if (accepted.answer == Answer::None && !accepted.detail.empty()) {
+    return std::string(accepted.detail);
+  }
+  return how + std::string(accepted.detail);
+}
+
+// The union that the field belongs to; nullptr when it stands for itself.
+const pb::OneofDescriptor* UnionOf(const pb::FieldDescriptor& field) {
+  return field.real_containing_oneof();
+}
+
+void PrintFields(std::ostream& text, const pb::Descriptor& type, const Output& output, int depth) {
+  const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
+  for (int i = 0; i < type.field_count(); ++i) {
+    const pb::FieldDescriptor& field = *type.field(i);
+    text << '\n'
+         << indent << output.Paint(Output::Style::Bold, field.name()) << ": " << KindOf(field);
+    if (const auto* const choice = UnionOf(field)) {
+      text << output.Paint(Output::Style::Dim, " (one of " + choice->name() + ")");
+    }
+    if (const std::string comment = CommentOf(field); !comment.empty()) {
+      text << output.Paint(Output::Style::Dim, "  // " + comment);
+    }
+    if (field.message_type() != nullptr && depth < kMaxDepth) {
+      PrintFields(text, *field.message_type(), output, depth + 1);
+    }
+  }
+}
+
+std::string FieldsJson(const pb::Descriptor& type, int depth) {
+  std::vector<std::string> fields;
+  for (int i = 0; i < type.field_count(); ++i) {
+    const pb::FieldDescriptor& field = *type.field(i);
+    JsonObject object;
+    object.Add("name", field.name())
+        .Add("kind", KindOf(field))
+        .Add("repeated", field.is_repeated())
+        .Add("comment", CommentOf(field));
+    if (const auto* const choice = UnionOf(field)) {
+      object.Add("oneof", choice->name());
+    }
+    if (field.message_type() != nullptr && depth < kMaxDepth) {
+      object.AddRaw("fields", FieldsJson(*field.message_type(), depth + 1));
+    }
+    fields.push_back(object.Str());
+  }
+  return JsonObject::Array(fields);
+}
+
+}  // namespace
+
+std::string TypesText(const MessageTypes&, const Output& output) {
+  std::ostringstream text;
+  text << output.Paint(Output::Style::Bold, "Kova accepts") << " (zeltcli types TYPE shows one)";
+  for (const AcceptedType& accepted : kAcceptedByKova) {
+    text << "\n  " << std::left << std::setw(40) << accepted.type << ' '
+         << output.Paint(Output::Style::Dim, AnswerText(accepted));
+  }
+  text << '\n'
+       << output.Paint(Output::Style::Bold, "Kova publishes") << " (zeltcli subscribe TOPIC)";
+  for (const std::string_view topic : kTopicsOfKova) {
+    text << "\n  " << topic;
+  }
+  return text.str();
+}
+
+std::string TypesJson(const MessageTypes& types) {
+  std::vector<std::string> items;
+  for (const std::string& name : types.Names()) {
+    items.push_back(TypeJson(types.Find(name)));
+  }
+  return JsonObject::Array(items);
+}
+
+std::string TypeText(const pb::Descriptor& type, const Output& output) {
+  std::ostringstream text;
+  text << output.Paint(Output::Style::Bold, type.full_name());
+  if (const std::string comment = CommentOf(type); !comment.empty()) {
+    text << "\n" << comment;
+  }
+  if (const AcceptedType* const accepted = FindAccepted(type.full_name())) {
+    text << "\nSent to Kova: " << AnswerText(*accepted) << ".";
+  }
+  PrintFields(text, type, output, 1);
+  return text.str();
+}
+
+std::string TypeJson(const pb::Descriptor& type) {
+  JsonObject object;
+  const AcceptedType* const accepted = FindAccepted(type.full_name());
+  object.Add("name", type.full_name())
+      .Add("comment", CommentOf(type))
+      .Add("accepted", accepted != nullptr);
+  if (accepted != nullptr) {
+    object.Add("answer", AnswerText(*accepted));
+  }
+  return object.AddRaw("fields", FieldsJson(type, 0)).Str();
+}
+
+}  // namespace zelt::cli

@@ -1,0 +1,18 @@
+#pragma once
+
+#include "MessageTypes.h"
+#include "Output.h"
+
+#include <string>
+
+namespace zelt::cli {
+
+// What Kova accepts, with where the answer goes, and what it publishes.
+std::string TypesText(const MessageTypes& types, const Output& output);
+std::string TypesJson(const MessageTypes& types);
+
+// One type: what it is for, and its fields with those of its parts.
+std::string TypeText(const google::protobuf::Descriptor& type, const Output& output);
+std::string TypeJson(const google::protobuf::Descriptor& type);
+
+}  // namespace zelt::cli

@@ -23,7 +23,14 @@ namespace zelt::test {
 using Trace = std::vector<std::string>;
 using Data = orka::RadioNotificationData;
 using google::protobuf::MessageLite;
-using Result = fake::FakeServiceIPC::Result;
+
+inline constexpr const char* kTool = " --- zeltcli ----";
+
+template <class T>
+T With(auto set, T value = {}) {
+  set(value);
+  return value;
+}
 
 // --- The lines of a trace ------------------------------------------------------------------------
 
@@ -33,7 +40,6 @@ std::string Line(const auto&... words) {
   ((line << words << " "), ...);
   return line.str();
 }
-
 inline std::string Describe(std::string_view type, std::string_view payload) {
   std::ostringstream text;
   text << type << std::hex;
@@ -64,7 +70,7 @@ inline std::string Log(int level, std::string_view function, std::string_view te
 std::string Radio(std::size_t alternative, std::uint32_t selector, const auto& message) {
   return Line("radio", alternative, selector, Describe(message));
 }
-inline std::string Chunk(std::uint16_t number, std::string_view data) {
+inline std::string Chunk(std::uint32_t number, std::string_view data) {
   return Line("chunk", 3, number, data.size(), 0, data);
 }
 inline std::string Send(std::string_view service, const MessageLite& message) {
@@ -80,44 +86,58 @@ inline std::string Publish(const MessageLite& message) {
 inline std::string Timer(std::string_view name) {
   return Line("timer", name, 5, "once");
 }
-inline std::string RadioLine(const orka::fake::Call& call) {
-  using namespace orka::fake;
-  if (const auto* send = std::get_if<SendCall>(&call)) {
+
+struct RadioLine {
+  std::string operator()(const orka::fake::SendCall& call) const {
     return std::visit(
-        [&](const auto& message) { return Radio(send->message.index(), send->selector, message); },
-        send->message);
+        [&](const auto& message) { return Radio(call.message.index(), call.selector, message); },
+        call.message);
   }
-  if (const auto* chunk = std::get_if<TransferCall>(&call)) {
-    return Line("chunk", chunk->request.kind, chunk->request.chunk_number, chunk->request.data_size,
-                chunk->selector, std::string(chunk->data.begin(), chunk->data.end()));
+  std::string operator()(const orka::fake::TransferCall& call) const {
+    return Line("chunk", call.request.kind, call.request.chunk_number, call.request.data_size,
+                call.selector, std::string(call.data.begin(), call.data.end()));
   }
-  if (const auto* start = std::get_if<StartSocketCall>(&call)) {
-    return Line("start", start->settings.address, start->settings.port, start->link_address,
-                start->handshake_timeout);
+  std::string operator()(const orka::fake::StartSocketCall& call) const {
+    return Line("start", call.settings.address, call.settings.port, call.link_address,
+                call.handshake_timeout);
   }
-  if (const auto* start = std::get_if<StartUartCall>(&call)) {
-    const orka::UartSettings& uart = start->settings;
-    return Line("start", uart.device, uart.baud_rate, uart.stop_bits, uart.data_bits, uart.parity,
-                uart.flow_control, uart.read_timeout, uart.modem_control, uart.exclusive,
-                start->link_address, start->handshake_timeout);
+  std::string operator()(const orka::fake::StartUartCall& call) const {
+    const auto& [device, baud, stop, bits, parity, flow, timeout, modem, exclusive] = call.settings;
+    return Line("start", device, baud, stop, bits, parity, flow, timeout, modem, exclusive,
+                call.link_address, call.handshake_timeout);
   }
-  if (const auto* inject = std::get_if<InjectCall>(&call)) {
-    const auto& [address, kind, flags, source, destination, transaction, length] = inject->header;
-    return Line("inject", std::string(inject->message.begin(), inject->message.end()), address,
-                int{kind}, int{flags}, source, destination, transaction, length);
+  std::string operator()(const orka::fake::InjectCall& call) const {
+    const auto& [address, kind, flags, source, destination, transaction, length] = call.header;
+    return Line("inject", std::string(call.message.begin(), call.message.end()), address, int{kind},
+                int{flags}, source, destination, transaction, length);
   }
-  if (const auto* camera = std::get_if<SetIdentifyAsCameraCall>(&call)) {
-    return Line("camera", camera->value);
+  std::string operator()(const orka::fake::SetIdentifyAsCameraCall& call) const {
+    return Line("camera", call.value);
   }
-  if (const auto* tethered = std::get_if<SetUseTetheredConnectionCall>(&call)) {
-    return Line("tethered", tethered->value);
+  std::string operator()(const orka::fake::SetUseTetheredConnectionCall& call) const {
+    return Line("tethered", call.value);
   }
-  return std::holds_alternative<StopCall>(call) ? "stop" : "convert";
-}
+  std::string operator()(const orka::fake::StopCall&) const { return "stop"; }
+  std::string operator()(const orka::fake::MakeFileHandleResponseCall&) const { return "convert"; }
+};
 
 inline Trace operator+(Trace left, const Trace& right) {
   left.insert(left.end(), right.begin(), right.end());
   return left;
+}
+inline Kova::RTConnectionStatus Status(int status) {
+  return With<Kova::RTConnectionStatus>(
+      [&](auto& m) { m.set_status(static_cast<Kova::RtConnectionState>(status)); });
+}
+// The link has a new status: `text` in the log of `function`, then it is published.
+inline Trace State(const char* function, const char* text, int status) {
+  return {Log(6, function, text),
+          Log(6, "PublishKovaConnectionStatus", "Publish message: [Kova.RTConnectionStatus]"),
+          Publish(Status(status))};
+}
+inline Trace WithoutLog(Trace trace) {
+  std::erase_if(trace, [](const std::string& line) { return line.starts_with("log"); });
+  return trace;
 }
 
 // --- Taking the trace ----------------------------------------------------------------------------
@@ -166,7 +186,9 @@ class Journal {
  private:
   void AddRadioCalls() {
     if (radio_ != nullptr) {
-      std::ranges::transform(radio_->TakeCalls(), std::back_inserter(lines_), RadioLine);
+      for (const auto& call : radio_->TakeCalls()) {
+        lines_.push_back(std::visit(RadioLine(), call));
+      }
     }
   }
 
@@ -183,13 +205,17 @@ class TracedModel : public fake::FakeServiceModel {
     Ipc().SetResult([this](const fake::FakeServiceIPC::Record& record) {
       using Kind = fake::FakeServiceIPC::Kind;
       const std::string what = Describe(record.type, record.payload);
-      journal_.Add(record.kind == Kind::Publish ? Line("publish", what)
-                   : record.kind == Kind::Send  ? Line("send", record.peer, what)
-                                               : Line("answer", record.peer, record.request, what));
+      if (record.kind == Kind::Publish) {
+        journal_.Add(Line("publish", what));
+      } else if (record.kind == Kind::Send) {
+        journal_.Add(Line("send", record.peer, what));
+      } else {
+        journal_.Add(Line("answer", record.peer, record.request, what));
+      }
       if (publish_fails && record.kind == Kind::Publish) {
         throw std::runtime_error("no bus");
       }
-      return result;
+      return sends_work ? fake::FakeServiceIPC::Result::True : fake::FakeServiceIPC::Result::False;
     });
   }
 
@@ -202,8 +228,8 @@ class TracedModel : public fake::FakeServiceModel {
     journal_.Add(Line("state", static_cast<std::uint32_t>(state)));
   }
 
-  Result result = Result::True;  // of every send
-  bool publish_fails = false;
+  bool sends_work = true;
+  bool publish_fails = false;  // by an exception, so that a test sees what was done before
 
  private:
   Journal& journal_;
@@ -212,25 +238,21 @@ class TracedModel : public fake::FakeServiceModel {
 // A folder of its own, in which the bridge also finds the device's files.
 class Folder {
  public:
-  Folder() {
-    std::string name = (std::filesystem::temp_directory_path() / "kova-XXXXXX").string();
+  Folder() : path(std::filesystem::temp_directory_path() / "kova-XXXXXX") {
+    std::string name = path;
     if (mkdtemp(name.data()) == nullptr) {
       throw std::runtime_error("no temporary folder " + name);
     }
     path = name;
-    std::filesystem::create_directories(path / "etc/zelt");
-    std::filesystem::create_directories(path / "var/lib/zelt");
     setenv("ZELT_ROOT", path.c_str(), 1);
   }
   Folder(const Folder&) = delete;
   Folder& operator=(const Folder&) = delete;
-  ~Folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path, ignored);
-  }
+  ~Folder() { std::filesystem::remove_all(path); }
 
-  // The path of a file with this content.
+  // Writes a file; returns its path.
   std::string File(std::string_view name, std::string_view content) const {
+    std::filesystem::create_directories((path / name).parent_path());
     std::ofstream(path / name, std::ios::binary) << content;
     return path / name;
   }
@@ -241,20 +263,15 @@ class Folder {
   std::filesystem::path path;
 };
 
-class Target : public TargetAttributesIF {
- public:
-  std::string ModelAsString() const override { return "OTTR"; }
-};
-
-class Bench {
+class Bench : public testing::Test {
  public:
   Bench() {
-    context.Init(std::unique_ptr<orka::RadioProtocol>(radio), std::make_unique<Target>());
+    context.Init(std::unique_ptr<orka::RadioProtocol>(radio), nullptr);
     context.RegisterIpcCallbacks();
     journal.Watch(radio);
     journal.Take();
   }
-  ~Bench() { journal.Watch(nullptr); }
+  ~Bench() override { journal.Watch(nullptr); }
 
   // What arrives, and is queued.
   void Post(std::string_view sender, const MessageLite& message, std::uint64_t request = 1) {
@@ -263,6 +280,7 @@ class Bench {
   void Post(std::uint32_t kind, const Data& data = {}) {
     context.HandleRadioProtocolNotification(orka::NotifyMessage{kind}, data);
   }
+  void Wait(double seconds) { model->Advance(ServiceModel::Seconds(seconds)); }
   // Runs what is queued; tells what was done, without the lines of the IPC layer.
   Trace Drain() {
     while (auto task = context.TaskQueue().TryPop()) {
@@ -274,22 +292,14 @@ class Bench {
   }
   // Both at once.
   Trace From(std::string_view sender, const MessageLite& message, std::uint64_t request = 1) {
-    Post(sender, message, request);
-    return Drain();
+    return Post(sender, message, request), Drain();
   }
-  Trace Notify(std::uint32_t kind, const Data& data = {}) {
-    Post(kind, data);
-    return Drain();
-  }
-  Trace Subscribe(std::string_view topic, std::string_view subscriber) {
-    model->Ipc().Subscribe(topic, subscriber);
-    return Drain();
-  }
-  void Wait(double seconds) { model->Advance(ServiceModel::Seconds(seconds)); }
-  Trace After(double seconds) {
-    Wait(seconds);
-    return Drain();
-  }
+  Trace Notify(std::uint32_t kind, const Data& data = {}) { return Post(kind, data), Drain(); }
+  Trace After(double seconds) { return Wait(seconds), Drain(); }
+  Trace Subscribe(std::string_view topic) { return model->Ipc().Subscribe(topic, "New"), Drain(); }
+
+  // What the radio answers from now on, where it differs from the usual.
+  void SetAnswers(auto set) { radio->SetAnswers(With<orka::fake::Answers>(set)); }
 
   Folder folder;
   Journal journal;
@@ -298,8 +308,6 @@ class Bench {
   orka::fake::FakeRadioProtocol* radio = new orka::fake::FakeRadioProtocol;  // the context's
   KovaContext context{model, std::make_unique<fake::FakeConfigReader>(config)};
 };
-
-class BenchTest : public testing::Test, public Bench {};
 
 // --- Messages ------------------------------------------------------------------------------------
 
@@ -321,15 +329,6 @@ T Sample(int oneof_case = 0) {
   T message;
   EXPECT_TRUE(message.ParseFromString(wire));
   return message;
-}
-
-template <class T>
-T With(auto set, T message = {}) {
-  set(message);
-  return message;
-}
-inline GenericResponse Success(const char* text) {
-  return With<GenericResponse>([&](auto& m) { m.set_description(text); });
 }
 
 }  // namespace zelt::test

@@ -446,5 +446,13 @@ TEST_F(BusConnectionTest, OpeningSaysWhatIsWrong) {
   EXPECT_THAT(error(""), testing::HasSubstr("cannot connect to the bus at " + bus_.Address()));
 }
 
+TEST(BusPolicyTest, WhatItForbidsIsNotPermitted) {
+  const TestBus bus(
+      "<deny own='zelt.tool.zeltcli-1'/><deny send_destination='zelt.service.Kova'/>");
+  const auto service = BusConnection::Open("Kova");
+  EXPECT_EQ(service->RequestImpl("Kova", "T", "", 0ms).get().outcome, Outcome::NotPermitted);
+  EXPECT_THROW(BusConnection::Open("zeltcli-1"), std::runtime_error);
+}
+
 }  // namespace
 }  // namespace zelt

@@ -62,22 +62,5 @@ TEST(FakeServiceIPC, DeliversAsThePlatformWould) {
   EXPECT_EQ(got, "Upgrade:1 Battery:4 ");
 }
 
-TEST(FakeServiceIPC, RecordsInOrderWithTheResultsThatTheTestChose) {
-  using Kind = FakeServiceIPC::Kind;
-  using Result = FakeServiceIPC::Result;
-  FakeServiceIPC ipc;
-  ipc.SetNextResults({Result::False, Result::Throw, Result::Never});
-  EXPECT_FALSE(ipc.SendImpl("Upgrade", "T", "1").get());
-  EXPECT_THROW(ipc.SendResponseImpl({"zeltcli-1", "Q", ":1.1", 7}, "R", "2").get(),
-               std::runtime_error);
-  EXPECT_EQ(ipc.PublishImpl("P", "3").wait_for(0s), std::future_status::timeout);
-  EXPECT_TRUE(ipc.PublishImpl("P", "4").get());
-  EXPECT_THAT(ipc.Records(),
-              ElementsAre(FakeServiceIPC::Record{Kind::Send, "Upgrade", "T", "1"},
-                          FakeServiceIPC::Record{Kind::Response, "zeltcli-1", "R", "2", 7},
-                          FakeServiceIPC::Record{Kind::Publish, "", "P", "3"},
-                          FakeServiceIPC::Record{Kind::Publish, "", "P", "4"}));
-}
-
 }  // namespace
 }  // namespace zelt::fake

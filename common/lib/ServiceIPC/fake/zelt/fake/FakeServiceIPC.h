@@ -5,12 +5,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
-#include <deque>
 #include <exception>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -21,8 +18,8 @@ namespace zelt::fake {
 
 // The bus of a test: remembers what the code under test sends, and delivers what the test says.
 //
-// Any thread may call any operation. Deliver, DeliverPublished and Subscribe run the callbacks on
-// the calling thread, which plays the IPC thread.
+// Any thread may call any operation. Deliver and Subscribe run the callbacks on the calling thread,
+// which plays the IPC thread.
 class FakeServiceIPC : public ServiceIPC {
  public:
   enum class Kind { Send, Response, Publish, Request };
@@ -50,39 +47,16 @@ class FakeServiceIPC : public ServiceIPC {
     bool operator==(const Registration&) const = default;
   };
 
-  // What the next calls come to, in order; after the last one, True again.
-  void SetNextResults(std::initializer_list<Result> results) {
-    const std::lock_guard lock(mutex_);
-    next_results_ = results;
-  }
-  // What every call comes to that SetNextResults does not speak for. Runs on the caller's thread.
+  // What every call comes to; without it, True. Runs on the caller's thread.
   void SetResult(std::function<Result(const Record&)> result) {
     const std::lock_guard lock(mutex_);
     result_ = std::move(result);
   }
-  // What requests come to; without it, NoSuchService.
-  void SetReply(std::function<Reply(const Record&)> reply) {
-    const std::lock_guard lock(mutex_);
-    reply_ = std::move(reply);
-  }
-
-  // Everything sent, answered and published so far, in order.
+  // Everything sent, answered, published and requested so far, in order.
   std::vector<Record> Records() const {
     const std::lock_guard lock(mutex_);
     return records_;
   }
-  // The same, and forgets it.
-  std::vector<Record> TakeRecords() {
-    const std::lock_guard lock(mutex_);
-    return std::exchange(records_, {});
-  }
-  // True once there are at least `count` records; false when that takes longer than `deadline`.
-  bool WaitForRecords(std::size_t count,
-                      std::chrono::milliseconds deadline = std::chrono::seconds(10)) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, deadline, [&] { return records_.size() >= count; });
-  }
-
   // Every callback and subscribe handler that was ever registered, in order.
   std::vector<Registration> Registrations() const {
     const std::lock_guard lock(mutex_);
@@ -115,17 +89,6 @@ class FakeServiceIPC : public ServiceIPC {
       return false;
     }
     return Call(*entry, Envelope(type, sender, request), payload);
-  }
-
-  // Delivers one published message to every subscription of its topic; returns how many took it.
-  int DeliverPublished(std::string_view topic, std::string_view sender, std::string_view payload) {
-    int taken = 0;
-    for (const auto& entry : Open(EntryKind::Subscription)) {
-      if (entry->name == topic || entry->name.empty()) {
-        taken += Call(*entry, Envelope(topic, sender, 0), payload) ? 1 : 0;
-      }
-    }
-    return taken;
   }
 
   // Announces `subscriber` to every subscribe handler of `topic`; returns how many there are.
@@ -176,21 +139,12 @@ class FakeServiceIPC : public ServiceIPC {
     return Add(EntryKind::Subscription, topic, std::nullopt, std::move(callback));
   }
 
+  // Recorded, and answered by nobody.
   std::future<Reply> RequestImpl(std::string_view destination, std::string_view typeName,
                                  std::string_view payload, std::chrono::milliseconds) override {
-    const Record record{Kind::Request, std::string(destination), std::string(typeName),
-                        std::string(payload)};
-    std::function<Reply(const Record&)> reply;
-    {
-      const std::lock_guard lock(mutex_);
-      records_.push_back(record);
-      reply = reply_;
-    }
-    changed_.notify_all();
+    Finish({Kind::Request, std::string(destination), std::string(typeName), std::string(payload)});
     std::promise<Reply> promise;
-    promise.set_value(
-        reply ? reply(record)
-              : Reply{Outcome::NoSuchService, "", "", "nobody is called " + record.peer});
+    promise.set_value({Outcome::NoSuchService, "", "", "nobody is on a fake bus"});
     return promise.get_future();
   }
 
@@ -258,21 +212,12 @@ class FakeServiceIPC : public ServiceIPC {
     std::promise<bool> promise;
     auto future = promise.get_future();
     std::function<Result(const Record&)> decide;
-    auto result = Result::True;
     {
       const std::lock_guard lock(mutex_);
       records_.push_back(record);
-      if (!next_results_.empty()) {
-        result = next_results_.front();
-        next_results_.pop_front();
-      } else {
-        decide = result_;
-      }
+      decide = result_;
     }
-    changed_.notify_all();
-    if (decide) {
-      result = decide(record);
-    }
+    const auto result = decide ? decide(record) : Result::True;
     switch (result) {
       case Result::True:
       case Result::False:
@@ -292,14 +237,11 @@ class FakeServiceIPC : public ServiceIPC {
 
   std::shared_ptr<std::mutex> mutex_owner_ = std::make_shared<std::mutex>();  // handles may outlive
   std::mutex& mutex_ = *mutex_owner_;
-  mutable std::condition_variable changed_;
 
   // guarded by mutex_
   std::vector<Record> records_;
   std::vector<std::shared_ptr<Entry>> entries_;
-  std::deque<Result> next_results_;
   std::function<Result(const Record&)> result_;
-  std::function<Reply(const Record&)> reply_;
   std::vector<std::promise<bool>> never_;
 };
 

@@ -102,7 +102,8 @@ class ChildProcess {
 // A private bus in a temporary folder; ZELT_BUS_ADDRESS leads to it. Start it before any thread.
 class TestBus {
  public:
-  TestBus() {
+  // `policy` goes into the configuration of the bus: what it forbids.
+  explicit TestBus(const std::string& policy = "") {
     std::string path = (std::filesystem::temp_directory_path() / "zelt-bus-XXXXXX").string();
     if (mkdtemp(path.data()) == nullptr) {
       throw std::runtime_error("cannot create " + path);
@@ -110,9 +111,12 @@ class TestBus {
     folder_ = path;
     address_ = "unix:path=" + path + "/bus";
     setenv("ZELT_BUS_ADDRESS", address_.c_str(), 1);
-    const std::string config = KOVA_BUS_CONFIG;
+    const auto config = folder_ / "bus.conf";
+    std::ofstream(config) << "<busconfig><include>" KOVA_BUS_CONFIG
+                             "</include><policy context='default'>"
+                          << policy << "</policy></busconfig>";
     daemon_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + config, "--nofork",
+        std::vector<std::string>{"dbus-daemon", "--config-file=" + config.string(), "--nofork",
                                  "--nopidfile", "--print-address", "--address=" + address_},
         folder_ / "bus.log");
     if (!daemon_->WaitForOutput("guid=")) {

@@ -8,7 +8,6 @@
 #include <cstddef>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -95,12 +94,6 @@ class FakeServiceModel : public ServiceModel {
       watch->callback(state);
     }
   }
-  // While set, GetServiceState throws a std::runtime_error with this text.
-  void SetStateError(std::string text) {
-    const std::lock_guard lock(mutex_);
-    state_error_ = std::move(text);
-  }
-
   std::shared_ptr<ServiceIPC> GetServiceIPC() override { return ipc_; }
 
   AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
@@ -126,9 +119,6 @@ class FakeServiceModel : public ServiceModel {
 
   service_state::State GetServiceState(std::string_view service, Seconds) override {
     const std::lock_guard lock(mutex_);
-    if (!state_error_.empty()) {
-      throw std::runtime_error(state_error_);
-    }
     const auto known = std::ranges::find(services_, service, &ServiceInfo::name);
     return known == services_.end() ? service_state::State::NotRunning : known->state;
   }
@@ -195,7 +185,6 @@ class FakeServiceModel : public ServiceModel {
   std::vector<service_state::State> states_;
   std::vector<ServiceInfo> services_;
   std::vector<std::shared_ptr<Watch>> watches_;
-  std::string state_error_;
 };
 
 }  // namespace zelt::fake

@@ -336,13 +336,17 @@ TEST_F(BusConnectionTest, ClosedHandleMeansTheCallbackHasEnded) {
   EXPECT_FALSE(service->SendImpl("Kova", "self", "").get());
 
   std::latch entered(1);
+  std::latch closing(1);
   bool ended = false;  // unguarded on purpose: the handle has to order both threads
   auto running = service->SubscribeImpl("P", [&](const auto&, auto) {
     entered.count_down();
+    closing.wait();
+    std::this_thread::yield();
     ended = true;
   });
   EXPECT_TRUE(service->PublishImpl("P", "").get());
   entered.wait();
+  closing.count_down();
   running.Close();
   EXPECT_TRUE(ended);
 

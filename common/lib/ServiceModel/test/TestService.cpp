@@ -1,9 +1,12 @@
 // A service for RunnerTest: TestService MODE [DEPENDENCY [SHUTDOWN_DEPENDENCY]]
 #include "zelt/ServiceRunner.h"
 
+#include <unistd.h>
+
 #include <csignal>
 #include <future>
 #include <iostream>
+#include <semaphore>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -62,6 +65,12 @@ int main(int argc, char** argv) {
         }
         if (mode == "signal-in-factory") {
           kill(getpid(), SIGTERM);
+          std::counting_semaphore turns(0);
+          const auto timer =
+              model->AddTimer("turn", [&] { turns.release(); }, std::chrono::milliseconds(1), true);
+          for (int i = 0; i < 3; ++i) {
+            turns.acquire();  // by then, the IPC thread has come to the signal
+          }
         }
         return std::make_shared<TestService>(std::move(model), mode);
       },

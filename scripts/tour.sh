@@ -97,7 +97,6 @@ stack_wait 10 'the loss' link_is CONNECTION_IS_LOST || broken 'nobody noticed'
 tool link status
 stack_radio 9>&-
 [ "$link" = tcp ] || { stack_end "$kova_pid"; stack_kova 9>&-; }
-tool link down
 tool link up
 stack_wait 10 'the link' link_is CONNECTED || broken 'the link did not come back'
 held 'lost, told, and back after a stop and a start'

@@ -30,13 +30,12 @@ std::string DocumentedOpcode(const std::string& name) {
 struct ToRadio {
   const char* type;
   const char* json;
-  const char* wire_name;  // nullptr: it has another effect
+  const char* wire_name;
 };
 
-// The typed messages of the catalogue, in its order.
+// The typed messages of the catalogue that go to the radio.
 constexpr ToRadio kToRadio[] = {
     {"Kova.ShutdownResponse", R"({"result":1})", "ShutdownResponse"},
-    {"Kova.ShutdownRequest", R"({"reason":"BATTERY_LOW"})", "ShutdownRequest"},
     {"Kova.SerialNumberMsg", R"({"type":1})", "SerialNumberRequest"},
     {"Kova.BtMacAddressMsg", R"({"type":1})", "BtMacAddressRequest"},
     {"Kova.RtVersionMsg", R"({"request":{}})", "RtVersionRequest"},
@@ -93,6 +92,8 @@ constexpr ToRadio kToRadio[] = {
     {"Kova.TransferFirmwareRequest", R"({"sourceFilePath":"IMAGE","targetFileName":"fw"})",
      "FileAccessRequest"},
     {"Kova.InjectQrxRequest", R"({"payload":"BAE="})", "RtVersionRequest"},  // 0x0401
+    // The radio leaves after this one.
+    {"Kova.ShutdownRequest", R"({"reason":"BATTERY_LOW"})", "ShutdownRequest"},
 };
 
 TEST(Relay, EveryMessageReachesTheRadioAsItsDocumentedOpcode) {

@@ -143,6 +143,28 @@ TEST(Link, NobodyListensIsAFailedHandshakeAndAStoppedRadioIsALostLink) {
   stack.kova->WaitForLine("RtConnection status: CONNECTION_IS_LOST");
 }
 
+TEST(Link, SerialLineCarriesAnImageAndHealsFromDamage) {
+  Stack stack;
+  stack.StartBus();
+  stack.StartConfig();
+  const auto tty = stack.Folder() / "tty";
+  stack.StartRadio(
+      {"--pty", tty.string(), "--fault", "corrupt message=HardwareIdResponse count=1"});
+  stack.StartKovaOnSerial(tty);
+  ASSERT_EQ(stack.Tool({"link", "up"}).status, 0) << stack.kova->Output();
+  EXPECT_TRUE(stack.kova->Has("Attempting to start radio via UART"));
+  EXPECT_NE(stack.Tool({"hardware-id", "--timeout", "1"}).status, 0);
+  EXPECT_EQ(stack.Tool({"hardware-id"}).status, 0);
+  const std::string image(100'000, 's');
+  WriteFile(stack.Folder() / "image", image);
+  const auto push =
+      stack.Tool({"firmware", "push", (stack.Folder() / "image").string(), "--as", "fw"});
+  EXPECT_EQ(push.status, 0) << push.output;
+  EXPECT_EQ(ReadFile(stack.Folder() / "store/fw"), image);
+  stack.radio->Signal(SIGKILL);
+  stack.kova->WaitForLine("RtConnection status: CONNECTION_IS_LOST");
+}
+
 TEST(Peers, HungServiceHoldsNobodyElseUp) {
   Stack stack;
   stack.StartAll();

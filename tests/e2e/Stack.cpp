@@ -93,6 +93,15 @@ void Stack::StartKova() {
   kova->WaitForLine("Kova service running..........");
 }
 
+void Stack::StartKovaOnSerial(const std::filesystem::path& pty) {
+  kova.reset();
+  kova = std::make_unique<Process>(
+      std::vector<std::string>{std::string(KOVA_SOURCE_DIR) + "/scripts/with-serial", pty.string(),
+                               Binary("kova")},
+      environment_);
+  kova->WaitForLine("Kova service running..........");
+}
+
 void Stack::StartAll(const std::vector<std::string>& radio_options) {
   StartBus();
   StartConfig();

@@ -80,7 +80,7 @@ tool send Kova Kova.FileAccessWriteResponse \
 radio_got() { "$BIN/radiosim" ctl "$RADIO_CONTROL" received 20 | grep -q "$1"; }
 stack_wait 10 'the answer' radio_got FileAccessWriteResponse || broken 'the radio got no answer'
 held 'the radio has its answer'
-stack_end "$listener_pid"
+stack_end "$listener_pid" 2>/dev/null
 
 step 'The camera is docked'
 listener "$STACK/dock.txt" subscribe MediaStreamNotification.InputNotification

@@ -63,8 +63,8 @@ stack_radio() {
 }
 
 stack_kova() {
-  local command=("$BIN/kova")
-  [ "$stack_link" = tcp ] || command=(scripts/with-serial "$STACK/radio-tty" "$BIN/kova")
+  local command=(env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/kova")
+  [ "$stack_link" = tcp ] || command=(scripts/with-serial "$STACK/radio-tty" "${command[@]}")
   stack_spawn kova "${command[@]}"
   kova_pid=$stack_pid
   stack_wait 15 'Kova to be ready' stack_ready
@@ -85,7 +85,6 @@ stack_start() {
   printf 'VERSION=%s\nBUILD_NUMBER=1\n' 0.1.0 >"$STACK/root/etc/zelt/version"
   export ZELT_BUS_ADDRESS="unix:path=$STACK_SOCKETS/bus"
   export ZELT_ROOT="$STACK/root"
-  export ZELT_LOG_LEVEL=${ZELT_LOG_LEVEL:-7}
   export RADIO_CONTROL="$STACK_SOCKETS/radio"
   printf 'export %s\n' "ZELT_BUS_ADDRESS='$ZELT_BUS_ADDRESS'" "ZELT_ROOT='$ZELT_ROOT'" \
     "RADIO_CONTROL='$RADIO_CONTROL'" "PATH='$BIN':\"\$PATH\"" >"$STACK/env"
@@ -93,7 +92,7 @@ stack_start() {
   stack_spawn bus dbus-daemon --config-file=packaging/zelt-bus.conf \
     --address="$ZELT_BUS_ADDRESS" --nofork --nopidfile
   stack_wait 10 'the bus' test -S "$STACK_SOCKETS/bus"
-  stack_spawn config "$BIN/zelt-config"
+  stack_spawn config env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/zelt-config"
   config_pid=$stack_pid
   stack_radio
   stack_kova

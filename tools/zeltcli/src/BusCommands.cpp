@@ -52,6 +52,7 @@ void Print(const Cli& cli, Session& session) {
 void Follow(const Cli& cli, const std::string& topic) {
   Session session;
   session.Subscribe(topic);
+  cli.output.Notice("subscribed to " + (topic.empty() ? "everything" : topic));
   Print(cli, session);
 }
 
@@ -95,14 +96,14 @@ void Status(const Cli& cli) {
 
 void Send(const Cli& cli) {
   const auto message = GivenMessage(cli);
-  Session session;
+  Session session(cli.arguments.name);
   session.Send(cli.arguments.service, message.Type(), message.Bytes());
   cli.output.Result(cli.arguments.service + " took " + message.Type());
 }
 
 void Request(const Cli& cli) {
   const auto message = GivenMessage(cli);
-  Session session;
+  Session session(cli.arguments.name);
   const Incoming answer =
       session.Request(cli.arguments.service, message.Type(), message.Bytes(), AnswerTime(cli));
   cli.output.Result(cli.output.Paint(Output::Style::Bold, answer.type) + " " +
@@ -115,6 +116,7 @@ void Request(const Cli& cli) {
 
 void Listen(const Cli& cli) {
   Session session(cli.arguments.name);
+  cli.output.Notice("listening as " + session.Name());
   Print(cli, session);
 }
 

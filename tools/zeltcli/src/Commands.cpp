@@ -20,6 +20,7 @@ void MessageOptions(CLI::App& app, Arguments& arguments) {
   ServiceOption(app, arguments);
   app.add_option("TYPE", arguments.type, "The message's type (zeltcli types)")->required();
   app.add_option("JSON", arguments.text, "The message; - reads standard input, @FILE a file");
+  app.add_option("--as", arguments.name, "Send it as the service of this name, such as Upgrade");
 }
 
 void CountOption(CLI::App& app, Arguments& arguments) {

@@ -66,6 +66,10 @@ void Output::Error(const CliError& error) const {
   }
 }
 
+void Output::Notice(const std::string& text) const {
+  std::cerr << Paint(Style::Dim, text) << std::endl;
+}
+
 void Output::Message(const MessageTypes& types, const Incoming& message) const {
   const std::string body = MessageJson(types, message);
   if (json_) {

@@ -21,6 +21,8 @@ class Output {
   // The result of a command: `text` for a human, `json` (with "ok" put first) for a script.
   void Result(const std::string& text, const JsonObject& json = {}) const;
   void Error(const CliError& error) const;
+  // What the tool is about to do, for a human or a script that waits for it: on standard error.
+  void Notice(const std::string& text) const;
 
   // One line for one message; with its time.
   void Message(const MessageTypes& types, const Incoming& message) const;

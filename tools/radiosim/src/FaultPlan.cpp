@@ -153,18 +153,23 @@ bool FaultPlan::Load(const std::string& path, std::string& error) {
     return false;
   };
   for (const auto& [key, node] : file) {
-    if (key == "seed") {
-      const auto seed = node.value<std::int64_t>();
-      if (!seed || *seed < 0) {
-        return refuse(node, "seed: a whole number is expected");
+    if (key == "seed" || key == "bits_per_second") {
+      const auto number = node.value<std::int64_t>();
+      if (!number || *number < 0 || *number > UINT32_MAX) {
+        return refuse(node, std::string(key.str()) + ": a whole number is expected");
       }
-      Seed(static_cast<std::uint64_t>(*seed));
+      if (key == "seed") {
+        Seed(static_cast<std::uint64_t>(*number));
+      } else {
+        bits_per_second_ = static_cast<std::uint32_t>(*number);
+      }
       continue;
     }
     const toml::array* faults = node.as_array();
     if (key != "fault" || faults == nullptr || !faults->is_array_of_tables()) {
-      return refuse(node, "\"" + std::string(key.str()) +
-                              "\" is not expected here; known are seed and [[fault]]");
+      return refuse(node,
+                    "\"" + std::string(key.str()) +
+                        "\" is not expected here; known are seed, bits_per_second and [[fault]]");
     }
     for (const toml::node& element : *faults) {
       const toml::table& fault = *element.as_table();

@@ -60,11 +60,15 @@ class FaultPlan {
   // False with `error` when a word makes no sense.
   bool Add(std::string_view words, std::string& error);
 
-  // A TOML file: `seed`, and one [[fault]] table a rule, with `kind` and the keys above. False
-  // with file, line and what was wrong.
+  // A TOML file: `seed`, `bits_per_second`, and one [[fault]] table a rule, with `kind` and the
+  // keys above. False with file, line and what was wrong.
   bool Load(const std::string& path, std::string& error);
 
   void Clear() { rules_.clear(); }
+
+  // The speed of the line; 0: as fast as it goes.
+  std::uint32_t BitsPerSecond() const { return bits_per_second_; }
+  void SetBitsPerSecond(std::uint32_t speed) { bits_per_second_ = speed; }
 
   // The rules that fire for this frame, in the order of the plan; each is counted.
   std::vector<const FaultRule*> Fire(bool incoming, std::string_view message, bool is_response,
@@ -78,6 +82,7 @@ class FaultPlan {
 
  private:
   std::list<FaultRule> rules_;
+  std::uint32_t bits_per_second_ = 0;
   std::mt19937_64 random_;
 };
 

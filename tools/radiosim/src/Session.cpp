@@ -76,6 +76,7 @@ void Session::Read() {
           return;
         }
         self->may_read_ -= static_cast<double>(count);
+        self->bytes_ += count;
         self->deframer_.Feed(orka::codec::ByteView(self->buffer_).first(count));
         if (self->deframer_.InFrame() && !self->damaged_) {
           self->last_heard_ = Clock::now();
@@ -114,6 +115,7 @@ void Session::Write() {
     }
     last_sent_ = count > 0 ? Clock::now() : last_sent_;
     may_write_ -= static_cast<double>(count);
+    bytes_ += count;
     out_.erase(out_.begin(), out_.begin() + static_cast<std::ptrdiff_t>(count));
   }
 }

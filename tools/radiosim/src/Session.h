@@ -34,6 +34,7 @@ class Session : public std::enable_shared_from_this<Session> {
   void Close();
   void Send(orka::codec::ByteView bytes);
 
+  std::uint64_t Bytes() const { return bytes_; }  // both ways
   Clock::time_point LastHeard() const { return last_heard_; }
   Clock::time_point LastSent() const { return last_sent_; }
 
@@ -55,6 +56,7 @@ class Session : public std::enable_shared_from_this<Session> {
   bool damaged_ = false;  // a frame was dropped since the last good one
   std::array<std::uint8_t, 64UL * 1024> buffer_{};
   orka::codec::Bytes out_;
+  std::uint64_t bytes_ = 0;
   orka::codec::Deframer deframer_;
   Clock::time_point last_heard_ = Clock::now();
   Clock::time_point last_sent_ = Clock::now();

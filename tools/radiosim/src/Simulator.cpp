@@ -207,7 +207,7 @@ void Simulator::Accept() {
 
 void Simulator::BeginSession(int fd) {
   session_ = std::make_shared<Session>(
-      io_, fd, options_.bits_per_second,
+      io_, fd, plan_.BitsPerSecond(),
       Session::Events{[this](const orka::pel::BaseMessage& header, ByteView payload) {
                         OnFrame(header, payload);
                       },
@@ -228,12 +228,27 @@ void Simulator::EndSession(const std::string& why) {
   held_.clear();
   radio_.SessionEnded();
   if (options_.pty_link.empty()) {
-    if (session_) {
-      std::exchange(session_, nullptr)->Close();
-    }
+    DropSession();
   } else {
     ::ioctl(pty_slave_, TIOCNXCL);  // a camera that was killed cannot do it
   }
+}
+
+void Simulator::DropSession() {
+  if (session_) {
+    ended_sessions_bytes_ += session_->Bytes();
+    std::exchange(session_, nullptr)->Close();
+  }
+}
+
+std::string Simulator::FaultReport() const {
+  std::string report = plan_.Report();
+  if (plan_.BitsPerSecond() != 0) {
+    const std::uint64_t bytes = ended_sessions_bytes_ + (session_ ? session_->Bytes() : 0);
+    report += "slow line of " + std::to_string(plan_.BitsPerSecond()) +
+              " bits per second: slowed " + std::to_string(bytes) + " bytes\n";
+  }
+  return report;
 }
 
 void Simulator::Restart(std::chrono::milliseconds after) {
@@ -253,11 +268,10 @@ void Simulator::Stop() {
     return;
   }
   if (greeted_) {
+    SendLinkControl("Goodbye", Encode(LinkControl::Goodbye));
     EndSession("the radio is switched off");
   }
-  if (session_) {
-    std::exchange(session_, nullptr)->Close();
-  }
+  DropSession();
   asio::error_code ignored;
   static_cast<void>(acceptor_.close(ignored));
   tick_.cancel();

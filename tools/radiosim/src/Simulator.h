@@ -30,7 +30,6 @@ struct Options {
   bool in_service = true;
   std::uint16_t max_transfer_size = 0;  // 0: 32768 on TCP, 4096 on a pseudo-terminal
   orka::qrx::DeviceDescriptors descriptors = {{0x00, 1}, {0x17, 90}, {0x18, 1}, {0x24, 3}};
-  std::uint32_t bits_per_second = 0;             // 0: as fast as it goes
   std::chrono::milliseconds restart_time{1000};  // how long it is away when it restarts
   bool verbose = false;                          // also keep-alives and single chunks
   Radio::Settings radio;
@@ -63,7 +62,7 @@ class Simulator {
   Reply Command(std::string_view line);
 
   std::uint16_t Port() const { return port_; }
-  std::string FaultReport() const { return plan_.Report(); }
+  std::string FaultReport() const;
 
   // Called by "quit", after the reply.
   std::function<void()> on_quit;
@@ -77,6 +76,7 @@ class Simulator {
   void Accept();
   void BeginSession(int fd);
   void EndSession(const std::string& why);
+  void DropSession();
   void Restart(std::chrono::milliseconds after);
   void Tick();
 
@@ -122,7 +122,8 @@ class Simulator {
   bool silent_ = false;
 
   std::shared_ptr<Session> session_;
-  bool greeted_ = false;         // the camera has said hello
+  bool greeted_ = false;  // the camera has said hello
+  std::uint64_t ended_sessions_bytes_ = 0;
   bool session_silent_ = false;  // a fault; until the next hello
   std::uint16_t address_ = 0;    // the camera's, repeated in every frame
   orka::codec::Bytes held_;      // a frame that waits for the next one

@@ -75,6 +75,7 @@ int main(int argc, char** argv) {
   std::string fault_file;
   std::vector<std::string> faults;
   std::uint64_t seed = 1;
+  std::uint32_t bits_per_second = 0;
   std::uint32_t restart_ms = 1000;
   std::uint32_t broadcast_ms = 5000;
   bool out_of_service = false;
@@ -92,7 +93,8 @@ int main(int argc, char** argv) {
   app.add_option("--max-transfer-size", options.max_transfer_size,
                  "largest chunk of a file in bytes; 32768 on TCP, 4096 on a pseudo-terminal")
       ->check(CLI::Range(1, 65527));
-  app.add_option("--bps", options.bits_per_second, "speed of the line in bits per second");
+  auto* bps_option =
+      app.add_option("--bps", bits_per_second, "speed of the line in bits per second");
   app.add_option("--faults", fault_file, "fault plan, a TOML file");
   app.add_option("--fault", faults,
                  "one fault in words, e.g. \"drop message=TransferDataResponse after=3 count=1\"")
@@ -139,6 +141,9 @@ int main(int argc, char** argv) {
   }
   if (*seed_option) {
     plan.Seed(seed);
+  }
+  if (*bps_option) {
+    plan.SetBitsPerSecond(bits_per_second);
   }
   for (const std::string& fault : faults) {
     if (!plan.Add(fault, error)) {

@@ -69,6 +69,7 @@ class RadiosimTest : public testing::TestWithParam<bool> {
         pty_ ? (folder_ / "tty").string() : "127.0.0.1:0";
     std::string error;
     FaultPlan plan(7);
+    plan.SetBitsPerSecond(bits_per_second_);
     ASSERT_TRUE(fault.empty() || plan.Add(fault, error)) << error;
     bool ok = false;
     Run([&] {
@@ -140,6 +141,7 @@ class RadiosimTest : public testing::TestWithParam<bool> {
   fs::path folder_;
   Options options_;
   bool pty_ = false;
+  std::uint32_t bits_per_second_ = 0;
   asio::io_context io_{1};
   asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
   std::thread thread_;
@@ -338,9 +340,9 @@ const std::vector<FaultCase> kFaultCases = {
     {"drop message=RtVersionRequest direction=in after=1", {N::RtVersion, N::HardwareId}},
     {"duplicate message=RtVersionResponse count=1",
      {N::RtVersion, N::RtVersion, N::RtVersion, N::RtVersion, N::HardwareId}},
-    {"delay message=RtVersionResponse count=1 delay_ms=100",
+    {"delay message=RtVersionResponse count=1 delay_ms=400",
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
-    {"delay message=RtVersionRequest direction=in after=2 delay_ms=100",
+    {"delay message=RtVersionRequest direction=in after=2 delay_ms=400",
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
     {"reorder message=RtVersionResponse after=2",
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
@@ -365,9 +367,9 @@ TEST_P(RadiosimLineTest, FaultsOfFramesDoWhatTheySay) {
     ASSERT_EQ(Command(std::string("fault ") + fault_case.fault), "");
     seen_.Clear();
     for (int i = 0; i < 3; ++i) {
-      Send(Kova::RtVersionRequest());
+      camera_.SendToRadio(Kova::RtVersionRequest(), 0);  // the link may be gone already
     }
-    Send(Kova::HardwareIdRequest());
+    camera_.SendToRadio(Kova::HardwareIdRequest(), 0);
     EXPECT_EQ(seen_.Await(fault_case.expected.size()), fault_case.expected);
     EXPECT_THAT(Command("faults"), testing::Not(HasSubstr("fired 0")));
     camera_.Stop();
@@ -410,11 +412,12 @@ TEST_P(RadiosimLineTest, UnansweredHandshakeFailsAndTheNextSucceeds) {
 
 // A chunk takes longer than a side may be silent.
 TEST_P(RadiosimLineTest, SlowLineIsNotTakenForALostOne) {
-  options_.bits_per_second = 9600;
+  bits_per_second_ = 9600;
   options_.max_transfer_size = 2900;
   Connect();
   EXPECT_EQ(Push("slow", std::string(2900, 's')), orka::qrx::Result::Success);
   EXPECT_TRUE(camera_.IsRadioConnected());
+  EXPECT_THAT(Command("faults"), HasSubstr("slow line of 9600 bits per second: slowed"));
 }
 
 TEST_F(RadiosimTest, CommandsNameWhatWasWrong) {
@@ -448,9 +451,11 @@ TEST_F(RadiosimTest, PlanFileNamesFileAndLineOfWhatIsWrong) {
     std::string error;
     return plan.Load(path.string(), error) ? plan.Report() : error;
   };
-  EXPECT_EQ(load("seed = 3\n[[fault]]\nkind = \"drop\"\nmessage = \"RtVersionResponse\"\n"
-                 "probability = 0.5\nafter = 1\n"),
-            "fault drop direction=out message=RtVersionResponse: matched 0, fired 0\n");
+  EXPECT_EQ(
+      load(
+          "seed = 3\nbits_per_second = 0\n[[fault]]\nkind = \"drop\"\nmessage = \"RtVersionResponse\"\n"
+          "probability = 0.5\nafter = 1\n"),
+      "fault drop direction=out message=RtVersionResponse: matched 0, fired 0\n");
   for (const auto& [text, error] : std::vector<std::pair<std::string, std::string>>{
            {"seed = \"x\"", ":1: seed"},
            {"\nfaults = 1", ":2: \"faults\" is not expected"},

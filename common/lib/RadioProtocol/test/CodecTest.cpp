@@ -377,6 +377,13 @@ TEST(Codec, ValuesWithoutACounterpartAreNamed) {
   }
 }
 
+TEST(Codec, ResultsPrintTheirNameOrNumber) {
+  std::ostringstream text;
+  text << qrx::Result::Success << ' ' << qrx::Result::ChecksumError << ' '
+       << static_cast<qrx::Result>(9);
+  EXPECT_EQ(text.str(), "Success ChecksumError 9");
+}
+
 TEST(Codec, WhatDoesNotFitAFrameIsRefused) {
   Collaboration::IoTD2CDataMessage data;
   data.set_data(std::string(65'530, 'x'));

@@ -302,11 +302,40 @@ TEST_F(LinkTest, InjectionTakesItsResponseAndNoOther) {
   EXPECT_FALSE(protocol_.InjectQRXMessage(codec::Bytes{4}, {}).first) << "no opcode";
   EXPECT_FALSE(inject({}).get().first) << "not answered";
 
-  auto stopped = inject({});
+  std::promise<bool> from_callback;
+  protocol_.RegisterCallback([&](N, const RadioNotificationData&) {
+    from_callback.set_value(protocol_.InjectQRXMessage(message, {}).first);
+  });
+  radio_.Send(pel::FrameKind::Broadcast, codec::Bytes{0xB4, 0x06});
+  EXPECT_FALSE(from_callback.get_future().get()) << "the radio thread cannot wait for itself";
+
+  auto stopped = inject({.transaction = 77});
   ASSERT_TRUE(radio_.Next(pel::FrameKind::Request));
   ASSERT_TRUE(radio_.Next(pel::FrameKind::Request));
+  EXPECT_FALSE(inject({.transaction = 77}).get().first) << "it is being waited for";
   protocol_.Stop();
   EXPECT_FALSE(stopped.get().first);
+}
+
+TEST_F(LinkTest, FileHandleAnswerKeepsWhatTheServiceSaid) {
+  Kova::FileHandleOpenResponse response;
+  response.set_handle_id(0x10005);
+  response.set_status(0x0111849C);
+  response.set_attributes(3);
+  FileHandleRespWrapper expected{5, 0x0111849C, 3, {}};
+  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
+  response.mutable_directory()->add_entries("a");
+  expected.data = qrx::DirectoryDataType{{"a"}};
+  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
+  response.set_text("t");
+  expected.data = std::string("t");
+  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
+  response.set_size(7);
+  expected.data = std::uint32_t{7};
+  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
+  response.set_content("\xFF");
+  expected.data = codec::Bytes{0xFF};
+  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
 }
 
 TEST_F(LinkTest, SerialLinkIsExclusiveAndNoticesTheCableGoing) {

@@ -4,13 +4,23 @@
 
 #include <algorithm>
 #include <array>
+#include <charconv>
 #include <memory>
+#include <string>
+#include <system_error>
 #include <utility>
 
 namespace zelt::cli {
 namespace {
 
 constexpr double kNoEnd = 24.0 * 3600;  // seconds, for a wait that Kova itself ends
+
+// The parser itself would take -1 for a very large number.
+std::string IsWholeNumber(const std::string& text) {
+  const bool good = !text.empty() && text.size() < 10 &&
+                    text.find_first_not_of("0123456789") == std::string::npos;
+  return good ? "" : "\"" + text + "\" is no whole number, or too large";
+}
 
 void ServiceOption(CLI::App& app, Arguments& arguments) {
   app.add_option("SERVICE", arguments.service, "The service's name, such as Kova")->required();
@@ -24,7 +34,7 @@ void MessageOptions(CLI::App& app, Arguments& arguments) {
 }
 
 void CountOption(CLI::App& app, Arguments& arguments) {
-  app.add_option("--count", arguments.count, "End after so many messages");
+  app.add_option("--count", arguments.count, "End after so many messages")->check(IsWholeNumber);
 }
 
 constexpr auto kCommands = std::to_array<Command>({
@@ -37,7 +47,7 @@ constexpr auto kCommands = std::to_array<Command>({
     {"socket set", "Reach the radio over the network", 5,
      [](CLI::App& app, Arguments& arguments) {
        app.add_option("IP", arguments.text, "Numeric address")->required();
-       app.add_option("PORT", arguments.port, "1 to 65535")->required();
+       app.add_option("PORT", arguments.port, "1 to 65535")->required()->check(IsWholeNumber);
      },
      SetSocket},
     {"socket clear", "Reach the radio over the serial port", 5, nullptr, ClearSocket},
@@ -74,8 +84,9 @@ constexpr auto kCommands = std::to_array<Command>({
      [](CLI::App& app, Arguments& arguments) {
        app.add_option("ACTION", arguments.name, "Such as start-recording")->required();
        app.add_option("--url", arguments.url, "Where to stream to, for start-streaming");
-       app.add_option("--selector", arguments.selector, "The part of the radio that is addressed");
-       app.add_option("--id", arguments.id, "The number of the request");
+       app.add_option("--selector", arguments.selector, "The part of the radio that is addressed")
+           ->check(IsWholeNumber);
+       app.add_option("--id", arguments.id, "The number of the request")->check(IsWholeNumber);
      },
      Video},
     {"types", "What Kova accepts and publishes; of one type its fields", 0,
@@ -142,15 +153,18 @@ std::unique_ptr<CLI::App> MakeApp(Arguments& arguments, const Command*& chosen) 
   app->fallthrough();
   app->require_subcommand(1);
   app->add_flag("--json", arguments.json, "One JSON object a line, for scripts");
-  app->add_option_function<double>(
+  app->add_option_function<std::string>(
          "--timeout",
-         [&arguments](double seconds) {
-           arguments.timeout = seconds;
+         [&arguments](const std::string& text) {
+           const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(),
+                                                     arguments.timeout, std::chars_format::fixed);
+           if (error != std::errc() || end != text.data() + text.size() || arguments.timeout < 0) {
+             throw CLI::ValidationError("--timeout", "\"" + text + "\" is no number of seconds");
+           }
            arguments.timeout_given = true;
          },
          "How long to wait for an answer, or to listen; 0 without end")
-      ->type_name("SECONDS")
-      ->check(CLI::NonNegativeNumber);
+      ->type_name("SECONDS");
   app->set_version_flag("--version", KOVA_VERSION);
   app->footer(
       "zeltcli COMMAND --help tells more. Exit status: 0 done, 1 refused or failed, 2 wrong "

@@ -7,6 +7,7 @@
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdlib>
 #include <exception>
 #include <iostream>
@@ -16,22 +17,43 @@
 namespace zelt::cli {
 namespace {
 
-// What the parser says, or the nearest commands when the first word is none.
+// The words of the command line that are neither options nor the value of --timeout.
+std::vector<std::string> PlainWords(const std::vector<std::string>& words) {
+  std::vector<std::string> plain;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    if (words[i] == "--timeout") {
+      ++i;
+    } else if (!words[i].starts_with('-')) {
+      plain.push_back(words[i]);
+    }
+  }
+  return plain;
+}
+
+// What the parser says; or, when the command does not exist, those that look like it.
 CliError Explain(const CLI::ParseError& error, const std::vector<std::string>& words) {
-  std::vector<std::string> names;
-  for (const Command& command : Commands()) {
-    names.emplace_back(command.path.substr(0, command.path.find(' ')));
+  std::string given;
+  for (const std::string& word : PlainWords(words)) {
+    given += given.empty() ? word : " " + word;
+    std::vector<std::string> names;
+    bool known = false;
+    for (const Command& command : Commands()) {
+      known = known || command.path == given || command.path.starts_with(given + " ");
+      if (!command.path.starts_with("__")) {
+        names.emplace_back(command.path);
+      }
+    }
+    if (!known) {
+      const std::string near = DidYouMean(given, names);
+      return {Exit::Usage, "there is no command \"" + given + "\"",
+              near.empty() ? "zeltcli --help lists them" : near};
+    }
+    if (std::ranges::find(names, given) != names.end()) {
+      break;  // a command: what follows are its arguments
+    }
   }
-  const auto word =
-      std::ranges::find_if(words, [](const auto& text) { return !text.starts_with('-'); });
-  const bool known = word != words.end() && std::ranges::find(names, *word) != names.end();
-  if (word != words.end() && !known &&
-      dynamic_cast<const CLI::ConversionError*>(&error) == nullptr) {
-    const std::string near = DidYouMean(*word, names);
-    return {Exit::Usage, "there is no command \"" + *word + "\"",
-            near.empty() ? "zeltcli --help lists them" : near};
-  }
-  return {Exit::Usage, error.what(), "zeltcli " + (known ? *word + " " : "") + "--help tells more"};
+  return {Exit::Usage, error.what(),
+          "zeltcli " + given + (given.empty() ? "" : " ") + "--help tells more"};
 }
 
 int Main(int argc, char** argv) {

@@ -64,6 +64,8 @@ std::vector<std::string> Nearest(std::string_view word, const std::vector<std::s
     }
   }
   std::ranges::sort(ranked);
+  const auto repeated = std::ranges::unique(ranked);
+  ranked.erase(repeated.begin(), repeated.end());
   ranked.resize(std::min(ranked.size(), most));
   std::vector<std::string> names;
   names.reserve(ranked.size());

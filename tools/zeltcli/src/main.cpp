@@ -34,22 +34,23 @@ std::vector<std::string> PlainWords(const std::vector<std::string>& words) {
 CliError Explain(const CLI::ParseError& error, const std::vector<std::string>& words) {
   std::string given;
   for (const std::string& word : PlainWords(words)) {
-    given += given.empty() ? word : " " + word;
+    const bool first = given.empty();
+    given += first ? word : " " + word;
     std::vector<std::string> names;
     bool known = false;
+    bool whole = false;
     for (const Command& command : Commands()) {
-      known = known || command.path == given || command.path.starts_with(given + " ");
-      if (!command.path.starts_with("__")) {
-        names.emplace_back(command.path);
-      }
+      whole = whole || command.path == given;
+      known = known || whole || command.path.starts_with(given + " ");
+      names.emplace_back(first ? command.path.substr(0, command.path.find(' ')) : command.path);
     }
     if (!known) {
       const std::string near = DidYouMean(given, names);
       return {Exit::Usage, "there is no command \"" + given + "\"",
               near.empty() ? "zeltcli --help lists them" : near};
     }
-    if (std::ranges::find(names, given) != names.end()) {
-      break;  // a command: what follows are its arguments
+    if (whole) {
+      break;  // what follows are its arguments
     }
   }
   return {Exit::Usage, error.what(),

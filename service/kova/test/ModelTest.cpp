@@ -3,6 +3,8 @@
 
 #include "Bench.h"
 
+#include <sys/stat.h>
+
 #include <deque>
 #include <functional>
 #include <iostream>
@@ -35,8 +37,8 @@ T Filled(std::uint32_t id) {
 
 struct Model {
   struct Guard {
-    double due;
-    int number;
+    double due = 0;
+    int number = 0;
     std::string name;
     std::function<void()> expiry;
     bool fired = false;
@@ -48,6 +50,10 @@ struct Model {
     std::uint16_t chunk = 0;
   };
   using State = Transfer::State;
+  struct Image {
+    std::string content;            // what of it is to be sent
+    const char* trouble = nullptr;  // why nothing is
+  };
   struct FileWords {
     std::string upper, lower;
     int level;
@@ -71,28 +77,29 @@ struct Model {
   // --- Time
   void Start(const std::string& guarded, const std::string& name, std::function<void()> expiry) {
     Do(Timer(name));
-    guards[guarded] = {now + 5, ++guards_set, name, std::move(expiry)};
+    guards[guarded] = {.due = now + 5, .number = ++guards_set, .name = name, .expiry = std::move(expiry)};
+  }
+  // What is guarded by the timers that have not fired, up to a time, in the order of firing.
+  auto Due(double until) const {
+    std::map<std::pair<double, int>, std::string> due;
+    for (const auto& [guarded, guard] : guards) {
+      if (!guard.fired && guard.due <= until) due[{guard.due, guard.number}] = guarded;
+    }
+    return due;
   }
   void Wait(double seconds) {
     now += seconds;
-    std::map<std::pair<double, int>, std::string> due;
-    for (auto& [guarded, guard] : guards) {
-      if (guard.due <= now && !std::exchange(guard.fired, guard.due <= now)) due[{guard.due, guard.number}] = guarded;
-    }
-    for (const auto& [when, guarded] : due) {
+    for (const auto& [when, guarded] : Due(now)) {
+      guards[guarded].fired = true;
       queue.emplace_back([this, guarded, number = when.second] {
         const auto guard = guards.find(guarded);
         if (guard != guards.end() && guard->second.number == number) std::function(guard->second.expiry)();
       });
     }
   }
-  Trace Pending() const {
-    std::map<std::pair<double, int>, std::string> pending_timers;
-    for (const auto& [guarded, guard] : guards) {
-      if (!guard.fired) pending_timers[{guard.due, guard.number}] = guard.name;
-    }
+  Trace PendingTimers() const {
     Trace names;
-    for (const auto& [when, name] : pending_timers) names.push_back(name);
+    for (const auto& [when, guarded] : Due(1e9)) names.push_back(guards.at(guarded).name);
     return names;
   }
   Trace Drain() {
@@ -123,19 +130,19 @@ struct Model {
   void Date() {
     const char* function = "HandleGetDateTimeResponse";
     if (AnswerTool(function, Kova::GetDateTimeResp())) return;
-    if (date_asker.empty()) return Say(3, function, "Cannot forward GetDateTimeg response, requester is not set");
+    if (date_asker.empty()) { Say(3, function, "Cannot forward GetDateTimeg response, requester is not set"); return; }
     Say(7, function, "Handle GetDateTime Response to ", date_asker);
     SendTo(std::exchange(date_asker, ""), Kova::GetDateTimeResp());
   }
 
   // --- Firmware
-  void AskFirmware(const std::string& sender, std::uint64_t request, const std::string& path, const std::string& target, const char* image) {
+  void AskFirmware(const std::string& sender, std::uint64_t request, const std::string& path, const std::string& target, const Image& image) {
     const char* function = "HandleTransferFirmwareRequest";
     Remember(function, sender, request);
     Say(6, function, "Handle TransferFirmware request from  ", sender);
-    if (image == nullptr) return Say(3, function, "Error: Could not open source file ", path), Finish(1);
-    firmware = {State::Asked, path, target, image, std::strlen(image), firmware.chunk};
-    Do(Radio(29, 0, orka::qrx::FileAccessRequest{1, 2, static_cast<std::uint32_t>(firmware.size), target}));
+    if (image.trouble != nullptr) { Say(3, function, image.trouble, path); Finish(1); return; }
+    firmware = {.state = State::Asked, .path = path, .target = target, .unread = image.content, .size = image.content.size(), .chunk = firmware.chunk};
+    Do(Radio(29, 0, orka::qrx::FileAccessRequest{.operation = 1, .access_code = 2, .file_size = static_cast<std::uint32_t>(firmware.size), .file_name = target}));
     Start("access", "File Access timer", [this] {
       Say(3, "HandleFileAccessTimeout", "FileAccessResponse was not received from RT for ", firmware.target);
       Abort();
@@ -145,7 +152,7 @@ struct Model {
     Say(6, "HandleFileAccessResponse", "Received FileAccessResponse from RT for [", answer.file_name, "] with result [", answer.result, "]");
     if (firmware.state != State::Asked || answer.file_name != firmware.target || answer.file_size != firmware.size) return;
     guards.erase("access");
-    if (answer.result != Result::Success) return Abort();
+    if (answer.result != Result::Success) { Abort(); return; }
     Say(6, "StartFileTransfer", "Starting transfer of ", firmware.path, " with size: ", firmware.size);
     firmware.state = State::Sending;
     firmware.chunk = 0;
@@ -153,7 +160,7 @@ struct Model {
   }
   void NextChunk() {
     const std::string data = firmware.unread.substr(0, limit);
-    if (data.empty()) return Say(3, "SendFileChunk", "Failed to read file"), Abort();
+    if (data.empty()) { Say(3, "SendFileChunk", "Failed to read file"); Abort(); return; }
     firmware.unread.erase(0, data.size());
     Say(8, "SendFileChunk", "Read:", data.size(), ", remaining: ", firmware.unread.size());
     Say(8, "SendFileChunk", "Transferring file ", firmware.path, ", chunk #", firmware.chunk, ", with size: ", data.size());
@@ -167,8 +174,8 @@ struct Model {
     Say(8, "HandleTransferDataResponse", "Received TransferDataResponse from RT for chunk#", answer.chunk_number, "] with result [", answer.result, "]");
     if (firmware.state != State::Sending || answer.chunk_number != firmware.chunk) return;
     guards.erase("chunk");
-    if (answer.result != Result::Success) return Abort();
-    if (!firmware.unread.empty()) return ++firmware.chunk, NextChunk();
+    if (answer.result != Result::Success) { Abort(); return; }
+    if (!firmware.unread.empty()) { ++firmware.chunk; NextChunk(); return; }
     Say(6, "HandleTransferDataResponse", "Completed transfer of ", firmware.path);
     firmware.state = State::Completed;
     Finish(0);
@@ -197,8 +204,8 @@ struct Model {
   template <class Response>
   void AnswerFile(const FileWords& kind, std::uint32_t id) {
     const std::string function = "SendFileAccess" + kind.upper + "Response";
-    if (pending[kind.upper] == 0) return Say(6, function, "No pending 'File Access ", kind.upper, "' request - ignoring response");
-    if (pending[kind.upper] != id) return Say(6, function, "Received response for a previous request - ignoring response");
+    if (pending[kind.upper] == 0) { Say(6, function, "No pending 'File Access ", kind.upper, "' request - ignoring response"); return; }
+    if (pending[kind.upper] != id) { Say(6, function, "Received response for a previous request - ignoring response"); return; }
     Say(6, function, "Send file access ", kind.lower, " reply");
     guards.erase(kind.upper);
     pending.erase(kind.upper);
@@ -210,7 +217,7 @@ struct Model {
     Start("handle " + request.file_name(), "File handle open timer", [this, request] {
       Say(6, "HandleFileHandleOpenTimeout", "File handle open timeout for ", request.file_name());
       guards.erase("handle " + request.file_name());
-      Do(Radio(37, 0, orka::FileHandleRespWrapper{static_cast<std::uint16_t>(request.handle_id()), 0x0111849C, 0, {}}));
+      Do(Radio(37, 0, orka::FileHandleRespWrapper{.handle_id = static_cast<std::uint16_t>(request.handle_id()), .status = 0x0111849C, .data = {}}));
     });
   }
   void AnswerHandle(const std::string& name) {
@@ -239,28 +246,37 @@ using Randomised = Bench;
 TEST_F(Randomised, BridgeDoesWhatTheModelDoes) {
   const char* given = std::getenv("KOVA_TEST_SEED");
   const unsigned long seed = given != nullptr ? std::stoul(given) : std::random_device()();
-  std::cout << "KOVA_TEST_SEED=" << seed << std::endl;
+  std::cout << "KOVA_TEST_SEED=" << seed << '\n';
   std::mt19937_64 random(seed);
   const auto pick = [&]<class T>(std::initializer_list<T> values) {
     return values.begin()[random() % values.size()];
   };
-  const Model::FileWords write = {"Write", "write", 7, 26, 19},
-                         create = {"Create", "create", 6, 27, 8};
-  const std::map<std::string, const char*> images = {
-      {"six", "abcdef"}, {"nine", "abcdefghi"}, {"none", ""}, {"missing", nullptr}};
-  Model expected;
-  for (const auto& [name, image] : images) {
-    if (image != nullptr) {
-      folder.File(name, image);
-    }
+  const Model::FileWords write = {
+      .upper = "Write", .lower = "write", .level = 7, .alternative = 26, .failure = 19};
+  const Model::FileWords create = {
+      .upper = "Create", .lower = "create", .level = 6, .alternative = 27, .failure = 8};
+  const char* unopened = "Error: Could not open source file ";
+  const char* unsized = "Failed to get size of provided firmware image : ";
+  const std::string long_name(300, 'x');
+  const std::map<std::string, Model::Image> images = {
+      {"six", {"abcdef"}},          {"nine", {"abcdefghi"}},      {"empty", {""}},
+      {"huge", {"four"}},           {"dangling", {"", unopened}}, {long_name, {"", unopened}},
+      {"directory", {"", unsized}}, {"fifo", {"", unsized}}};
+  for (const char* name : {"six", "nine", "empty", "huge"}) {
+    folder.File(name, images.at(name).content);
   }
-  const auto from_radio = [&](std::uint32_t kind, const Data& data, auto expect) {
+  std::filesystem::resize_file(folder.path / "huge", (std::uintmax_t{1} << 32U) + 4);
+  std::filesystem::create_symlink("nowhere", folder.path / "dangling");
+  std::filesystem::create_directory(folder.path / "directory");
+  ASSERT_EQ(mkfifo((folder.path / "fifo").c_str(), 0600), 0);
+  Model expected;
+  const auto from_radio = [&](std::uint32_t kind, const Data& data, const auto& expect) {
     Post(kind, data);
     expected.queue.emplace_back(expect);
   };
   for (std::uint64_t step = 1; step <= 10000; ++step) {
     const std::string sender = pick({"Upgrade", "A", "B", "zeltcli-1", "zeltcli-2"});
-    const auto from_peer = [&](const MessageLite& message, auto expect) {
+    const auto from_peer = [&](const MessageLite& message, const auto& expect) {
       Post(sender, message, step);
       expected.queue.emplace_back(expect);
     };
@@ -269,7 +285,8 @@ TEST_F(Randomised, BridgeDoesWhatTheModelDoes) {
     // clang-format off: one line an action
     switch (random() % 16) {
       case 0: case 1: {
-        const std::string image = pick({"six", "nine", "none", "missing"}), path = folder.path / image;
+        const std::string image = pick({std::string("six"), std::string("nine"), std::next(images.begin(), static_cast<std::ptrdiff_t>(random() % images.size()))->first});
+        const std::string path = folder.path / image;
         const auto request = With<Kova::TransferFirmwareRequest>([&](auto& m) { m.set_source_file_path(path), m.set_target_file_name(pick({"fw1", "fw2"})); });
         from_peer(request, [=, &expected, &images] { expected.AskFirmware(sender, step, path, request.target_file_name(), images.at(image)); });
         break;
@@ -277,13 +294,13 @@ TEST_F(Randomised, BridgeDoesWhatTheModelDoes) {
       case 2: case 3: {
         const std::string target = pick({expected.firmware.target, expected.firmware.target, expected.firmware.target, std::string("fw1")});
         const auto size = static_cast<std::uint32_t>(pick({expected.firmware.size, expected.firmware.size, expected.firmware.size, std::size_t{6}}));
-        const orka::qrx::FileAccessResponse answer{pick({Result::Success, Result::Success, Result::Busy}), size, target};
+        const orka::qrx::FileAccessResponse answer{.result = pick({Result::Success, Result::Success, Result::Busy}), .file_size = size, .file_name = target};
         from_radio(41, answer, [=, &expected] { expected.Access(answer); });
         break;
       }
       case 4: case 5: case 6: {
         const auto chunk = static_cast<std::uint16_t>(expected.firmware.chunk + pick({0, 0, 0, 1, -1}));
-        const orka::qrx::TransferDataResponse answer{pick({Result::Success, Result::Success, Result::Success, Result::NoSpace}), chunk};
+        const orka::qrx::TransferDataResponse answer{.result = pick({Result::Success, Result::Success, Result::Success, Result::NoSpace}), .chunk_number = chunk};
         from_radio(43, answer, [=, &expected] { expected.Acknowledge(answer); });
         break;
       }
@@ -316,9 +333,13 @@ TEST_F(Randomised, BridgeDoesWhatTheModelDoes) {
             pick({orka::SendResult::Sent, orka::SendResult::QueueFull});
       });
       ASSERT_EQ(Drain(), expected.Drain()) << "seed " << seed << ", step " << step;
-      ASSERT_EQ(model->PendingTimers(), expected.Pending()) << "seed " << seed << ", step " << step;
+      ASSERT_EQ(model->PendingTimers(), expected.PendingTimers())
+          << "seed " << seed << ", step " << step;
     }
   }
+  // No handle is kept of what is over.
+  EXPECT_EQ(std::ranges::count(model->Timers(), true, &TracedModel::Timer::is_open),
+            expected.guards.size());
 }
 
 }  // namespace

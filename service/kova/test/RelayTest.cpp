@@ -4,7 +4,6 @@
 
 #include "Bench.h"
 
-#include <map>
 #include <set>
 
 namespace zelt::test {
@@ -21,6 +20,9 @@ struct Row {
   std::size_t alternative = 0;  // and of its payload; kNotRead: whatever it is
   Data data;
   Trace expected;
+  Trace for_tool;           // of an answer that may go to a tool: the lines before it,
+  std::string description;  // and the answer itself
+  bool fills_slot = false;  // a request after which such an answer goes to the tool that asked
 
   friend void PrintTo(const Row& row, std::ostream* out) { *out << row.type << " " << row.kind; }
 };
@@ -58,6 +60,27 @@ Row Event(std::uint32_t kind, const Trace& expected, const Data& data = {},
 template <class T>
 Row In(std::uint32_t kind, std::size_t alternative, const Trace& expected, const T& message) {
   return Event(kind, expected, message, alternative);
+}
+// An answer that goes to the tool which asked last, else where `usual` says.
+template <class T>
+Row InForTool(std::uint32_t kind, std::size_t alternative, const char* function, const Trace& first,
+              const Trace& usual, int level = 6, const char* text = kTool) {
+  return With<Row>(
+      [&](Row& row) {
+        row.for_tool = first + Trace{Log(level, function, text)};
+        row.description = Describe(Sample<T>());
+      },
+      In<T>(kind, alternative, first + usual, Sample<T>()));
+}
+// A tool's request that fills the slot, before or after it goes to the radio.
+template <class T>
+Row Ask(const char* function, int level, const char* text, const std::string& to_radio,
+        bool before = false, const T& message = Sample<T>()) {
+  const Trace steps = {Log(6, function, kTool), to_radio};
+  return With<Row>(
+      [](Row& row) { row.fills_slot = true; },
+      Ipc<T>({Log(level, function, text), steps[before ? 0 : 1], steps[before ? 1 : 0]}, message,
+             "zeltcli-1"));
 }
 
 // To the radio as it is.
@@ -115,15 +138,15 @@ std::vector<Row> CatalogueRows() {
       Out<BatteryLevelRequest>("SendBatteryLevelRequest", 8, "Handle BatteryLevelRequest", 18, 0),
       Out<UsbStatus>("SendUsbStatus", 7, "Send USB status", 20, 0),
       Out<BluetoothConfigMsg>("SendBluetoothConfigRequest", 7, "Send BluetoothConfig request", 11, 0),
-      Ipc<BluetoothConfigMsg>({Log(7, "SendBluetoothConfigRequest", "Send BluetoothConfig request"), Radio(11, 0, Sample<BluetoothConfigMsg>()), Log(6, "SendBluetoothConfigRequest", kTool)}, Sample<BluetoothConfigMsg>(), "zeltcli-1"),
+      Ask<BluetoothConfigMsg>("SendBluetoothConfigRequest", 7, "Send BluetoothConfig request", Radio(11, 0, Sample<BluetoothConfigMsg>())),
       Out<BluetoothStatusMsg>("SendBluetoothStatusRequest", 7, "Send BluetoothStatus request", 12, 0),
-      Ipc<BluetoothStatusMsg>({Log(7, "SendBluetoothStatusRequest", "Send BluetoothStatus request"), Radio(12, 0, Sample<BluetoothStatusMsg>()), Log(6, "SendBluetoothStatusRequest", kTool)}, Sample<BluetoothStatusMsg>(), "zeltcli-1"),
+      Ask<BluetoothStatusMsg>("SendBluetoothStatusRequest", 7, "Send BluetoothStatus request", Radio(12, 0, Sample<BluetoothStatusMsg>())),
       Out<GattConfigMsg>("SendGattConfigMsg", 7, "Send GattConfig message", 13, 0),
-      Ipc<GattConfigMsg>({Log(7, "SendGattConfigMsg", "Send GattConfig message"), Radio(13, 0, Sample<GattConfigMsg>(1)), Log(6, "SendGattConfigMsg", kTool)}, Sample<GattConfigMsg>(1), "zeltcli-1"),
+      Ask<GattConfigMsg>("SendGattConfigMsg", 7, "Send GattConfig message", Radio(13, 0, Sample<GattConfigMsg>(1)), false, Sample<GattConfigMsg>(1)),
       Ipc<GattConfigMsg>({Log(7, "SendGattConfigMsg", "Send GattConfig message"), Radio(13, 0, Sample<GattConfigMsg>(7)), Log(6, "SendGattConfigMsg", kTool), Ack("request sent")}, Sample<GattConfigMsg>(7), "zeltcli-1"),
       Tool<SetSocketParams>({Log(6, "HandleSetSocketParams", "Recieved socket parameters"), Log(6, "HandleSetSocketParams", "Set socket params. Ip is \b\x05 and the port is: 1002"), Ack("")}),
       Tool<ClearSocketParams>({Log(6, "HandleClearSocketParams", "Clearing socket parameters"), Ack("")}),
-      Tool<RtFactoryResetRequest>({Log(6, "SendRtFactoryResetRequest", "Send Rt Factory Reset Request"), Radio(21, 0, Sample<RtFactoryResetRequest>()), Log(6, "SendRtFactoryResetRequest", kTool)}),
+      With<Row>([](Row& row) { row.via = Via::ToolMessage; }, Ask<RtFactoryResetRequest>("SendRtFactoryResetRequest", 6, "Send Rt Factory Reset Request", Radio(21, 0, Sample<RtFactoryResetRequest>()))),
       Tool<InjectQrxRequest>({Log(6, "HandleInjectQrxRequest", "Handle Inject Qrx Request"), Line("inject", "ab", 5, 0, 0, 0, 0, 0, 0), Answer("zeltcli-1", 1, inject_failed)}, With<InjectQrxRequest>([](auto& m) { m.set_payload("ab"), m.mutable_header()->set_h1(5); })),
       Tool<InjectQrxRequest>({Log(6, "HandleInjectQrxRequest", "Handle Inject Qrx Request"), Line("inject", "", 0, 0, 0, 0, 0, 0, 0), Answer("zeltcli-1", 1, inject_failed)}, {}),
       Out<RadioEmergencyMsg>("SendRadioEmergencyRequest", 7, "Send Emergency request", 0, 1),
@@ -132,7 +155,7 @@ std::vector<Row> CatalogueRows() {
       Drop<LocationInfoMsg>("", nullptr, 2),
       Ipc<LocationInfoMsg>({Log(8, "SendLocationInformationRequest", "Send Location Information request"), Radio(2, 1, Sample<LocationInfoMsg>(1)), Log(6, "SendLocationInformationRequest", kTool), Ack("Request sent")}, Sample<LocationInfoMsg>(1), "zeltcli-1"),
       Out<OpcodeSubscriptionMsg>("SendOpcodeSubscriptionRequest", 7, "Send OpcodeSubscription request", 22, 0),
-      Ipc<OpcodeSubscriptionMsg>({Log(7, "SendOpcodeSubscriptionRequest", "Send OpcodeSubscription request"), Radio(22, 0, Sample<OpcodeSubscriptionMsg>()), Log(6, "SendOpcodeSubscriptionRequest", kTool)}, Sample<OpcodeSubscriptionMsg>(), "zeltcli-1"),
+      Ask<OpcodeSubscriptionMsg>("SendOpcodeSubscriptionRequest", 7, "Send OpcodeSubscription request", Radio(22, 0, Sample<OpcodeSubscriptionMsg>())),
       Out<ToggleCovertModeMsg>("SetCovertMode", 7, "Send Covert mode request", 15, 0),
       Topic<RTConnectionStatus>({Log(6, "RtConnectionStatusSubscribeHandler", "RtConnection status: DISCONNECTED"), Send("New", RTConnectionStatus())}),
       Topic<MediaStreamNotification::InputNotification>({Log(6, "DockStatusSubscribeHandler", "No dock status to send")}),
@@ -141,11 +164,11 @@ std::vector<Row> CatalogueRows() {
       Drop<UsbRouteMsg>("SendUsbRouteResponse", kWrong, 1),
       Out<MicStatusMsg>("SendMicStatusRequest", 7, "Send Mic Status Request", 23, 0),
       Out<GetDateTimeReq>("SendGetDateTimeRequest", 8, "Send GetDateTime Request", 24, 1),
-      Ipc<GetDateTimeReq>({Log(8, "SendGetDateTimeRequest", "Send GetDateTime Request"), Log(6, "SendGetDateTimeRequest", kTool), Radio(24, 1, Sample<GetDateTimeReq>())}, Sample<GetDateTimeReq>(), "zeltcli-1"),
+      Ask<GetDateTimeReq>("SendGetDateTimeRequest", 8, "Send GetDateTime Request", Radio(24, 1, Sample<GetDateTimeReq>()), true),
       Out<SetDateTimeReq>("SendSetDateTimeRequest", 8, "Send SetDateTime Request", 25, 0),
-      Ipc<SetDateTimeReq>({Log(8, "SendSetDateTimeRequest", "Send SetDateTime Request"), Log(6, "SendSetDateTimeRequest", kTool), Radio(25, 0, Sample<SetDateTimeReq>())}, Sample<SetDateTimeReq>(), "zeltcli-1"),
+      Ask<SetDateTimeReq>("SendSetDateTimeRequest", 8, "Send SetDateTime Request", Radio(25, 0, Sample<SetDateTimeReq>()), true),
       Ipc<SetDateTimeMsg>({Log(8, "SendSetDateTimeRequest", "Send SetDateTime Request"), Radio(25, 0, Sample<SetDateTimeMsg>(1).request())}, Sample<SetDateTimeMsg>(1)),
-      Ipc<SetDateTimeMsg>({Log(8, "SendSetDateTimeRequest", "Send SetDateTime Request"), Log(6, "SendSetDateTimeRequest", kTool), Radio(25, 0, Sample<SetDateTimeMsg>(1).request())}, Sample<SetDateTimeMsg>(1), "zeltcli-1"),
+      Ask<SetDateTimeMsg>("SendSetDateTimeRequest", 8, "Send SetDateTime Request", Radio(25, 0, Sample<SetDateTimeMsg>(1).request()), true, Sample<SetDateTimeMsg>(1)),
       Drop<SetDateTimeMsg>("HandleSetDateTimeMsg", "Wrong type of the message! Expected request", 2),
       Ipc<TransferFirmwareRequest>({Log(6, "HandleTransferFirmwareRequest", "Handle TransferFirmware request from  Peer"), Log(3, "HandleTransferFirmwareRequest", "Error: Could not open source file \b\x05"), Log(7, "SendTransferFirmwareResponse", "Sending TransferFirmwareResponse"), Send("Upgrade", firmware_failed)}),
       Ipc<FileAccessWriteResponse>({Log(6, "SendFileAccessWriteResponse", "No pending 'File Access Write' request - ignoring response")}),
@@ -154,7 +177,7 @@ std::vector<Row> CatalogueRows() {
       Out<RadioLteControlOutgoing>("SendLteStatusReqMsg", 6, "Send LTE status request", 33, 2),
       Out<RadioWlanHotspotControlOutgoingMsg>("SendWlanHotspotControlRequest", 7, "Send WlanHotspotControlOutgoingMsg", 32, 2),
       Out<VideoControlRequest>("HandleBwcVideoControlRequest", 6, "Handle Cli Video Control Request", 35, kOfMessage),
-      Ipc<VideoControlRequest>({Log(6, "HandleBwcVideoControlRequest", "Handle Cli Video Control Request"), Log(6, "HandleBwcVideoControlRequest", kTool), Radio(35, 0, VideoControlRequest())}, {}, "zeltcli-1"),
+      Ask<VideoControlRequest>("HandleBwcVideoControlRequest", 6, "Handle Cli Video Control Request", Radio(35, 0, VideoControlRequest()), true, {}),
       Out<VideoControlResponse>("HandleVideoControlResponse", 6, "Handle video control Response from Collaboration service", 36, kOfMessage),
       Out<VideoControlBroadcast>("HandleVideoControlBroadcast", 6, "Handle video control Broadcast", 34, kOfMessage),
       Ipc<FileHandleOpenResponse>({Log(6, "HandleFileHandleOpenResponse", "Handle File Handle Open Response"), "convert", Radio(37, 0, handle)}),
@@ -199,11 +222,11 @@ std::vector<Row> NotificationRows() {
       In<ButtonsSubscribtionMsg>(14, 13, "HandleButtonsSubscribtionResponse", 6, "Handle Buttons Subscribtion Response", "RsmControl"),
       In<ConfigurationSetMsg>(15, 12, "HandleConfigurationSetResponse", 6, "Handle Configuration set response", "RsmControl"),
       In<InputNotification>(16, 1, "HandlePhysicalUserInput", 6, "Handle pysical user input", "Controller"),
-      In<BluetoothConfigMsg>(17, 14, {Log(6, "HandleBluetoothConfigIncommingMsg", "Handle BluetoothConfig response"), Publish(Sample<BluetoothConfigMsg>())}, Sample<BluetoothConfigMsg>()),
-      In<BluetoothStatusMsg>(18, 15, {Log(6, "HandleBluetoothStatusIncommingMsg", "Handle BluetoothStatus incomming msg"), Publish(Sample<BluetoothStatusMsg>())}, Sample<BluetoothStatusMsg>()),
+      InForTool<BluetoothConfigMsg>(17, 14, "HandleBluetoothConfigIncommingMsg", {Log(6, "HandleBluetoothConfigIncommingMsg", "Handle BluetoothConfig response")}, {Publish(Sample<BluetoothConfigMsg>())}),
+      InForTool<BluetoothStatusMsg>(18, 15, "HandleBluetoothStatusIncommingMsg", {Log(6, "HandleBluetoothStatusIncommingMsg", "Handle BluetoothStatus incomming msg")}, {Publish(Sample<BluetoothStatusMsg>())}),
       In<LedBrightnessSettingMsg>(19, 17, {Log(3, "HandleLedBrightnessSettingResponse", "Cannot forward brithness setting response, requester is not set")}, {}),
       Event(20, {Log(6, "HandleRadioProtocolNotification", "Got Factory Reset response notification")}),
-      In<GattConfigMsg>(21, 16, "HandleGattConfigIncommingMsg", 6, "Handle GattConfig incomming Msg", "SmartControl"),
+      InForTool<GattConfigMsg>(21, 16, "HandleGattConfigIncommingMsg", {Log(6, "HandleGattConfigIncommingMsg", "Handle GattConfig incomming Msg")}, {Send("SmartControl", Sample<GattConfigMsg>())}),
       In<BatteryLevel>(22, 24, "HandleBatteryLevel", 7, "Handle BatteryLevel", "Battery"),
       In<BatteryLevel>(23, 24, "HandleBatteryLevel", 7, "Handle BatteryLevel", "Battery"),
       In<ToggleCovertModeMsg>(24, 18, "HandleSetCovertModeResponse", 6, "Handle Radio Profile Control response", "Controller"),
@@ -214,10 +237,10 @@ std::vector<Row> NotificationRows() {
       In<UsbRouteMsg>(29, 22, "HandleUsbRouteRequest", 7, "Handle UsbRouteRequest", "RsmControl"),
       In<RadioWlanHotspotControlIncomingMsg>(30, 36, "HandleWlanHotspotControlIncomingMsg", 7, "Handle Wlan Hotspot Control incoming Msg", "Collaboration"),
       In<MicStatusMsg>(31, 25, "HandleMicStatusResponse", 7, "Handle HandleMicStatus Response to rsmService", "RsmControl"),
-      In<RtFactoryResetResponse>(32, 23, {Log(6, "HandleRtFactoryResetResponse", "Handle Rt Factory Reset Response")}, {}),
-      In<OpcodeSubscriptionMsg>(33, 5, "HandleOpcodeSubscriptionResponse", 6, "Handle OpcodeSubscription response", "RsmControl"),
-      In<GetDateTimeResp>(34, 26, {Log(3, "HandleGetDateTimeResponse", "Cannot forward GetDateTimeg response, requester is not set")}, {}),
-      In<SetDateTimeResp>(35, 27, {Log(7, "HandleSetDateTimeResponse", "Handle SetDateTime Response with result 1001"), Log(3, "HandleSetDateTimeResponse", "Cannot forward setDateTimeg response, requester is not set")}, Sample<SetDateTimeResp>()),
+      InForTool<RtFactoryResetResponse>(32, 23, "HandleRtFactoryResetResponse", {Log(6, "HandleRtFactoryResetResponse", "Handle Rt Factory Reset Response")}, {}, 7, " ---Handle Rt Factory Reset Response to zeltcli ----"),
+      InForTool<OpcodeSubscriptionMsg>(33, 5, "HandleOpcodeSubscriptionResponse", {Log(6, "HandleOpcodeSubscriptionResponse", "Handle OpcodeSubscription response")}, {Send("RsmControl", Sample<OpcodeSubscriptionMsg>())}),
+      InForTool<GetDateTimeResp>(34, 26, "HandleGetDateTimeResponse", {}, {Log(3, "HandleGetDateTimeResponse", "Cannot forward GetDateTimeg response, requester is not set")}),
+      InForTool<SetDateTimeResp>(35, 27, "HandleSetDateTimeResponse", {Log(7, "HandleSetDateTimeResponse", "Handle SetDateTime Response with result 1001")}, {Log(3, "HandleSetDateTimeResponse", "Cannot forward setDateTimeg response, requester is not set")}),
       In<VideoTagControlRequest>(36, 4, "HandleVideoTagControlRequest", 7, "Handle VideoTagControl Request", "Collaboration"),
       In<RsmUpdateResponse>(37, 34, "HandleRsmUpdateResponse", 6, "Handle RsmUpdate response", "Upgrade"),
       In<FileAccessWriteRequest>(38, 28, {Publish(Sample<FileAccessWriteRequest>()), Log(7, "HandleFileAccessWriteRequest", "Publishing [Kova.FileAccessWriteRequest]"), Timer("File access write response timer")}, Sample<FileAccessWriteRequest>()),
@@ -233,7 +256,7 @@ std::vector<Row> NotificationRows() {
       Event(47, Trace{Log(3, "HandleIgFailed", "Fatal error - IG failed")} + State("UpdateConnectionStatus", "Updating RtConnection status to : IG_FAILED", 6) + State("UpdateConnectionStatus", "Updating RtConnection status to : CONNECTED", 4)),
       In<RadioLteControlIncoming>(48, 37, "HandleLteStatusIncomingMsg", 6, "Handle LTE status message", "Collaboration"),
       In<VideoControlRequest>(49, 38, "HandleRadioVideoControlRequest", 6, "Handle video control Request ", "Collaboration"),
-      In<VideoControlResponse>(50, 39, "HandleRadioVideoControlResponse", 6, "Handle video control Response from Radio", "Collaboration"),
+      InForTool<VideoControlResponse>(50, 39, "HandleRadioVideoControlResponse", {Log(6, "HandleRadioVideoControlResponse", "Handle video control Response from Radio")}, {Send("Collaboration", Sample<VideoControlResponse>())}),
       In<FileHandleOpenRequest>(51, 40, {Publish(Sample<FileHandleOpenRequest>()), Log(6, "HandleFileHandleOpenRequest", "Publishing [Kova.FileHandleOpenRequest]"), Timer("File handle open timer")}, Sample<FileHandleOpenRequest>()),
       event("Event User Presence Info Request", In<UserPresenceInfoRequest>(52, 41, "HandleUserPresenceInfoRequest", 6, "Handle User Presence Info Request", "Collaboration")),
       event("Event IoT C2D Data Message Incoming", In<IoTC2DDataMessage>(53, 42, "HandleIoTC2DDataMessage", 6, "Handle IoT C2D Data Message", "Collaboration")),
@@ -351,73 +374,34 @@ TEST_F(CatalogueTest, EveryKindTakesItsAlternativeOnlyAndKindsBeyondAreSilent) {
 
 // --- The tool's slot -----------------------------------------------------------------------------
 
-// The kinds of answers that go to a tool, and what is said before the answer.
-// clang-format off: one line a row
-const std::map<std::uint32_t, Trace> kToolAnswers = {
-    {17, {Log(6, "HandleBluetoothConfigIncommingMsg", "Handle BluetoothConfig response"), Log(6, "HandleBluetoothConfigIncommingMsg", kTool)}},
-    {18, {Log(6, "HandleBluetoothStatusIncommingMsg", "Handle BluetoothStatus incomming msg"), Log(6, "HandleBluetoothStatusIncommingMsg", kTool)}},
-    {21, {Log(6, "HandleGattConfigIncommingMsg", "Handle GattConfig incomming Msg"), Log(6, "HandleGattConfigIncommingMsg", kTool)}},
-    {32, {Log(6, "HandleRtFactoryResetResponse", "Handle Rt Factory Reset Response"), Log(7, "HandleRtFactoryResetResponse", " ---Handle Rt Factory Reset Response to zeltcli ----")}},
-    {33, {Log(6, "HandleOpcodeSubscriptionResponse", "Handle OpcodeSubscription response"), Log(6, "HandleOpcodeSubscriptionResponse", kTool)}},
-    {34, {Log(6, "HandleGetDateTimeResponse", kTool)}},
-    {35, {Log(7, "HandleSetDateTimeResponse", "Handle SetDateTime Response with result 1001"), Log(6, "HandleSetDateTimeResponse", kTool)}},
-    {50, {Log(6, "HandleRadioVideoControlResponse", "Handle video control Response from Radio"), Log(6, "HandleRadioVideoControlResponse", kTool)}},
-};
-// clang-format on
-
-std::string AnswerToSecondTool(const Data& data) {
-  return std::visit(
-      [](const auto& message) {
-        if constexpr (requires { message.GetTypeName(); }) {
-          return Answer("zeltcli-2", 22, message);
-        } else {
-          return std::string("no message");
-        }
-      },
-      data);
-}
-
 using ToolSlot = Bench;
 
 TEST_F(ToolSlot, FirstAnswerGoesToTheLatestToolAndTheNextOneItsUsualWay) {
-  std::map<std::uint32_t, Row> usual;
-  for (const Row& row : NotificationRows()) {
-    usual.emplace(row.kind, row);
-  }
-  std::set<std::string> remembered;
+  const auto answers = NotificationRows();
   for (const Row& request : CatalogueRows()) {
-    const auto& done = request.expected;
-    const bool remembers =
-        std::ranges::any_of(done, [](auto& line) { return line.ends_with(Line(kTool)); }) &&
-        std::ranges::none_of(done, [](auto& line) { return line.starts_with("answer"); });
-    if (remembers) {
-      remembered.insert(request.type);
-    } else if (request.type.contains("DateTime")) {
+    if (request.type.contains("DateTime") && !request.fills_slot) {
       continue;  // remembered in a slot of its own
     }
-    for (const auto& [kind, said] : kToolAnswers) {
-      const Row& row = usual.at(kind);
+    for (const Row& answer : answers) {
+      if (answer.for_tool.empty()) {
+        continue;
+      }
       model->Ipc().Deliver(request.type, request.sender, request.payload, 11);
-      if (remembers) {
+      if (request.fills_slot) {
         model->Ipc().Deliver(request.type, "zeltcli-2", request.payload, 22);
-        for (const auto& [other, other_row] : usual) {
-          if (!kToolAnswers.contains(other)) {
-            Post(other, other_row.data);  // leaves the slot alone
+        for (const Row& other : answers) {
+          if (other.for_tool.empty()) {
+            Post(other.kind, other.data);  // leaves the slot alone
           }
         }
         Drain();
-        const Trace answered = Notify(kind, row.data);
-        EXPECT_EQ(answered, said + Trace{AnswerToSecondTool(row.data)}) << request.type;
+        EXPECT_EQ(Notify(answer.kind, answer.data),
+                  answer.for_tool + Trace{Line("answer", "zeltcli-2", 22, answer.description)});
       }
       Drain();
-      EXPECT_EQ(Notify(kind, row.data), row.expected) << request.type;
+      EXPECT_EQ(Notify(answer.kind, answer.data), answer.expected) << request.type;
     }
   }
-  EXPECT_EQ(remembered,
-            (std::set<std::string>{
-                "Kova.BluetoothConfigMsg", "Kova.BluetoothStatusMsg", "Kova.GattConfigMsg",
-                "Kova.GetDateTimeReq", "Kova.OpcodeSubscriptionMsg", "Kova.RtFactoryResetRequest",
-                "Kova.SetDateTimeReq", "Kova.SetDateTimeMsg", "Kova.VideoControlRequest"}));
 }
 
 }  // namespace

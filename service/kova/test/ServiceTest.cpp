@@ -37,12 +37,7 @@ class Configuration : public Bench {
 };
 
 TEST_F(Configuration, SwitchesFollowTheRecordAndEachReadLocksForItself) {
-  struct Case {
-    const char* mode;
-    bool collaboration;
-    std::uint8_t streaming, uploading;
-    std::string identity, tethering;
-  };
+  using Case = std::tuple<const char*, bool, std::uint8_t, std::uint8_t, std::string, std::string>;
   // clang-format off: one line a case
   for (const auto& [mode, collaboration, streaming, uploading, identity, tethering] : {
            Case{"Connected", true, 1, 1, "Working mode: Connected, Collaboration enabled: 1, Identify to radio as camera: 1", "Tethered streaming: 0, Tethered uploading: 0, Use Tethered Connection: 0"},

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <string_view>
 #include <type_traits>
 
 namespace zelt {
@@ -22,9 +23,14 @@ struct Catalogue {
 
   struct Entry {
     Form form;
-    const std::string& (*type_name)();
+    std::string_view message;  // tells the types apart when this is compiled
     AsyncCallbackHandle (*registration)(KovaContext&);
   };
+
+  template <class T>
+  static constexpr std::string_view Distinct() {
+    return __PRETTY_FUNCTION__;
+  }
 
   // The work of a typed registration: parse, log, queue a task with copies.
   template <Form form, class T, auto handler>
@@ -68,19 +74,19 @@ struct Catalogue {
 
   template <class T, auto handler>
   static constexpr Entry Message() {
-    return {Form::Message, &TypeName<T>, &RegisterTyped<Form::Message, T, handler>};
+    return {Form::Message, Distinct<T>(), &RegisterTyped<Form::Message, T, handler>};
   }
   template <class T, auto handler>
   static constexpr Entry WithEnvelope() {
-    return {Form::Envelope, &TypeName<T>, &RegisterTyped<Form::Envelope, T, handler>};
+    return {Form::Envelope, Distinct<T>(), &RegisterTyped<Form::Envelope, T, handler>};
   }
   template <class T, auto handler>
   static constexpr Entry ToolOnly() {
-    return {Form::ToolOnly, &TypeName<T>, &RegisterTyped<Form::ToolOnly, T, handler>};
+    return {Form::ToolOnly, Distinct<T>(), &RegisterTyped<Form::ToolOnly, T, handler>};
   }
   template <class T, auto handler>
   static constexpr Entry Subscription() {
-    return {Form::Subscription, &TypeName<T>, &RegisterSubscription<T, handler>};
+    return {Form::Subscription, Distinct<T>(), &RegisterSubscription<T, handler>};
   }
 
   static constexpr std::array<Entry, 51> Entries();
@@ -156,7 +162,7 @@ static_assert(CountOf(Catalogue::Form::Envelope) == 14);
 static_assert(CountOf(Catalogue::Form::ToolOnly) == 4);
 static_assert(CountOf(Catalogue::Form::Subscription) == 3);
 static_assert(std::ranges::all_of(kCatalogue, [](const Catalogue::Entry& entry) {
-  return std::ranges::count(kCatalogue, entry.type_name, &Catalogue::Entry::type_name) == 1;
+  return std::ranges::count(kCatalogue, entry.message, &Catalogue::Entry::message) == 1;
 }));
 
 }  // namespace

@@ -32,7 +32,7 @@ bool Control::Start(const std::string& path, std::string& error) {
     const Protocol::endpoint endpoint(path);
     Protocol::socket probe(acceptor_.get_executor());
     asio::error_code absent;
-    probe.connect(endpoint, absent);
+    static_cast<void>(probe.connect(endpoint, absent));
     if (!absent) {
       error = path + " is served by another process";
       return false;
@@ -43,7 +43,7 @@ bool Control::Start(const std::string& path, std::string& error) {
     acceptor_.open();
     const mode_t before = ::umask(S_IRWXG | S_IRWXO);
     asio::error_code failure;
-    acceptor_.bind(endpoint, failure);
+    static_cast<void>(acceptor_.bind(endpoint, failure));
     ::umask(before);
     if (failure) {
       throw std::system_error(failure);
@@ -103,25 +103,20 @@ void Control::Read(const std::shared_ptr<Client>& client) {
 
 int RunControlClient(const std::string& path, const std::string& command) {
   try {
-    asio::io_context io;
-    Protocol::socket socket(io);
-    socket.connect(Protocol::endpoint(path));
-    asio::write(socket, asio::buffer(command + "\n"));
-    std::string in;
-    while (true) {
-      const std::size_t count = asio::read_until(socket, asio::dynamic_buffer(in), '\n');
-      const std::string line = in.substr(0, count);
-      in.erase(0, count);
-      if (line == "ok\n") {
+    Protocol::iostream stream{Protocol::endpoint(path)};
+    stream << command << '\n' << std::flush;
+    for (std::string line; std::getline(stream, line);) {
+      if (line == "ok") {
         return 0;
       }
       if (line.starts_with("error: ")) {
-        std::cerr << line;
+        std::cerr << line << '\n';
         return 1;
       }
-      std::cout << line;
+      std::cout << line << '\n';
     }
-  } catch (const std::system_error& failure) {
+    throw std::system_error(stream.error());
+  } catch (const std::system_error& failure) {  // a path too long for a socket is one, too
     std::cerr << "error: no answer on " << path << ": " << failure.what() << '\n';
     return 2;
   }

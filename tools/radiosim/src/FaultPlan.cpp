@@ -13,29 +13,31 @@
 namespace radiosim {
 namespace {
 
+enum class Frames : std::uint8_t { Radio, Camera, Either };  // whose frames a fault can hit
+
 struct KindRow {
   FaultKind kind;
   std::string_view name;
   std::string_view message;  // the only one that it can do something to
-  bool incoming;             // makes sense for frames of the camera, too
+  Frames frames;
 };
 constexpr std::array kKinds = std::to_array<KindRow>({
-    {FaultKind::Drop, "drop", "", true},
-    {FaultKind::Duplicate, "duplicate", "", true},
-    {FaultKind::Delay, "delay", "", true},
-    {FaultKind::Reorder, "reorder", "", false},
-    {FaultKind::Corrupt, "corrupt", "", false},
-    {FaultKind::Truncate, "truncate", "", false},
-    {FaultKind::HalfFrame, "half-frame", "", false},
-    {FaultKind::WrongTransaction, "wrong-transaction", "", false},
-    {FaultKind::WrongChunk, "wrong-chunk", "TransferDataResponse", false},
-    {FaultKind::WrongName, "wrong-name", "FileAccessResponse", false},
-    {FaultKind::WrongSize, "wrong-size", "FileAccessResponse", false},
-    {FaultKind::RefuseAccess, "refuse-access", "FileAccessResponse", false},
-    {FaultKind::RefuseChunk, "refuse-chunk", "TransferDataResponse", false},
-    {FaultKind::Reboot, "reboot", "", true},
-    {FaultKind::Silent, "silent", "", true},
-    {FaultKind::NoHandshake, "no-handshake", "HelloAnswer", false},
+    {FaultKind::Drop, "drop", "", Frames::Either},
+    {FaultKind::Duplicate, "duplicate", "", Frames::Either},
+    {FaultKind::Delay, "delay", "", Frames::Either},
+    {FaultKind::Reorder, "reorder", "", Frames::Radio},
+    {FaultKind::Corrupt, "corrupt", "", Frames::Radio},
+    {FaultKind::Truncate, "truncate", "", Frames::Radio},
+    {FaultKind::HalfFrame, "half-frame", "", Frames::Radio},
+    {FaultKind::WrongTransaction, "wrong-transaction", "", Frames::Radio},
+    {FaultKind::WrongChunk, "wrong-chunk", "TransferDataResponse", Frames::Radio},
+    {FaultKind::WrongName, "wrong-name", "FileAccessResponse", Frames::Radio},
+    {FaultKind::WrongSize, "wrong-size", "FileAccessResponse", Frames::Radio},
+    {FaultKind::RefuseAccess, "refuse-access", "FileAccessResponse", Frames::Radio},
+    {FaultKind::RefuseChunk, "refuse-chunk", "TransferDataResponse", Frames::Radio},
+    {FaultKind::Reboot, "reboot", "", Frames::Either},
+    {FaultKind::Silent, "silent", "", Frames::Either},
+    {FaultKind::NoHandshake, "no-handshake", "Hello", Frames::Camera},
 });
 constexpr std::array<std::string_view, 4> kLinkControl = {"Hello", "HelloAnswer", "KeepAlive",
                                                           "Goodbye"};
@@ -94,6 +96,7 @@ std::optional<FaultRule> MakeRule(std::string_view kind, std::string& error) {
   FaultRule rule;
   rule.kind = row->kind;
   rule.message = row->message;
+  rule.incoming = row->frames == Frames::Camera;
   return rule;
 }
 
@@ -101,8 +104,9 @@ bool Check(const FaultRule& rule, std::string& error) {
   const KindRow& row = RowOf(rule.kind);
   const auto direction =
       rule.incoming ? orka::codec::Direction::ToRadio : orka::codec::Direction::FromRadio;
-  if (rule.incoming && !row.incoming) {
-    error = std::string(row.name) + " is for frames of the radio only";
+  if (row.frames == (rule.incoming ? Frames::Radio : Frames::Camera)) {
+    error = std::string(row.name) + " is for frames of the " +
+            (rule.incoming ? "radio" : "camera") + " only";
   } else if (!row.message.empty() && rule.message != row.message) {
     error = std::string(row.name) + " is for " + std::string(row.message) + " only";
   } else if (!rule.message.empty() && std::ranges::count(kLinkControl, rule.message) == 0 &&
@@ -183,10 +187,14 @@ bool FaultPlan::Load(const std::string& path, std::string& error) {
           continue;
         }
         std::ostringstream text;
-        if (const auto word = value.value<std::string>()) {
+        if (const auto word = value.value_exact<std::string>()) {
           text << *word;
+        } else if (const auto number = value.value_exact<std::int64_t>()) {
+          text << *number;
+        } else if (const auto fraction = value.value_exact<double>()) {
+          text << *fraction;
         } else {
-          value.visit([&](const auto& plain) { text << plain; });
+          return refuse(value, "\"" + std::string(name.str()) + "\" is neither text nor a number");
         }
         if (!SetWord(*rule, name.str(), text.str(), why)) {
           return refuse(value, why);

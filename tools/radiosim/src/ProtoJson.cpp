@@ -66,7 +66,7 @@ std::string Print(const google::protobuf::Message& message, bool all_fields) {
   util::JsonPrintOptions options;
   options.always_print_primitive_fields = all_fields;
   const auto status = util::MessageToJsonString(message, &json, options);
-  return status.ok() ? json : "{\"error\":\"" + status.ToString() + "\"}";
+  return status.ok() ? json : R"({"error":")" + status.ToString() + R"("})";
 }
 
 bool Parse(std::string_view json, google::protobuf::Message& message, std::string& error) {

@@ -159,9 +159,9 @@ class Radio {
   int rsm_progress_ = -1;  // per cent; -1: no update
   std::uint16_t rsm_part_ = 0;
   std::chrono::seconds location_interval_{0};  // 0: not asked for
-  Clock::time_point last_tick_{};
-  Clock::time_point next_broadcast_{};
-  Clock::time_point next_location_{};
+  Clock::time_point last_tick_;
+  Clock::time_point next_broadcast_;
+  Clock::time_point next_location_;
 };
 
 }  // namespace radiosim

@@ -196,7 +196,7 @@ void Simulator::Accept() {
       asio::error_code ignored;
       socket.set_option(asio::ip::tcp::no_delay(true), ignored);
       if (session_) {
-        EndSession("another camera connects");
+        EndLink("another camera connects");
       }
       print_("a camera connects");
       BeginSession(socket.release());
@@ -215,18 +215,22 @@ void Simulator::BeginSession(int fd) {
                         print_("dropped a frame of " + std::to_string(bytes) +
                                " bytes: " + std::string(ToString(drop)));
                       },
-                      [this](const std::string& why) { EndSession(why); }});
+                      [this](const std::string& why) { EndLink(why); }});
   session_->Start();
 }
 
-// On a pseudo-terminal the line stays, and only the camera's session ends.
-void Simulator::EndSession(const std::string& why) {
-  if (greeted_ || options_.pty_link.empty()) {
-    print_("link ends: " + why);
-  }
+void Simulator::EndSession() {
   greeted_ = false;
   held_.clear();
   radio_.SessionEnded();
+}
+
+// On a pseudo-terminal the line stays, and only the camera's session ends.
+void Simulator::EndLink(const std::string& why) {
+  if (greeted_ || options_.pty_link.empty()) {
+    print_("link ends: " + why);
+  }
+  EndSession();
   if (options_.pty_link.empty()) {
     DropSession();
   } else {
@@ -255,7 +259,7 @@ void Simulator::Restart(std::chrono::milliseconds after) {
   After(after, [this] {
     print_("restarts, away for " + std::to_string(options_.restart_time.count()) + " ms");
     away_ = true;
-    EndSession("the radio restarts");
+    EndLink("the radio restarts");
     After(options_.restart_time, [this] {
       away_ = false;
       print_("is back");
@@ -269,7 +273,7 @@ void Simulator::Stop() {
   }
   if (greeted_) {
     SendLinkControl("Goodbye", Encode(LinkControl::Goodbye));
-    EndSession("the radio is switched off");
+    EndLink("the radio is switched off");
   }
   DropSession();
   asio::error_code ignored;
@@ -298,7 +302,7 @@ void Simulator::After(std::chrono::milliseconds delay, std::function<void()> act
 void Simulator::Tick() {
   const auto now = Session::Clock::now();
   if (greeted_ && now >= session_->LastHeard() + orka::codec::kLostAfter) {
-    EndSession("the camera is silent");
+    EndLink("the camera is silent");
   }
   if (greeted_ && now >= session_->LastSent() + orka::codec::kKeepAliveAfter) {
     SendLinkControl("KeepAlive", Encode(LinkControl::KeepAlive));
@@ -378,7 +382,8 @@ void Simulator::OnLinkControl(const orka::pel::BaseMessage& header, ByteView pay
     return;
   }
   for (const FaultRule* fault : plan_.Fire(true, LinkControlName(*code), false, true, {})) {
-    if (fault->kind == FaultKind::Drop) {
+    if (fault->kind == FaultKind::Drop || fault->kind == FaultKind::NoHandshake) {
+      print_("fault: ignores " + std::string(LinkControlName(*code)));
       return;
     }
     if (fault->kind == FaultKind::Reboot) {
@@ -393,7 +398,8 @@ void Simulator::OnLinkControl(const orka::pel::BaseMessage& header, ByteView pay
       return;
     }
     if (greeted_) {
-      EndSession("the camera begins anew");
+      print_("the camera begins anew");
+      EndSession();
     }
     session_silent_ = false;
     address_ = header.address;
@@ -411,7 +417,7 @@ void Simulator::OnLinkControl(const orka::pel::BaseMessage& header, ByteView pay
     answer.descriptors = options_.descriptors;
     SendLinkControl("HelloAnswer", Encode(answer));
   } else if (*code == LinkControl::Goodbye && greeted_) {
-    EndSession("the camera says goodbye");
+    EndLink("the camera says goodbye");
   } else if (*code == LinkControl::KeepAlive && !greeted_) {
     SendLinkControl("Goodbye", Encode(LinkControl::Goodbye));
   }
@@ -516,7 +522,6 @@ void Simulator::SendFrame(Bytes bytes, const std::vector<const FaultRule*>& faul
   for (const FaultRule* fault : faults) {
     switch (fault->kind) {
       case FaultKind::Drop:
-      case FaultKind::NoHandshake:
         print_("fault: a frame is not sent");
         return;
       case FaultKind::Duplicate:
@@ -683,13 +688,14 @@ Simulator::Reply Simulator::AddFault(std::string_view rest) {
   return {ok, error};
 }
 
-Simulator::Reply Simulator::TellFaults(std::string_view /*rest*/) {
+Simulator::Reply Simulator::TellFaults(
+    std::string_view /*rest*/) {  // NOLINT(*-make-member-function-const): a row of kCommands
   return {true, FaultReport()};
 }
 
 Simulator::Reply Simulator::SetSilent(std::string_view rest) {
   if (rest != "on" && rest != "off") {
-    return {false, "\"on\" or \"off\" is expected"};
+    return {false, R"("on" or "off" is expected)"};
   }
   silent_ = rest == "on";
   return {};
@@ -702,7 +708,7 @@ Simulator::Reply Simulator::CloseLink(std::string_view /*rest*/) {
   if (greeted_) {
     SendLinkControl("Goodbye", Encode(LinkControl::Goodbye));
   }
-  EndSession("closed by hand");
+  EndLink("closed by hand");
   return {};
 }
 
@@ -711,7 +717,8 @@ Simulator::Reply Simulator::Reboot(std::string_view /*rest*/) {
   return {};
 }
 
-Simulator::Reply Simulator::Quit(std::string_view /*rest*/) {
+Simulator::Reply Simulator::Quit(
+    std::string_view /*rest*/) {  // NOLINT(*-make-member-function-const): a row of kCommands
   if (on_quit) {
     on_quit();
   }

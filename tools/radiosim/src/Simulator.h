@@ -75,7 +75,8 @@ class Simulator {
   bool OpenPty(std::string& error);
   void Accept();
   void BeginSession(int fd);
-  void EndSession(const std::string& why);
+  void EndSession();
+  void EndLink(const std::string& why);
   void DropSession();
   void Restart(std::chrono::milliseconds after);
   void Tick();

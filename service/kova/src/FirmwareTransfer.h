@@ -8,11 +8,14 @@ namespace zelt {
 
 // How far the one firmware transfer has come.
 //
-//   any state  --request whose file opens--> AwaitingFileAccess
+//   any state  --request whose file opens and has a size--> AwaitingFileAccess
 //   AwaitingFileAccess --granted--> AccessGranted --at once, chunk 0--> Transferring
 //   Transferring --chunk acknowledged, bytes remain--> Transferring, next chunk
 //   Transferring --last chunk acknowledged--> Completed
 //   AwaitingFileAccess, Transferring --refused, timer expired, read failed--> Idle
+//
+// A request takes over from a transfer that runs, but its timers stay: the next one to expire ends
+// the new transfer.
 enum class TransferState : std::uint32_t {
   Idle = 0,
   AwaitingFileAccess = 1,

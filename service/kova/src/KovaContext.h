@@ -43,8 +43,8 @@ const std::string& TypeName() {
 // of it is locked. Exceptions: the queue itself, the connection status (atomic, since the thread
 // that stops the service writes it too), and the socket settings (written under their own mutex).
 //
-// Where the 51 messages go stands in KovaContextCatalogue.cpp, where the 56 notifications go in
-// KovaContextDispatch.cpp.
+// Where the 48 messages and the 3 kinds of new subscribers go stands in KovaContextCatalogue.cpp,
+// where the 56 notifications go in KovaContextDispatch.cpp.
 class KovaContext {
  public:
   using MessageEnvelope = ServiceIPC::MessageEnvelope;

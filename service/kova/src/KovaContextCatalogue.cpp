@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <array>
 #include <string_view>
-#include <type_traits>
 
 namespace zelt {
 
@@ -55,7 +54,8 @@ struct Catalogue {
             if (form == Form::ToolOnly && !envelope.sender.starts_with("zeltcli-")) {
               return;
             }
-            context.task_queue.Push([&context, envelope, message = std::move(message)] {
+            // `envelope = envelope`: a plain copy would be const, and copied again by every move.
+            context.task_queue.Push([&context, envelope = envelope, message = std::move(message)] {
               (context.*handler)(envelope, message);
             });
           }

@@ -7,7 +7,6 @@
 #include <array>
 #include <limits>
 #include <ranges>
-#include <type_traits>
 
 namespace zelt {
 
@@ -25,16 +24,9 @@ struct Dispatch {
     void (*post)(KovaContext&, Data&&);  // queues the handler; nullptr: there is none
   };
 
-  struct UnexpectedIndex : std::bad_variant_access {
-    const char* what() const noexcept override { return "Unexpected index"; }
-  };
-
-  // The payload is read: queues the handler with the alternative that it takes.
+  // Queues the handler with the payload, which must be of the alternative.
   template <std::size_t alternative, auto handler>
   static void PostWithPayload(KovaContext& context, Data&& data) {
-    if (data.index() != alternative) {
-      throw UnexpectedIndex();
-    }
     context.task_queue.Push([&context, message = std::get<alternative>(std::move(data))] {
       (context.*handler)(message);
     });
@@ -161,13 +153,12 @@ void KovaContext::HandleRadioProtocolNotification(orka::NotifyMessage kind,
   if (row.post == nullptr) {
     return;
   }
-  const std::size_t alternative = data.index();
-  try {
-    row.post(*this, std::move(data));
-  } catch (const std::bad_variant_access&) {
+  if (row.alternative != Dispatch::kNotRead && row.alternative != data.index()) {
     KOVA_LOG(kLogError) << "Message type [" << row.kind
-                        << "] and data type (index in variant =" << alternative << ") mismatch";
+                        << "] and data type (index in variant =" << data.index() << ") mismatch";
+    return;
   }
+  row.post(*this, std::move(data));
 }
 
 }  // namespace zelt

@@ -12,7 +12,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <iostream>
 
 namespace zelt {
 namespace {
@@ -53,8 +52,11 @@ std::string DockStatusText(const MediaStreamNotification::InputNotification& not
 bool RunNetworkGadgetScript() {
   const ForkAndExecResult result = ForkAndExecImpl([] {
     execl(kNetworkGadgetScript, kNetworkGadgetScript, nullptr);
-    std::cerr << "Failed to execute " << kNetworkGadgetScript << ": " << strerror(errno)
-              << std::endl;
+    const char* const reason = strerrordesc_np(errno);  // strerror() may take a lock
+    for (const char* const part :
+         {"Failed to execute ", kNetworkGadgetScript, ": ", reason, "\n"}) {
+      static_cast<void>(write(STDERR_FILENO, part, std::strlen(part)));
+    }
     _Exit(1);
   });
   return (result.status & 0xFF7F) == 0;
@@ -470,7 +472,7 @@ KovaContext::Sent KovaContext::AnswerFileRequest(const char* function,
 template <class Traits>
 void KovaContext::FailFileRequest(const char* function) {
   auto& pending = this->*Traits::kPending;
-  if (!pending) {
+  if (!pending) {  // StartTimer withdraws what was closed: only a call from elsewhere comes here
     return;
   }
   ZELT_LOG_AS(function, kLogError, kContextLog) << Traits::kTimedOut;
@@ -523,7 +525,7 @@ void KovaContext::HandleFileHandleOpenTimeout(std::uint16_t handle_id,
                                               const std::string& file_name) {
   KOVA_LOG(kLogInfo) << "File handle open timeout for " << file_name;
   const auto timer = file_handle_open_timers.find(file_name);
-  if (timer == file_handle_open_timers.end()) {
+  if (timer == file_handle_open_timers.end()) {  // as above
     KOVA_LOG(kLogInfo) << "No timer found for " << file_name;
     return;
   }

@@ -31,7 +31,7 @@ class KovaService : public MicroserviceIF {
 
   std::mutex state_mutex_;
   std::condition_variable state_condition_;
-  std::atomic<bool> running_{false};  // also written under state_mutex_, so that no wait misses it
+  std::atomic<bool> running_{false};  // no wait misses a change: DoRun notifies under the mutex
   std::shared_ptr<KovaContext> context_;
 };
 

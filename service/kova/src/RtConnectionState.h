@@ -7,7 +7,7 @@ namespace zelt {
 
 // The status of the link to the radio, as it is published.
 //
-//   DISCONNECTED --start--> CONNECTING --handshake--> CONNECTED
+//   DISCONNECTED --start--> CONNECTING             any --handshake completed--> CONNECTED
 //   any --handshake failed--> HANDSHAKE_FAILED     any --link lost--> CONNECTION_IS_LOST
 //   any --radio upgrades--> UPGRADE_IN_PROCESS     any --IG failed--> IG_FAILED -> CONNECTED
 //   any --stop--> DISCONNECTED

@@ -98,7 +98,7 @@ class ZeltcliTest : public testing::Test {
  protected:
   fake::ChildProcess Start(std::vector<std::string> words) const {
     // Without a terminal to ask on.
-    words.insert(words.begin(), {"sh", "-c", "exec \"$0\" \"$@\" </dev/null", ZELTCLI});
+    words.insert(words.begin(), {"sh", "-c", R"(exec "$0" "$@" </dev/null)", ZELTCLI});
     return {std::move(words), bus_.Folder() / "output"};
   }
   // Runs the tool and compares its exit status and a part of what it prints.

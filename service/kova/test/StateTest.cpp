@@ -258,16 +258,15 @@ TEST_F(Dock, StandardCableIsIgnoredOnlyWhenItsScriptSucceeds) {
 }  // namespace zelt::test
 
 // The script's path is fixed; the child runs the test's own script instead.
-extern "C" int execl(const char* path, const char* argument, ...) noexcept {
+extern "C" int execl(const char* path, const char* arg, ...) noexcept {
   using namespace zelt::test;
   va_list more;
-  va_start(more, argument);
+  va_start(more, arg);
   const char* last = va_arg(more, const char*);
   va_end(more);
   const int notes = open(g_notes.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
   std::array<char*, 2> arguments = {g_script.data(), nullptr};
-  if (notes < 0 ||
-      dprintf(notes, "%s %s%s\n", path, argument, last == nullptr ? "" : " more") < 0) {
+  if (notes < 0 || dprintf(notes, "%s %s%s\n", path, arg, last == nullptr ? "" : " more") < 0) {
     _exit(2);
   }
   if (access(g_script.c_str(), F_OK) != 0) {

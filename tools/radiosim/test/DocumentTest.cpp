@@ -1,0 +1,100 @@
+#include "orka/codec/MessageTable.h"
+
+#include <gmock/gmock.h>
+#include <google/protobuf/descriptor.h>
+#include <google/protobuf/descriptor.pb.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <string>
+
+namespace radiosim {
+namespace {
+
+namespace pb = google::protobuf;
+
+// The definitions as rows of a table, one a message or enumeration.
+class Rows {
+ public:
+  void Add(const pb::Descriptor& type) {
+    if (!seen_.insert(type.full_name()).second) {
+      return;
+    }
+    std::ostringstream row;
+    row << "| " << type.full_name() << " |";
+    for (int i = 0; i < type.field_count(); ++i) {
+      const pb::FieldDescriptor& field = *type.field(i);
+      row << (i == 0 ? " " : ", ") << field.number() << " `" << field.name() << "` "
+          << (field.is_repeated() ? "repeated " : "");
+      if (field.message_type() != nullptr) {
+        row << field.message_type()->full_name();
+      } else if (field.enum_type() != nullptr) {
+        row << field.enum_type()->full_name();
+      } else {
+        row << field.type_name();
+      }
+    }
+    for (int i = 0; i < type.real_oneof_decl_count(); ++i) {
+      row << (i == 0 ? "; one of " : ", or of ");
+      const pb::OneofDescriptor& oneof = *type.oneof_decl(i);
+      for (int k = 0; k < oneof.field_count(); ++k) {
+        row << (k == 0 ? "" : " ") << oneof.field(k)->number();
+      }
+    }
+    rows_.insert(row.str() + " |");
+    for (int i = 0; i < type.field_count(); ++i) {
+      if (const auto* message = type.field(i)->message_type()) {
+        Add(*message);
+      } else if (const auto* values = type.field(i)->enum_type()) {
+        Add(*values);
+      }
+    }
+  }
+  const std::set<std::string>& All() const { return rows_; }
+
+ private:
+  void Add(const pb::EnumDescriptor& type) {
+    std::ostringstream row;
+    row << "| " << type.full_name() << " |";
+    for (int i = 0; i < type.value_count(); ++i) {
+      row << (i == 0 ? " " : ", ") << type.value(i)->number() << ' ' << type.value(i)->name();
+    }
+    rows_.insert(row.str() + " |");
+  }
+
+  std::set<std::string> seen_;
+  std::set<std::string> rows_;
+};
+
+TEST(RadioLinkDocument, TellsTheFieldsOfEveryBody) {
+  std::ifstream definitions(RADIOSIM_DEFINITIONS, std::ios::binary);
+  pb::FileDescriptorSet set;
+  ASSERT_TRUE(set.ParseFromIstream(&definitions));
+  pb::DescriptorPool pool;
+  for (const auto& file : set.file()) {
+    pool.BuildFile(file);
+  }
+  Rows rows;
+  for (const auto& row : orka::codec::kMessageTable) {
+    std::string name(row.type);
+    if (const std::size_t colons = name.find("::"); colons != std::string::npos) {
+      name.replace(colons, 2, ".");
+    }
+    if (const auto* type = pool.FindMessageTypeByName(name)) {
+      rows.Add(*type);
+    }
+  }
+  std::ostringstream expected;
+  for (const std::string& row : rows.All()) {
+    expected << row << '\n';
+  }
+  ASSERT_GT(rows.All().size(), 50U);
+  const std::string document =
+      (std::ostringstream() << std::ifstream(RADIO_LINK_DOCUMENT).rdbuf()).str();
+  EXPECT_THAT(document, testing::HasSubstr("|---|---|\n" + expected.str() + "\n"));
+}
+
+}  // namespace
+}  // namespace radiosim

@@ -132,8 +132,7 @@ void LinkWatch(const Cli& cli) {
 
 void Types(const Cli& cli) {
   if (cli.arguments.type.empty()) {
-    cli.output.Result(TypesText(cli.types, cli.output),
-                      JsonObject().AddRaw("types", TypesJson(cli.types)));
+    cli.output.Result(TypesText(cli.output), JsonObject().AddRaw("types", TypesJson(cli.types)));
     return;
   }
   const auto& type = cli.types.Find(cli.arguments.type);

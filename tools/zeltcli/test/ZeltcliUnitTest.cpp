@@ -111,7 +111,7 @@ TEST(AcceptedTest, EveryTypeOfTheTablesExists) {
   EXPECT_THAT(TypeText(Types().Find("SetSocketParams"), plain),
               testing::AllOf(HasSubstr("In, tools only."), HasSubstr("zelt.GenericResponse"),
                              HasSubstr("port: uint32  // 1 to 65535")));
-  EXPECT_THAT(TypesText(Types(), plain), HasSubstr("the radio's answer goes to Battery"));
+  EXPECT_THAT(TypesText(plain), HasSubstr("the radio's answer goes to Battery"));
 }
 
 TEST(TextTest, HexAndJsonRefuseWhatTheyCannotCarry) {

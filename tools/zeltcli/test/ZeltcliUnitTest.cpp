@@ -121,6 +121,11 @@ TEST(TextTest, HexAndJsonRefuseWhatTheyCannotCarry) {
   EXPECT_THAT(hex("b41"), HasSubstr("3 hexadecimal digits are no whole bytes"));
   EXPECT_EQ(JsonObject().Add("a\"\\", "\n\x1f").Add("b", true).Str(),
             R"({"a\"\\":"\u000a\u001f","b":true})");
+  const std::string good = "\x7f\u00e9\u20ac\U0001f4fb";
+  EXPECT_EQ(JsonObject::Quote(good), '"' + good + '"');
+  for (const char* bad : {"\x80", "\xc0\x80", "\xe2\x82", "\xed\xa0\x80", "\xf5\x80\x80\x80"}) {
+    EXPECT_THAT(JsonObject::Quote(bad), testing::MatchesRegex(R"("(\\ufffd)+")")) << ToHex(bad);
+  }
 }
 
 TEST(DateTimeTest, OnlyTimesThatExistAreTaken) {

@@ -1,11 +1,10 @@
 // A radio that misbehaves, a peer that hangs, a link that goes: every fault of the simulator's plan
-// is used here, and the simulator is asked whether it really fired.
+// is used here or in LongTest, and the simulator is asked whether it really fired.
 
 #include "Stack.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <csignal>
 #include <ostream>
 #include <string>
@@ -63,16 +62,9 @@ TEST_P(Fault, TransferHasExactlyOneAnswerAndTheServiceLives) {
   const FaultCase& fault = GetParam();
   Stack stack;
   stack.StartAll({"--fault", fault.fault, "--max-transfer-size", "1024", "--restart-ms", "100"});
-  stack.LinkUp();
-  const std::string image(5000, 'k');
-  WriteFile(stack.Folder() / "image", image);
-  const auto push = [&stack] {
-    return stack.Tool({"firmware", "push", (stack.Folder() / "image").string(), "--as", "fw"});
-  };
-
-  const ToolResult result = push();
-  EXPECT_EQ(result.status == 0, fault.outcome == Outcome::Succeeds) << result.output;
-  EXPECT_EQ(stack.kova->Count("Sending TransferFirmwareResponse"), 1U);
+  const auto push = stack.Push(5000);
+  EXPECT_EQ(push->Wait(), fault.outcome == Outcome::Succeeds ? 0 : 1) << push->Output();
+  EXPECT_EQ(stack.kova->Lines("Sending TransferFirmwareResponse").size(), 1U);
   const std::string report = stack.Radio({"faults"});
   EXPECT_FALSE(report.contains("fired 0")) << report;
 
@@ -82,13 +74,11 @@ TEST_P(Fault, TransferHasExactlyOneAnswerAndTheServiceLives) {
     stack.kova->WaitForLine("RtConnection status: CONNECTION_IS_LOST");
     stack.Tool({"send", "Kova", "Kova.RtConnectionAction", R"({"action":"START"})"});
     stack.kova->WaitForLine("Radio protocol current connection status CONNECTION_IS_LOST");
-    EXPECT_EQ(stack.Tool({"link", "down"}).status, 0);
-    stack.kova->Mark();
     stack.LinkUp();
   }
-  const ToolResult again = push();
-  EXPECT_EQ(again.status, 0) << again.output << stack.kova->Output();
-  EXPECT_EQ(ReadFile(stack.Folder() / "store/fw"), image);
+  const auto again = stack.Push(5001);
+  EXPECT_EQ(again->Wait(), 0) << again->Output() << stack.kova->Output();
+  EXPECT_TRUE(stack.RadioHasImage());
 }
 
 INSTANTIATE_TEST_SUITE_P(Plan, Fault, testing::ValuesIn(kFaults),
@@ -97,8 +87,7 @@ INSTANTIATE_TEST_SUITE_P(Plan, Fault, testing::ValuesIn(kFaults),
 TEST(Link, AnswersInAnotherOrderReachTheirOwnAskers) {
   Stack stack;
   stack.StartAll({"--fault", "reorder message=RtVersionResponse count=1"});
-  stack.LinkUp();
-  const auto version = stack.ToolInBackground({"version"});
+  const auto version = stack.Run("zeltcli", {"version"});
   stack.radio->WaitForLine("<- RtVersionRequest");
   const ToolResult hardware = stack.Tool({"hardware-id"});
   EXPECT_EQ(hardware.status, 0) << hardware.output;
@@ -106,37 +95,25 @@ TEST(Link, AnswersInAnotherOrderReachTheirOwnAskers) {
   EXPECT_TRUE(stack.Radio({"faults"}).contains("fired 1"));
 }
 
-TEST(Link, InjectionDoesNotTakeAnAnswerOfAnotherTransaction) {
-  Stack stack;
-  stack.StartAll({"--fault", "wrong-transaction message=RtVersionResponse count=1"});
-  stack.LinkUp();
-  EXPECT_NE(stack.Tool({"inject", "0401"}).status, 0);
-  EXPECT_TRUE(stack.Radio({"faults"}).contains("fired 1"));
-  EXPECT_EQ(stack.Tool({"inject", "0401"}).status, 0);
-}
-
 TEST(Link, SlowLineIsSlowButNotLost) {
   Stack stack;
   stack.StartAll({"--bps", "19200", "--max-transfer-size", "4096"});
-  stack.LinkUp();
-  WriteFile(stack.Folder() / "image", std::string(6000, 'k'));
-  const ToolResult result = stack.Tool({"firmware", "push", (stack.Folder() / "image").string()});
-  EXPECT_EQ(result.status, 0) << result.output;
-  EXPECT_FALSE(stack.kova->Has("CONNECTION_IS_LOST"));
+  const auto push = stack.Push(6000);
+  EXPECT_EQ(push->Wait(), 0) << push->Output();
+  EXPECT_FALSE(stack.kova->Output().contains("CONNECTION_IS_LOST"));
 }
 
 TEST(Link, NobodyListensIsAFailedHandshakeAndAStoppedRadioIsALostLink) {
   Stack stack;
   stack.StartAll();
-  ASSERT_EQ(stack.Tool({"socket", "set", "127.0.0.1", "1"}).status, 0);
-  EXPECT_NE(stack.Tool({"link", "up"}).status, 0);
-  stack.kova->WaitForLine("RtConnection status: HANDSHAKE_FAILED");
   EXPECT_EQ(stack.Tool({"link", "down"}).status, 0);
+  ASSERT_EQ(stack.Tool({"socket", "set", "127.0.0.1", "1"}).status, 0);
+  EXPECT_EQ(stack.Tool({"link", "up"}).status, 1);
+  stack.kova->WaitForLine("RtConnection status: HANDSHAKE_FAILED");
   stack.LinkUp();
-  stack.radio->Signal(SIGSTOP);  // there, but silent
+  stack.radio->Halt();  // there, but silent
   stack.kova->WaitForLine("RtConnection status: CONNECTION_IS_LOST");
   stack.radio->Signal(SIGCONT);
-  EXPECT_EQ(stack.Tool({"link", "down"}).status, 0);
   stack.kova->Mark();
   stack.LinkUp();
   stack.radio->Signal(SIGKILL);
@@ -145,22 +122,18 @@ TEST(Link, NobodyListensIsAFailedHandshakeAndAStoppedRadioIsALostLink) {
 
 TEST(Link, SerialLineCarriesAnImageAndHealsFromDamage) {
   Stack stack;
-  stack.StartBus();
   stack.StartConfig();
   const auto tty = stack.Folder() / "tty";
   stack.StartRadio(
       {"--pty", tty.string(), "--fault", "corrupt message=HardwareIdResponse count=1"});
   stack.StartKovaOnSerial(tty);
   ASSERT_EQ(stack.Tool({"link", "up"}).status, 0) << stack.kova->Output();
-  EXPECT_TRUE(stack.kova->Has("Attempting to start radio via UART"));
-  EXPECT_NE(stack.Tool({"hardware-id", "--timeout", "1"}).status, 0);
+  EXPECT_TRUE(stack.kova->Output().contains("Attempting to start radio via UART"));
+  EXPECT_EQ(stack.Tool({"hardware-id", "--timeout", "1"}).status, 7);
   EXPECT_EQ(stack.Tool({"hardware-id"}).status, 0);
-  const std::string image(100'000, 's');
-  WriteFile(stack.Folder() / "image", image);
-  const auto push =
-      stack.Tool({"firmware", "push", (stack.Folder() / "image").string(), "--as", "fw"});
-  EXPECT_EQ(push.status, 0) << push.output;
-  EXPECT_EQ(ReadFile(stack.Folder() / "store/fw"), image);
+  const auto push = stack.Push(100'000);
+  EXPECT_EQ(push->Wait(), 0) << push->Output();
+  EXPECT_TRUE(stack.RadioHasImage());
   stack.radio->Signal(SIGKILL);
   stack.kova->WaitForLine("RtConnection status: CONNECTION_IS_LOST");
 }
@@ -168,21 +141,45 @@ TEST(Link, SerialLineCarriesAnImageAndHealsFromDamage) {
 TEST(Peers, HungServiceHoldsNobodyElseUp) {
   Stack stack;
   stack.StartAll();
-  stack.LinkUp();
-  const auto hung = stack.ToolInBackground({"listen", "--as", "Collaboration"});
+  const auto hung = stack.Run("zeltcli", {"listen", "--as", "Collaboration"});
   hung->WaitForLine("listening");
-  hung->Signal(SIGSTOP);
+  hung->Halt();
   stack.Radio({"notify", "EmergencyBroadcast", R"({"state":"RAISED"})"});
   stack.kova->WaitForLine("Failed to send");
   EXPECT_EQ(stack.Tool({"version"}).status, 0);
 }
 
+TEST(Peers, HungKovaIsATimeOutThatScriptsCanRead) {
+  Stack stack;
+  stack.StartConfig();
+  stack.StartKova();
+  stack.kova->Halt();
+  for (const char* command : {"status", "up", "down"}) {
+    const ToolResult link = stack.Tool({"--json", "link", command});
+    EXPECT_EQ(link.status, 7);
+    EXPECT_EQ(link.output.find(R"({"ok":false,"exit":7,)"), 0U) << link.output;
+  }
+  const ToolResult send = stack.Tool({"send", "Kova", "UsbStatus"});
+  EXPECT_EQ(send.status, 7);
+  EXPECT_TRUE(send.output.contains("did not take Kova.UsbStatus within 1 s")) << send.output;
+}
+
+TEST(Peers, ToolWhosePushAnotherToolTakesTheAnswerOfDoesNotWaitForEver) {
+  Stack stack;
+  stack.StartAll({"--fault", "delay message=TransferDataResponse delay_ms=300",
+                  "--max-transfer-size", "1024"});
+  const auto push = stack.Push(5000);
+  stack.radio->WaitForLine("<- FileAccessRequest");
+  EXPECT_EQ(stack.Tool({"datetime", "get"}).status, 0);
+  EXPECT_EQ(push->Wait(), 7);
+  EXPECT_TRUE(push->Output().contains("another tool asked Kova meanwhile")) << push->Output();
+  EXPECT_TRUE(stack.RadioHasImage());
+}
+
 TEST(Peers, ConfigRestartedChangesNothingForKova) {
   Stack stack;
   stack.StartAll();
-  stack.LinkUp();
-  stack.config->Signal(SIGKILL);
-  stack.config->Wait();
+  stack.config.reset();
   EXPECT_EQ(stack.Tool({"version"}).status, 0);
   stack.StartConfig();
   EXPECT_EQ(stack.Tool({"version"}).status, 0);
@@ -191,30 +188,33 @@ TEST(Peers, ConfigRestartedChangesNothingForKova) {
 TEST(Files, OnlyTheAnswerToTheLatestWriteRequestReachesTheRadio) {
   Stack stack;
   stack.StartAll();
-  stack.LinkUp();
   for (const char* request :
-       {R"({"fileName":"a","requestId":1})", R"({"fileName":"b","requestId":2})"}) {
+       {R"({"file_name":"a","request_id":1})", R"({"file_name":"b","request_id":2})"}) {
     stack.Radio({"notify", "FileAccessWriteRequest", request});
   }
-  for (const char* response : {R"({"requestId":1})", R"({"requestId":2})", R"({"requestId":2})"}) {
+  for (const char* id : {"1", "2", "2"}) {
+    const std::string response = std::string(R"({"request_id":)") + id + "}";
     EXPECT_EQ(stack.Tool({"send", "Kova", "Kova.FileAccessWriteResponse", response}).status, 0);
   }
   stack.kova->WaitForLine("Received response for a previous request - ignoring response");
   stack.kova->WaitForLine("No pending 'File Access Write' request - ignoring response");
   stack.radio->WaitForLine("<- FileAccessWriteResponse");
-  EXPECT_EQ(stack.radio->Count("<- FileAccessWriteResponse"), 1U);
+  EXPECT_EQ(stack.radio->Lines("<- FileAccessWriteResponse").size(), 1U);
 }
 
 TEST(Files, UnansweredRequestsFailAfterTheirTime) {
   Stack stack;
   stack.StartAll();
-  stack.LinkUp();
-  stack.Radio({"notify", "FileAccessWriteRequest", R"({"fileName":"w","requestId":1})"});
-  stack.Radio({"notify", "FileAccessCreateRequest", R"({"fileName":"c","requestId":2})"});
-  stack.Radio({"notify", "FileHandleOpenRequest", R"({"fileName":"h","handleId":3})"});
-  EXPECT_TRUE(stack.radio->WaitForLine("<- FileAccessWriteResponse").contains("19"));
-  EXPECT_TRUE(stack.radio->WaitForLine("<- FileAccessCreateResponse").contains("8"));
-  EXPECT_TRUE(stack.radio->WaitForLine("<- FileHandleOpenResponse").contains("17925276"));
+  stack.Radio({"notify", "FileAccessWriteRequest", R"({"file_name":"w","request_id":1})"});
+  stack.Radio({"notify", "FileAccessCreateRequest", R"({"file_name":"c","request_id":2})"});
+  stack.Radio({"notify", "FileHandleOpenRequest", R"({"file_name":"h","handle_id":3})"});
+  const auto told = [&stack](const char* message, const char* status) {
+    const std::string line = stack.radio->WaitForLine(std::string("<- ") + message);
+    EXPECT_TRUE(line.contains(status)) << line;
+  };
+  told("FileAccessWriteResponse", R"("status":19)");
+  told("FileAccessCreateResponse", R"("status":8)");
+  told("FileHandleOpenResponse", "17925276");
 }
 
 }  // namespace

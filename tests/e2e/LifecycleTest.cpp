@@ -11,6 +11,7 @@ namespace {
 
 TEST(Lifecycle, QueryOptionsAnswerInTheirOrderWithoutABus) {
   Stack stack;
+  stack.bus.Kill();
   const auto ask = [&stack](const std::vector<std::string>& options) {
     const auto kova = stack.Run("kova", options);
     const int status = kova->Wait();
@@ -26,10 +27,9 @@ TEST(Lifecycle, QueryOptionsAnswerInTheirOrderWithoutABus) {
 
 TEST(Lifecycle, WaitsForConfigRunsWhatIsQueuedOnTermAndEndsWithZero) {
   Stack stack;
-  stack.StartBus();
   stack.kova = stack.Run("kova", {});
   stack.kova->WaitForLine("Config");  // says what it waits for
-  EXPECT_FALSE(stack.kova->Has("Kova service READY!"));
+  EXPECT_FALSE(stack.kova->Output().contains("Kova service READY!"));
   stack.StartConfig();
   stack.kova->WaitForLine("Kova service running..........");
   const auto state = stack.Run("kova", {"--get-state"});
@@ -37,12 +37,12 @@ TEST(Lifecycle, WaitsForConfigRunsWhatIsQueuedOnTermAndEndsWithZero) {
   EXPECT_EQ(state->Output(), "READY\n");
   EXPECT_EQ(ReadFile(stack.Root() / "var/lib/zelt/collaboration_test_key").size(), 40U);
 
-  const auto watcher = stack.ToolInBackground({"subscribe", "Kova.RTConnectionStatus"});
+  const auto watcher = stack.Run("zeltcli", {"subscribe", "Kova.RTConnectionStatus"});
   watcher->WaitForLine("DISCONNECTED");  // the current state, at once
   watcher->Mark();
   stack.kova->Signal(SIGTERM);
   EXPECT_EQ(stack.kova->Wait(), 0);
-  EXPECT_TRUE(stack.kova->Has("Kova service SHUTDOWN complete"));
+  EXPECT_TRUE(stack.kova->Output().contains("Kova service SHUTDOWN complete"));
   watcher->WaitForLine("DISCONNECTED");  // published by the stop
 
   const auto absent = stack.Run("kova", {"--get-state"});
@@ -52,12 +52,11 @@ TEST(Lifecycle, WaitsForConfigRunsWhatIsQueuedOnTermAndEndsWithZero) {
 
 TEST(Lifecycle, SecondInstanceAndLostBusEndWithOne) {
   Stack stack;
-  stack.StartBus();
   stack.StartConfig();
   stack.StartKova();
   const auto second = stack.Run("kova", {});
   EXPECT_EQ(second->Wait(), 1) << second->Output();
-  stack.bus->Signal(SIGKILL);
+  stack.bus.Kill();
   EXPECT_EQ(stack.kova->Wait(), 1);
   EXPECT_EQ(stack.config->Wait(), 1);
 }

@@ -9,11 +9,13 @@ namespace {
 
 TEST(Link, RadioThatNeverAnswersTheHelloGivesHandshakeFailed) {
   Stack stack;
-  stack.StartAll({"--fault", "no-handshake"});
+  stack.StartConfig();
+  stack.StartRadio({"--fault", "no-handshake"});
+  stack.StartKova();
   ASSERT_EQ(stack.Tool({"socket", "set", "127.0.0.1", stack.RadioPort()}).status, 0);
-  const auto up = stack.ToolInBackground({"link", "up", "--timeout", "60"});
-  EXPECT_NE(up->Wait(), 0) << up->Output();
-  stack.kova->WaitForLine("RtConnection status: HANDSHAKE_FAILED");
+  const ToolResult up = stack.Tool({"link", "up", "--timeout", "60"});
+  EXPECT_EQ(up.status, 1) << up.output;
+  EXPECT_TRUE(up.output.contains("HANDSHAKE_FAILED"));
   EXPECT_FALSE(stack.Radio({"faults"}).contains("fired 0"));
 }
 

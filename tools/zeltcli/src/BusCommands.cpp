@@ -9,7 +9,6 @@
 #include <iostream>
 #include <iterator>
 #include <sstream>
-#include <stdexcept>
 
 namespace zelt::cli {
 namespace {
@@ -76,17 +75,7 @@ void Services(const Cli& cli) {
 
 void Status(const Cli& cli) {
   const std::string& service = cli.arguments.service;
-  const auto model = Connect();
-  service_state::State state{};
-  try {
-    state = model->GetServiceState(service, AnswerTime(cli));
-  } catch (const std::runtime_error& error) {
-    throw CliError(Exit::TimedOut, error.what(), "--timeout SECONDS waits longer");
-  }
-  if (state == service_state::State::NotRunning) {
-    throw CliError(Exit::NoService, "there is no service \"" + service + "\" on the bus",
-                   "zeltcli services shows who is there");
-  }
+  const auto state = StateOf(service, AnswerTime(cli));
   const std::string text = service_state::GetServiceStateString(state);
   cli.output.Result(text, JsonObject()
                               .Add("service", service)
@@ -132,8 +121,7 @@ void LinkWatch(const Cli& cli) {
 
 void Types(const Cli& cli) {
   if (cli.arguments.type.empty()) {
-    cli.output.Result(TypesText(cli.types, cli.output),
-                      JsonObject().AddRaw("types", TypesJson(cli.types)));
+    cli.output.Result(TypesText(cli.output), JsonObject().AddRaw("types", TypesJson(cli.types)));
     return;
   }
   const auto& type = cli.types.Find(cli.arguments.type);

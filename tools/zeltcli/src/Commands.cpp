@@ -13,7 +13,8 @@
 namespace zelt::cli {
 namespace {
 
-constexpr double kNoEnd = 24.0 * 3600;  // seconds, for a wait that Kova itself ends
+constexpr double kNoEnd = 24.0 * 3600;  // seconds; no wait for an answer is longer
+constexpr double kLongestTimeout = 365 * kNoEnd;
 
 // The parser itself would take -1 for a very large number.
 std::string IsWholeNumber(const std::string& text) {
@@ -94,7 +95,7 @@ constexpr auto kCommands = std::to_array<Command>({
        app.add_option("TYPE", arguments.type, "A message type");
      },
      Types},
-    {"send", "Send a message to a service", 5, MessageOptions, Send},
+    {"send", "Send a message to a service", 1, MessageOptions, Send},
     {"request", "Send a message to a service and print the answer", 5, MessageOptions, Request},
     {"listen", "Be a service, and print the messages that it gets", 0,
      [](CLI::App& app, Arguments& arguments) {
@@ -134,8 +135,7 @@ Clock::time_point Deadline(const Cli& cli) {
   const double seconds = cli.arguments.timeout;
   return seconds <= 0
              ? Clock::time_point::max()
-             : Clock::now() +
-                   std::chrono::duration_cast<Clock::duration>(Seconds(std::min(seconds, kNoEnd)));
+             : Clock::now() + std::chrono::duration_cast<Clock::duration>(Seconds(seconds));
 }
 
 Seconds AnswerTime(const Cli& cli) {
@@ -158,8 +158,11 @@ std::unique_ptr<CLI::App> MakeApp(Arguments& arguments, const Command*& chosen) 
          [&arguments](const std::string& text) {
            const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(),
                                                      arguments.timeout, std::chars_format::fixed);
-           if (error != std::errc() || end != text.data() + text.size() || arguments.timeout < 0) {
-             throw CLI::ValidationError("--timeout", "\"" + text + "\" is no number of seconds");
+           const double seconds = arguments.timeout;
+           const bool in_range = seconds >= 0 && seconds <= kLongestTimeout;  // "nan" is not
+           if (error != std::errc() || end != text.data() + text.size() || !in_range) {
+             throw CLI::ValidationError(
+                 "--timeout", "\"" + text + "\" is no number of seconds from 0 to a year's");
            }
            arguments.timeout_given = true;
          },

@@ -5,32 +5,43 @@
 #include <algorithm>
 #include <cstddef>
 #include <iostream>
+#include <regex>
 #include <utility>
 
 namespace zelt::cli {
 namespace {
 
-constexpr const char* kBashCompletion = R"(_zeltcli() {
-  local IFS=$'\n'
-  COMPREPLY=($(zeltcli __complete -- "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null))
+// Bash takes words apart at colons, and puts in only what follows the last one.
+constexpr const char* kBashCompletion = R"sh(_zeltcli() {
+  local IFS=$'\n' word last words=()
+  for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
+    if [[ ${#words[@]} -gt 0 && ( $word == :* || ${words[-1]} == *: ) ]]; then
+      words[-1]+=$word
+    else
+      words+=("$word")
+    fi
+  done
+  last=${words[-1]}
+  COMPREPLY=($(zeltcli __complete -- "${words[@]}" 2>/dev/null))
   if [[ "${COMPREPLY[*]}" == FILE ]]; then
     compopt -o filenames
-    COMPREPLY=($(compgen -f -- "${COMP_WORDS[COMP_CWORD]}"))
+    COMPREPLY=($(compgen -f -- "$last"))
   fi
+  COMPREPLY=("${COMPREPLY[@]#"${last%"${last##*:}"}"}")
 }
-complete -F _zeltcli zeltcli)";
+complete -F _zeltcli zeltcli)sh";
 
-constexpr const char* kZshCompletion = R"(#compdef zeltcli
+constexpr const char* kZshCompletion = R"sh(#compdef zeltcli
 _zeltcli() {
   local -a candidates
-  candidates=("${(@f)$(zeltcli __complete -- "${words[@]:1:$((CURRENT - 1))}" 2>/dev/null)}")
+  candidates=(${(f)"$(zeltcli __complete -- "${words[@]:1:$((CURRENT - 1))}" 2>/dev/null)"})
   if [[ "${candidates[*]}" == FILE ]]; then
     _files
   else
     compadd -- $candidates
   fi
 }
-compdef _zeltcli zeltcli)";
+compdef _zeltcli zeltcli)sh";
 
 std::vector<std::string> CandidatesFor(const std::string& argument) {
   const MessageTypes types;
@@ -126,6 +137,11 @@ std::vector<std::string> Completions(CLI::App& app, const std::vector<std::strin
         candidates = CandidatesFor(option->get_name());
         break;
       }
+    }
+  }
+  if (last.contains(':')) {
+    for (std::string& candidate : candidates) {
+      candidate = std::regex_replace(candidate, std::regex("[.]"), "::");
     }
   }
   std::erase_if(candidates, [&last](const std::string& candidate) {

@@ -33,7 +33,8 @@ FileProgress::FileProgress(const std::string& path, std::string reader)
 }
 
 std::optional<std::uint64_t> FileProgress::Position() {
-  if (info_.empty() && !Find()) {
+  // The number of a closed descriptor may be that of another file by now.
+  if (!IsFile(descriptor_) && !Find()) {
     return std::nullopt;
   }
   std::ifstream file(info_);
@@ -42,8 +43,12 @@ std::optional<std::uint64_t> FileProgress::Position() {
   if (file >> word >> position && word == "pos:") {
     return position;
   }
-  info_.clear();
   return std::nullopt;
+}
+
+bool FileProgress::IsFile(const std::string& path) const {
+  struct stat status{};
+  return stat(path.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_;
 }
 
 // Processes and descriptors come and go while they are looked at: whatever cannot be read is
@@ -60,9 +65,8 @@ bool FileProgress::Find() {
       continue;
     }
     for (const auto& open_file : fs::directory_iterator(process.path() / "fd", ignored)) {
-      struct stat status{};
-      if (stat(open_file.path().c_str(), &status) == 0 && status.st_dev == device_ &&
-          status.st_ino == inode_) {
+      if (IsFile(open_file.path())) {
+        descriptor_ = open_file.path();
         info_ = (process.path() / "fdinfo" / open_file.path().filename()).string();
         return true;
       }

@@ -20,12 +20,14 @@ class FileProgress {
   std::optional<std::uint64_t> Position();
 
  private:
+  bool IsFile(const std::string& path) const;
   bool Find();
 
   const std::string reader_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
-  std::string info_;  // where the kernel shows the position; empty until found
+  std::string descriptor_;  // the reader's, in /proc; empty until found
+  std::string info_;        // where the kernel shows its position
   std::chrono::steady_clock::time_point next_search_;
 };
 

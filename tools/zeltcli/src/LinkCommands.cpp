@@ -17,10 +17,7 @@ constexpr Seconds kStateTimeout{1.0};
 class Link {
  public:
   explicit Link(const Cli& cli) : cli_(cli), deadline_(Deadline(cli)) {
-    if (Connect()->GetServiceState(kKova, kStateTimeout) == service_state::State::NotRunning) {
-      throw CliError(Exit::NoService, "there is no service \"Kova\" on the bus",
-                     "zeltcli services shows who is there");
-    }
+    StateOf(kKova, kStateTimeout);
   }
 
   // The status as Kova tells it when asked, after everything that was sent to it before.
@@ -103,7 +100,9 @@ void LinkUp(const Cli& cli) {
       link.Order("STOP");  // Kova starts only what is stopped
     }
     link.Order("START");
-    // What Kova tells now, it tells after the start: a refused one leaves the link as it was.
+    // What Kova tells after the start tells whether it was refused. Asked once, it may still tell
+    // of before: a service that becomes ready has all subscribers announced again, this one too.
+    link.Ask();
     status = link.Ask();
     if (link.Name(status) == "DISCONNECTED") {
       throw CliError(Exit::Failed, "Kova could not start the link",

@@ -67,21 +67,6 @@ class MessageTypes {
   std::vector<const google::protobuf::Descriptor*> types_;
 };
 
-// The comment that stands at a definition, on one line; empty when there is none.
-template <class Descriptor>
-std::string CommentOf(const Descriptor& descriptor) {
-  google::protobuf::SourceLocation location;
-  if (!descriptor.GetSourceLocation(&location)) {
-    return {};
-  }
-  std::string text = location.leading_comments + location.trailing_comments;
-  for (std::size_t at = 0; (at = text.find('\n', at)) != std::string::npos;) {
-    text.replace(at, 1, "");
-  }
-  text.erase(0, text.find_first_not_of(' '));
-  return text;
-}
-
 // What a field holds, for a human: "uint32", "START, STOP or a number", "Kova.DateTime".
 std::string KindOf(const google::protobuf::FieldDescriptor& field);
 

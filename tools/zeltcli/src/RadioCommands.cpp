@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <iomanip>
 #include <iostream>
@@ -28,6 +27,13 @@
 
 namespace zelt::cli {
 namespace {
+
+// Kova reads the file until the radio has it or the transfer fails, and then tells the outcome at
+// once.
+constexpr Seconds kOutcomeTime{6};
+// Where Kova cannot be seen to read: a tenth of what the serial port carries.
+constexpr Seconds kBlindTime{30};
+constexpr double kBlindRate = 16.0 * 1024;  // bytes a second
 
 std::string InSeconds(double seconds) {
   std::ostringstream text;
@@ -65,12 +71,11 @@ void AskSocket(const Cli& cli, const MessageValue& request, const std::string& d
 
 std::uint64_t CheckImage(const std::string& path) {
   const auto size = GetFileSize(path);
-  const std::ifstream file(path, std::ios::binary);
-  if (!file) {
-    throw CliError(Exit::Usage, "cannot read " + path + ": " + std::strerror(errno));
-  }
-  if (!size) {
+  if (!size && access(path.c_str(), F_OK) == 0) {
     throw CliError(Exit::Usage, path + " is no regular file");
+  }
+  if (!size || access(path.c_str(), R_OK) != 0) {
+    throw CliError(Exit::Usage, "cannot read " + path + ": " + std::strerror(errno));
   }
   if (*size == 0 || *size > std::numeric_limits<std::uint32_t>::max()) {
     throw CliError(Exit::Usage, path + " has " + std::to_string(*size) + " bytes",
@@ -189,10 +194,15 @@ void Inject(const Cli& cli) {
     } catch (const std::logic_error&) {
       used = 0;
     }
-    if (i > 7 || used == 0 || used != value.size() || number > 0xFFFF) {
+    const unsigned long most = i == 2 || i == 3 ? 0xFF : 0xFFFF;
+    if (i > 7 || used == 0 || used != value.size() || number > most) {
       throw CliError(Exit::Usage, "\"" + cli.arguments.header + "\" is no header",
-                     "give up to seven numbers from 0 to 0xffff: address, kind, flags, source, "
-                     "destination, transaction, body length");
+                     "give up to seven numbers from 0 to 0xffff, the second and third to 0xff: "
+                     "address, kind, flags, source, destination, transaction, body length");
+    }
+    if (i == 2 && number > 2) {
+      throw CliError(Exit::Usage, "a message of kind " + value + " cannot be injected",
+                     "give 0 (request), 1 (response) or 2 (broadcast)");
     }
     request.Set("header.h" + std::to_string(i), static_cast<std::int64_t>(number));
   }
@@ -234,16 +244,33 @@ void PushFirmware(const Cli& cli) {
   Progress progress(target, !cli.output.IsJson());
   FileProgress read(path, "kova");
   std::optional<std::uint64_t> done;
+  std::optional<Clock::time_point> closed;  // since when Kova is seen to have read the file
+  const Seconds blind_time = kBlindTime + Seconds(static_cast<double>(size) / kBlindRate);
+  const auto watch = [&] {
+    if (const auto position = read.Position()) {
+      done = position;
+      closed.reset();
+    } else if (done && !closed) {
+      closed = Clock::now();
+    } else if (closed && Clock::now() - *closed > kOutcomeTime) {
+      throw CliError(Exit::TimedOut,
+                     "the outcome of the transfer of " + path +
+                         " went elsewhere: another tool asked Kova meanwhile",
+                     "Kova's log tells the outcome");
+    } else if (!done && !cli.arguments.timeout_given && progress.Elapsed() > blind_time.count()) {
+      throw CliError(Exit::TimedOut,
+                     "Kova did not tell the outcome of the transfer of " + path + " within " +
+                         InSeconds(blind_time.count()),
+                     "the radio is very slow, or another tool asked Kova meanwhile; Kova's log "
+                     "tells the outcome, and --timeout SECONDS waits longer");
+    }
+    progress.Show(done, size);
+  };
   const auto answer = Ask(cli, session,
                           cli.types.New("Kova.TransferFirmwareRequest")
                               .Set("source_file_path", path)
                               .Set("target_file_name", target),
-                          "Kova.TransferFirmwareResponse", [&] {
-                            if (const auto position = read.Position()) {
-                              done = position;
-                            }
-                            progress.Show(done, size);
-                          });
+                          "Kova.TransferFirmwareResponse", watch);
   progress.Clear();
   const double elapsed = progress.Elapsed();
   if (answer.Number("result") != 0) {

@@ -17,7 +17,7 @@ using std::chrono::milliseconds;
 
 constexpr int kNameAttempts = 5;
 constexpr long kNameStep = 10'000'000;  // above every process number
-constexpr milliseconds kPoll{5};
+constexpr milliseconds kLongestPoll{50};
 constexpr milliseconds kTick{100};
 constexpr milliseconds kBusCheck{1000};
 
@@ -32,8 +32,9 @@ std::string BusHint() {
              : "ZELT_BUS_ADDRESS is " + std::string(address) + "; is that bus running?";
 }
 
-[[noreturn]] void Fail(const ServiceIPC::Reply& reply, const std::string& service,
-                       const std::string& type) {
+// What became of the message, when it did not end by the clock.
+void ThrowUnlessTimedOut(const ServiceIPC::Reply& reply, const std::string& service,
+                         const std::string& type) {
   using Outcome = ServiceIPC::Outcome;
   switch (reply.outcome) {
     case Outcome::NoSuchService:
@@ -53,6 +54,16 @@ std::string BusHint() {
     default:
       break;
   }
+}
+
+[[noreturn]] void ThrowNotDelivered(const std::string& service, const std::string& type) {
+  throw CliError(Exit::TimedOut,
+                 service + " did not take " + type + " within 1 s: is it stopped or hung?",
+                 "zeltcli status " + service + " tells whether it answers");
+}
+
+[[noreturn]] void ThrowNotAnswered(const ServiceIPC::Reply& reply, const std::string& service,
+                                   const std::string& type) {
   std::string hint = "--timeout SECONDS waits longer; zeltcli status " + service +
                      " tells whether it is ready, zeltcli link status whether the radio is";
   const AcceptedType* const known = service == "Kova" ? FindAccepted(type) : nullptr;
@@ -88,6 +99,22 @@ std::shared_ptr<ServiceModel> Connect() {
   } catch (const std::runtime_error& error) {
     throw CliError(Exit::NoBus, error.what(), BusHint());
   }
+}
+
+service_state::State StateOf(const std::string& service, Seconds timeout) {
+  const auto model = Connect();
+  service_state::State state{};
+  try {
+    state = model->GetServiceState(service, timeout);
+  } catch (const std::runtime_error& error) {
+    throw CliError(Exit::TimedOut, error.what(),
+                   service + " is there, but may be stopped or hung, or the bus may be gone");
+  }
+  if (state == service_state::State::NotRunning) {
+    throw CliError(Exit::NoService, "there is no service \"" + service + "\" on the bus",
+                   "zeltcli services shows who is there");
+  }
+  return state;
 }
 
 void Session::Inbox::Put(Incoming message) {
@@ -144,18 +171,23 @@ ServiceIPC::MessageCallback Session::ToInbox(bool published) const {
 void Session::Send(const std::string& service, const std::string& type, std::string_view payload) {
   const auto reply = ipc_->RequestImpl(service, type, payload, milliseconds(0)).get();
   if (reply.outcome != ServiceIPC::Outcome::Delivered) {
-    Fail(reply, service, type);
+    ThrowUnlessTimedOut(reply, service, type);
+    ThrowNotDelivered(service, type);
   }
 }
 
 Incoming Session::Request(const std::string& service, const std::string& type,
                           std::string_view payload, Seconds timeout,
                           const std::function<void()>& tick) {
+  const auto deadline = Clock::now() + std::chrono::duration_cast<Clock::duration>(timeout);
   auto future = ipc_->RequestImpl(service, type, payload, std::chrono::ceil<milliseconds>(timeout));
   auto next_tick = Clock::now();
+  milliseconds poll{1};
   bool ended = false;
   while (true) {
-    if (auto message = inbox_->Take(Clock::now() + (ended ? milliseconds(0) : kPoll), true)) {
+    // A message wakes the inbox; the reply is looked at, the less often the longer it takes.
+    poll = std::min(poll * 2, ended ? milliseconds(0) : kLongestPoll);
+    if (auto message = inbox_->Take(Clock::now() + poll, true)) {
       return std::move(*message);
     }
     if (ended) {
@@ -163,14 +195,18 @@ Incoming Session::Request(const std::string& service, const std::string& type,
       if (reply.outcome == ServiceIPC::Outcome::Answered) {
         return {.sender = service, .type = reply.type, .payload = reply.payload};
       }
-      Fail(reply, service, type);
+      ThrowUnlessTimedOut(reply, service, type);
+      if (Clock::now() < deadline) {
+        ThrowNotDelivered(service, type);  // that has less time than the answer
+      }
+      ThrowNotAnswered(reply, service, type);
     }
-    if (tick && Clock::now() >= next_tick) {
+    // The inbox is looked at once more before the reply: a message may have come in between.
+    ended = future.wait_for(milliseconds(0)) == std::future_status::ready;
+    if (!ended && tick && Clock::now() >= next_tick) {
       next_tick = Clock::now() + kTick;
       tick();
     }
-    // Looked at once more before the reply: a message may have come in between.
-    ended = future.wait_for(milliseconds(0)) == std::future_status::ready;
   }
 }
 

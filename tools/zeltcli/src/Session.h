@@ -22,6 +22,9 @@ using Seconds = std::chrono::duration<double>;
 // Connects without a name: for questions about the bus. Throws CliError when there is no bus.
 std::shared_ptr<ServiceModel> Connect();
 
+// The state of a service; NotRunning is thrown as CliError, as is a service that does not answer.
+service_state::State StateOf(const std::string& service, Seconds timeout);
+
 // A received message.
 struct Incoming {
   std::string sender;
@@ -40,11 +43,11 @@ class Session {
 
   const std::string& Name() const { return name_; }
 
-  // Returns once a callback of the receiver has taken the message.
+  // Returns once a callback of the receiver has taken the message, for which it has 1 s.
   void Send(const std::string& service, const std::string& type, std::string_view payload);
 
   // Sends, and returns the answer: a response to the request or a message to this tool's own name,
-  // whichever comes first. Calls `tick` now and then while it waits.
+  // whichever comes first. Calls `tick` now and then while it waits; what that throws ends it.
   Incoming Request(const std::string& service, const std::string& type, std::string_view payload,
                    Seconds timeout, const std::function<void()>& tick = {});
 

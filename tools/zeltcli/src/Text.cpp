@@ -37,6 +37,33 @@ std::size_t Distance(std::string_view from, std::string_view to) {
   return row.back();
 }
 
+// How many bytes the UTF-8 character has that `text` begins with; 0 when it begins with none.
+std::size_t CharacterSize(std::string_view text) {
+  struct Form {
+    unsigned char mask;  // these bits of the first byte
+    unsigned char lead;  // are these
+    char32_t least;      // what is less has a shorter form
+  };
+  static constexpr std::array kForms = {Form{0x80, 0x00, 0}, Form{0xE0, 0xC0, 0x80},
+                                        Form{0xF0, 0xE0, 0x800}, Form{0xF8, 0xF0, 0x10000}};
+  const auto byte = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+  const auto* const form = std::ranges::find_if(
+      kForms, [&](const Form& candidate) { return (byte(0) & candidate.mask) == candidate.lead; });
+  const auto size = static_cast<std::size_t>(form - kForms.begin()) + 1;
+  if (form == kForms.end() || size > text.size()) {
+    return 0;
+  }
+  char32_t code = byte(0) & ~form->mask & 0xFFU;
+  for (std::size_t i = 1; i < size; ++i) {
+    if ((byte(i) & 0xC0U) != 0x80) {
+      return 0;
+    }
+    code = (code << 6U) | (byte(i) & 0x3FU);
+  }
+  const bool surrogate = code >= 0xD800 && code <= 0xDFFF;
+  return code < form->least || code > 0x10FFFF || surrogate ? 0 : size;
+}
+
 std::string_view LastPart(std::string_view name) {
   return name.substr(name.find_last_of(".:") + 1);  // npos + 1 is 0
 }
@@ -115,16 +142,16 @@ std::string FromHex(std::string_view text) {
 
 std::string JsonObject::Quote(std::string_view text) {
   std::string quoted = "\"";
-  for (const char c : text) {
-    if (c == '"' || c == '\\') {
-      quoted += '\\';
-      quoted += c;
-    } else if (static_cast<unsigned char>(c) < 0x20) {
-      const auto byte = static_cast<unsigned char>(c);
+  for (std::size_t size = 0; !text.empty(); text.remove_prefix(std::max<std::size_t>(size, 1))) {
+    const auto byte = static_cast<unsigned char>(text.front());
+    size = CharacterSize(text);
+    if (size == 0) {
+      quoted += "\\ufffd";
+    } else if (byte < 0x20) {
       quoted.append("\\u00") += kHexDigits[byte >> 4U];
       quoted += kHexDigits[byte & 0xFU];
     } else {
-      quoted += c;
+      quoted.append(byte == '"' || byte == '\\' ? "\\" : "").append(text.substr(0, size));
     }
   }
   return quoted + '"';

@@ -38,6 +38,7 @@ class JsonObject {
 
   std::string Str() const { return "{" + members_ + "}"; }
 
+  // What is no UTF-8 becomes U+FFFD.
   static std::string Quote(std::string_view text);
   static std::string Array(const std::vector<std::string>& json_values);
 

@@ -26,9 +26,17 @@ std::string AnswerText(const AcceptedType& accepted) {
   return how + std::string(accepted.detail);
 }
 
-// The union that the field belongs to; nullptr when it stands for itself.
-const pb::OneofDescriptor* UnionOf(const pb::FieldDescriptor& field) {
-  return field.real_containing_oneof();
+// The comment that stands at a definition, on one line; empty when there is none.
+template <class Descriptor>
+std::string CommentOf(const Descriptor& descriptor) {
+  pb::SourceLocation location;
+  if (!descriptor.GetSourceLocation(&location)) {
+    return {};
+  }
+  std::string text = location.leading_comments + location.trailing_comments;
+  std::erase(text, '\n');
+  text.erase(0, text.find_first_not_of(' '));
+  return text;
 }
 
 void PrintFields(std::ostream& text, const pb::Descriptor& type, const Output& output, int depth) {
@@ -37,7 +45,7 @@ void PrintFields(std::ostream& text, const pb::Descriptor& type, const Output& o
     const pb::FieldDescriptor& field = *type.field(i);
     text << '\n'
          << indent << output.Paint(Output::Style::Bold, field.name()) << ": " << KindOf(field);
-    if (const auto* const choice = UnionOf(field)) {
+    if (const auto* const choice = field.real_containing_oneof()) {
       text << output.Paint(Output::Style::Dim, " (one of " + choice->name() + ")");
     }
     if (const std::string comment = CommentOf(field); !comment.empty()) {
@@ -58,7 +66,7 @@ std::string FieldsJson(const pb::Descriptor& type, int depth) {
         .Add("kind", KindOf(field))
         .Add("repeated", field.is_repeated())
         .Add("comment", CommentOf(field));
-    if (const auto* const choice = UnionOf(field)) {
+    if (const auto* const choice = field.real_containing_oneof()) {
       object.Add("oneof", choice->name());
     }
     if (field.message_type() != nullptr && depth < kMaxDepth) {
@@ -71,7 +79,7 @@ std::string FieldsJson(const pb::Descriptor& type, int depth) {
 
 }  // namespace
 
-std::string TypesText(const MessageTypes&, const Output& output) {
+std::string TypesText(const Output& output) {
   std::ostringstream text;
   text << output.Paint(Output::Style::Bold, "Kova accepts") << " (zeltcli types TYPE shows one)";
   for (const AcceptedType& accepted : kAcceptedByKova) {

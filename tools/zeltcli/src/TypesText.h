@@ -8,7 +8,7 @@
 namespace zelt::cli {
 
 // What Kova accepts, with where the answer goes, and what it publishes.
-std::string TypesText(const MessageTypes& types, const Output& output);
+std::string TypesText(const Output& output);
 std::string TypesJson(const MessageTypes& types);
 
 // One type: what it is for, and its fields with those of its parts.

@@ -30,8 +30,38 @@ std::vector<std::string> PlainWords(const std::vector<std::string>& words) {
   return plain;
 }
 
-// What the parser says; or, when the command does not exist, those that look like it.
-CliError Explain(const CLI::ParseError& error, const std::vector<std::string>& words) {
+// The first option that neither the tool nor the command has; empty when there is none, or when
+// the command does not exist.
+std::string UnknownOption(const CLI::App& app, const std::vector<std::string>& words) {
+  const CLI::App* command = &app;
+  for (std::size_t i = 0; i < words.size(); ++i) {
+    const std::string name = words[i].substr(0, words[i].find('='));
+    if (name == "--timeout") {
+      i += name == words[i] ? 1 : 0;
+    } else if (name.starts_with("--")) {
+      if (name.size() > 2 && command->get_option_no_throw(name) == nullptr &&
+          app.get_option_no_throw(name) == nullptr) {
+        return name;
+      }
+    } else if (const auto subs = command->get_subcommands({}); !subs.empty()) {
+      const auto found = std::ranges::find(subs, name, &CLI::App::get_name);
+      if (found == subs.end()) {
+        break;
+      }
+      command = *found;
+    }
+  }
+  return {};
+}
+
+// What the parser says; or, when an option or the command does not exist, so, with the commands
+// that look like it.
+CliError Explain(const CLI::App& app, const CLI::ParseError& error,
+                 const std::vector<std::string>& words) {
+  if (const std::string option = UnknownOption(app, words); !option.empty()) {
+    return {Exit::Usage, "there is no option \"" + option + "\"",
+            "zeltcli --help lists the tool's, zeltcli COMMAND --help the command's"};
+  }
   std::string given;
   for (const std::string& word : PlainWords(words)) {
     const bool first = given.empty();
@@ -71,7 +101,7 @@ int Main(int argc, char** argv) {
     return app->exit(done);
   } catch (const CLI::ParseError& error) {
     const std::vector<std::string> words(argv + 1, argv + argc);
-    const CliError explained = Explain(error, words);
+    const CliError explained = Explain(*app, error, words);
     Output(std::ranges::find(words, "--json") != words.end()).Error(explained);
     return static_cast<int>(explained.exit);
   }
@@ -86,6 +116,10 @@ int Main(int argc, char** argv) {
   } catch (const CliError& error) {
     output.Error(error);
     return static_cast<int>(error.exit);
+  } catch (const std::exception& error) {
+    const CliError failed(Exit::Failed, error.what());
+    output.Error(failed);
+    return static_cast<int>(failed.exit);
   }
 }
 

@@ -5,6 +5,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <atomic>
 #include <csignal>
 #include <fstream>
@@ -42,8 +44,12 @@ class FakeKova {
       Answer(envelope, "Kova.TransferFirmwareResponse", refused ? R"({"result":1})" : "{}");
     });
     On("Kova.BatteryLevelRequest", [](const auto&, const MessageValue&) {});
-    On("Kova.RtConnectionAction", [this](const auto&, const MessageValue& message) {
-      status_ = message.Number("action") != 0 ? "DISCONNECTED" : starts_to_.load();
+    On("Kova.RtConnectionAction", [this](const auto& envelope, const MessageValue& message) {
+      const bool start = message.Number("action") == 0;
+      if (start) {  // told as if another service had become ready, and at once out of date
+        Send(envelope.sender, "Kova.RTConnectionStatus", Status());
+      }
+      status_ = start ? starts_to_.load() : "DISCONNECTED";
       Publish();
     });
     handles_.push_back(ipc_->AddSubscribeHandlerImpl(
@@ -97,8 +103,7 @@ class FakeKova {
 class ZeltcliTest : public testing::Test {
  protected:
   fake::ChildProcess Start(std::vector<std::string> words) const {
-    // Without a terminal to ask on.
-    words.insert(words.begin(), {"sh", "-c", R"(exec "$0" "$@" </dev/null)", ZELTCLI});
+    words.insert(words.begin(), ZELTCLI);
     return {std::move(words), bus_.Folder() / "output"};
   }
   // Runs the tool and compares its exit status and a part of what it prints.
@@ -132,11 +137,17 @@ TEST_F(ZeltcliTest, EachKindOfFailureHasItsStatusAndAnAdvice) {
   Expect(2, {"socket", "set", "localhost", "1"}, "\"localhost\" is no IP address");
   Expect(2, {"socket", "set", "::1", "65536"}, "65536 is no port");
   Expect(2, {"inject", "00", "--header", "1,x"}, "is no header");
+  Expect(2, {"inject", "00", "--header", "1,2,256"}, "is no header");
+  Expect(2, {"inject", "00", "--header", "1,3"}, "kind 3 cannot be injected");
   Expect(2, {"video", "dance"}, "start-recording");
   Expect(2, {"lnik", "up"}, "did you mean link?");
   Expect(2, {"link", "upp"}, "did you mean link up?");
+  Expect(2, {"--bogus"}, "there is no option \"--bogus\"");
+  Expect(2, {"--timeout", "5", "send", "--bogus=1"}, "there is no option \"--bogus\"");
   Expect(2, {"watch", "--count", "-1"}, "\"-1\" is no whole number");
-  Expect(2, {"--timeout", "soon", "watch"}, "\"soon\" is no number of seconds");
+  for (const std::string time : {"soon", "nan", "inf", "31536001"}) {
+    Expect(2, {"--timeout", time, "watch"}, "\"" + time + "\" is no number of seconds");
+  }
   Expect(2, {"completion", "fish"}, "give bash or zsh");
   Expect(2, {"send", "Kova", "RtVersionMsg", "@/absent"}, "cannot read /absent");
   Expect(4, {"--json", "status", "Upgrade"},
@@ -184,6 +195,8 @@ TEST_F(ZeltcliTest, FirmwareIsCheckedBeforeItIsPushed) {
   const std::string image = bus_.Folder() / "image.bin";
   Expect(2, {"firmware", "push", image}, "No such file");
   Expect(2, {"firmware", "push", bus_.Folder()}, "is no regular file");
+  ASSERT_EQ(mkfifo((bus_.Folder() / "fifo").c_str(), 0600), 0);
+  Expect(2, {"firmware", "push", bus_.Folder() / "fifo"}, "is no regular file");
   std::ofstream(image).flush();
   Expect(2, {"firmware", "push", image}, "has 0 bytes");
   std::ofstream(image) << "x";

@@ -71,9 +71,9 @@ TEST(MessageTypesTest, JsonThatDoesNotFitNamesTheField) {
       {"RtVersionMsg", R"({"request":{},"response":{}})",
        "only one field of RtVersionOneof can be set"},
       {"RtConnectionAction", R"({"action":"GO"})",
-       "field \"action\" cannot be \"GO\" | expected START, STOP or a number"},
+       R"(field "action" cannot be "GO" | expected START, STOP or a number)"},
       {"OpcodeSubscriptionMsg", R"({"request":{"codes":[1,"X"]}})",
-       "field \"request.codes[1]\" cannot be \"X\" | expected a list of SUBSCRIBE_BATTERY_LEVEL"},
+       R"(field "request.codes[1]" cannot be "X" | expected a list of SUBSCRIBE_BATTERY_LEVEL)"},
       {"BtMacAddressMsg", R"({"address":"!"})", "expected bytes in base64"},
       {"RtVersionMsg", R"({"request":)", "| zeltcli types Kova.RtVersionMsg shows its fields"},
       {"RtVersionMsg", "[]", "Root element must be a message"},
@@ -89,7 +89,7 @@ TEST(MessageTypesTest, MessagesSurviveTheWayThroughJson) {
   const auto& type = Types().Find("OpcodeSubscriptionMsg");
   const char* const json = R"({"response":{"result":0,"codes":["SUBSCRIBE_EMERGENCY",99]}})";
   const auto message = Types().FromJson(type, json);
-  EXPECT_EQ(Types().Parse(message.Type(), message.Bytes())->Json(), json)
+  EXPECT_EQ(MessageJson(Types(), {"", message.Type(), message.Bytes(), false}), json)
       << "a zero result is shown, an unnamed value kept";
   EXPECT_EQ(MessageJson(Types(), {"", "Kova.RtVersionMsg", "\xff\x01", false}),
             R"({"hex":"ff01"})");
@@ -111,7 +111,7 @@ TEST(AcceptedTest, EveryTypeOfTheTablesExists) {
   EXPECT_THAT(TypeText(Types().Find("SetSocketParams"), plain),
               testing::AllOf(HasSubstr("In, tools only."), HasSubstr("zelt.GenericResponse"),
                              HasSubstr("port: uint32  // 1 to 65535")));
-  EXPECT_THAT(TypesText(Types(), plain), HasSubstr("the radio's answer goes to Battery"));
+  EXPECT_THAT(TypesText(plain), HasSubstr("the radio's answer goes to Battery"));
 }
 
 TEST(TextTest, HexAndJsonRefuseWhatTheyCannotCarry) {
@@ -121,6 +121,11 @@ TEST(TextTest, HexAndJsonRefuseWhatTheyCannotCarry) {
   EXPECT_THAT(hex("b41"), HasSubstr("3 hexadecimal digits are no whole bytes"));
   EXPECT_EQ(JsonObject().Add("a\"\\", "\n\x1f").Add("b", true).Str(),
             R"({"a\"\\":"\u000a\u001f","b":true})");
+  const std::string good = "\x7f\u00e9\u20ac\U0001f4fb";
+  EXPECT_EQ(JsonObject::Quote(good), '"' + good + '"');
+  for (const char* bad : {"\x80", "\xc0\x80", "\xe2\x82", "\xed\xa0\x80", "\xf5\x80\x80\x80"}) {
+    EXPECT_THAT(JsonObject::Quote(bad), testing::MatchesRegex(R"("(\\ufffd)+")")) << ToHex(bad);
+  }
 }
 
 TEST(DateTimeTest, OnlyTimesThatExistAreTaken) {
@@ -160,10 +165,11 @@ TEST(ProgressTest, PositionOfTheReaderIsSeenAndDrawn) {
   EXPECT_EQ(progress.Position(), 400U);
   EXPECT_FALSE(FileProgress(path, "nobody").Position());
   reader.close();
+  const std::ifstream another("/proc/self/comm");  // may have the same number
   EXPECT_FALSE(progress.Position());
   std::filesystem::remove(path);
 
-  EXPECT_THAT(Progress::Line("x", 512U * 1024, 1024U * 1024, 2),
+  EXPECT_THAT(Progress::Line("x", 0x80000, 0x100000, 2),
               HasSubstr("[###############---------------] 50 %  0.5 of 1.0 MiB  2.0 s"));
   EXPECT_EQ(Progress::Line("x", std::nullopt, 9, 0.25), "x -  0.2 s");
 }
@@ -172,12 +178,15 @@ TEST(CompletionTest, CandidatesFitThePlace) {
   Arguments arguments;
   const Command* chosen = nullptr;
   const auto app = MakeApp(arguments, chosen);
-  const auto complete = [&app](std::vector<std::string> words) { return Completions(*app, words); };
+  const auto complete = [&app](const std::vector<std::string>& words) {
+    return Completions(*app, words);
+  };
   EXPECT_THAT(complete({"li"}), ElementsAre("link", "listen"));
   EXPECT_THAT(complete({"link", ""}), ElementsAre("down", "status", "up", "watch"));
   EXPECT_THAT(complete({"--timeout", "5", "video", "sn"}), ElementsAre("snapshot"));
   EXPECT_THAT(complete({"--timeout", ""}), IsEmpty());
   EXPECT_THAT(complete({"send", "Kova", "Kova.SetS"}), ElementsAre("Kova.SetSocketParams"));
+  EXPECT_THAT(complete({"send", "Kova", "Kova::SetS"}), ElementsAre("Kova::SetSocketParams"));
   EXPECT_THAT(complete({"firmware", "push", "x"}), ElementsAre("FILE"));
   EXPECT_THAT(complete({"firmware", "push", "x", "--a"}), ElementsAre("--as"));
   EXPECT_THAT(complete({"__"}), IsEmpty());

@@ -22,7 +22,8 @@
 
 namespace zelt::fake {
 
-// One process that a test starts, with its standard output and error in a file; killed with it.
+// One process that a test starts, with its standard output and error in a file and nothing to read;
+// killed with it. What is waited for has 60 s.
 class ChildProcess {
  public:
   ChildProcess(std::vector<std::string> command, std::filesystem::path output)
@@ -31,20 +32,26 @@ class ChildProcess {
     std::ranges::transform(command, std::back_inserter(arguments),
                            [](std::string& word) { return word.data(); });
     arguments.push_back(nullptr);
+    const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int file =
         open(output_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0600);
-    if (file < 0) {
+    if (nothing < 0 || file < 0) {
       throw std::runtime_error("cannot create " + output_.string());
     }
     pid_ = fork();
     if (pid_ == 0) {
       prctl(PR_SET_PDEATHSIG, SIGKILL);
+      dup2(nothing, STDIN_FILENO);
       dup2(file, STDOUT_FILENO);
       dup2(file, STDERR_FILENO);
       execvp(arguments[0], arguments.data());
       _exit(127);
     }
     close(file);
+    close(nothing);
+    if (pid_ < 0) {
+      throw std::runtime_error("cannot fork");
+    }
   }
   ChildProcess(const ChildProcess&) = delete;
   ChildProcess& operator=(const ChildProcess&) = delete;
@@ -81,10 +88,40 @@ class ChildProcess {
     return text.str();
   }
 
-  // True once `part` stands in the output; false when that takes longer than 10 s.
+  // True once `part` stands in the output; false when it does not come.
   bool WaitForOutput(const std::string& part) const {
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (Output().find(part) == std::string::npos) {
+    return Comes([&] { return Output().contains(part); });
+  }
+
+  // The first whole line with `part` since the last Mark(); throws when it does not come.
+  std::string WaitForLine(const std::string& part) const {
+    std::vector<std::string> lines;
+    if (!Comes([&] { return !(lines = Lines(part)).empty(); })) {
+      throw std::runtime_error("no line with \"" + part + "\" in:\n" + Output());
+    }
+    return lines.front();
+  }
+
+  // All of them so far.
+  std::vector<std::string> Lines(const std::string& part) const {
+    std::istringstream output(Output().substr(mark_));
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(output, line) && !output.eof();) {
+      if (line.contains(part)) {
+        lines.push_back(line);
+      }
+    }
+    return lines;
+  }
+
+  // Lines from before this call no longer count.
+  void Mark() { mark_ = Output().size(); }
+
+ private:
+  template <class Condition>
+  static bool Comes(Condition condition) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    while (!condition()) {
       if (std::chrono::steady_clock::now() > deadline) {
         return false;
       }
@@ -93,10 +130,10 @@ class ChildProcess {
     return true;
   }
 
- private:
   std::filesystem::path output_;
   pid_t pid_ = -1;
   std::optional<int> status_;
+  std::size_t mark_ = 0;
 };
 
 // A private bus in a temporary folder; ZELT_BUS_ADDRESS leads to it. Start it before any thread.

@@ -1,6 +1,8 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +19,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zelt::fake {
@@ -83,14 +84,21 @@ class ChildProcess {
 
   // True once `part` stands in the output; false when that takes longer than 10 s.
   bool WaitForOutput(const std::string& part) const {
+    using std::chrono::milliseconds;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (Output().find(part) == std::string::npos) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        return false;
+    pollfd change{inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0};
+    inotify_add_watch(change.fd, output_.c_str(), IN_MODIFY);
+    bool found = false;
+    auto left = milliseconds(1);
+    while (!(found = Output().find(part) != std::string::npos) && left.count() > 0) {
+      left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+      poll(&change, 1, std::max(0, static_cast<int>(left.count())));
+      char events[4096];  // which they are does not matter
+      while (read(change.fd, events, sizeof events) > 0) {
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    return true;
+    close(change.fd);
+    return found;
   }
 
  private:

@@ -198,16 +198,16 @@ ParsedConfig ReadConfigFile(const std::string& path) {
     return checker.Finish();
   };
   errno = 0;
-  std::ifstream file(path);
-  if (!file) {
-    return unreadable(std::strerror(errno));
-  }
-  const auto size = GetFileSize(path);
+  const auto size = GetFileSize(path);  // first: to open a FIFO would wait for its writer
   if (!size) {
-    return unreadable("not a regular file");
+    return unreadable(errno == 0 ? "not a regular file" : std::strerror(errno));
   }
   if (*size > kMaxFileSize) {
     return unreadable("larger than 1 MiB");
+  }
+  std::ifstream file(path);
+  if (!file) {
+    return unreadable(std::strerror(errno));
   }
   try {
     return checker.Check(toml::parse(file, path));

@@ -28,6 +28,7 @@ int Check(const std::string& path) {
 }
 
 int Run(const std::string& path) {
+  zelt::BlockReloadSignal();  // before the file is read, so that none is lost
   zelt::SetLogIdentifier("config");
   const zelt::ParsedConfig parsed = zelt::ReadConfigFile(path);
   for (const std::string& problem : parsed.problems) {
@@ -38,7 +39,6 @@ int Run(const std::string& path) {
         << "Cannot start with " << parsed.problems.size() << " problem(s) in " << path;
     return EXIT_FAILURE;
   }
-  zelt::BlockReloadSignal();
   return zelt::ServiceRunner::RunService(
       [&](std::shared_ptr<zelt::ServiceModel> model) {
         return std::make_shared<zelt::ConfigService>(std::move(model), path, parsed.record);
@@ -57,5 +57,5 @@ int main(int argc, char** argv) {
   app.add_option("--check", check, "Check FILE and exit: 0 when nothing is wrong with it")
       ->type_name("FILE");
   CLI11_PARSE(app, argc, argv);
-  return check.empty() ? Run(path) : Check(check);
+  return app.count("--check") == 0 ? Run(path) : Check(check);
 }

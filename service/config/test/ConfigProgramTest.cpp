@@ -13,6 +13,7 @@ namespace zelt {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::StartsWith;
 
 TEST(ConfigProgramTest, RefusesABadFileServesAGoodOneAndEndsWhenTold) {
   fake::TestBus bus;
@@ -22,8 +23,9 @@ TEST(ConfigProgramTest, RefusesABadFileServesAGoodOneAndEndsWhenTold) {
   fake::ChildProcess refused({ZELT_CONFIG}, bus.Folder() / "refused.log");
   EXPECT_EQ(refused.Wait(), 1);
   EXPECT_THAT(refused.Output(), HasSubstr(ConfigFile() + ": cannot be read: No such file"));
-  fake::ChildProcess checked({ZELT_CONFIG, "--check", "/dev/null"}, bus.Folder() / "checked.log");
+  fake::ChildProcess checked({ZELT_CONFIG, "--check", ""}, bus.Folder() / "checked.log");
   EXPECT_EQ(checked.Wait(), 1);
+  EXPECT_THAT(checked.Output(), StartsWith(": cannot be read: "));
   fake::ChildProcess good({ZELT_CONFIG, "--check", SAMPLE_CONFIG}, bus.Folder() / "good.log");
   EXPECT_EQ(good.Wait(), 0) << good.Output();
 

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -112,7 +113,8 @@ TEST_F(ConfigServiceTest, FilesThatAreNoConfigurationAtAll) {
   }
   EXPECT_THAT(Problems(crowd), ElementsAre("66: officers: expected at most 32, found 33"));
   EXPECT_THAT(Problems(std::string(1U << 20U, '\n') + mode), ElementsAre(HasSubstr("1 MiB")));
-  EXPECT_THAT(ReadConfigFile(root_).problems, ElementsAre(HasSubstr("not a regular file")));
+  ASSERT_EQ(mkfifo((root_ + "/fifo").c_str(), 0600), 0);
+  EXPECT_THAT(ReadConfigFile(root_ + "/fifo").problems, ElementsAre(HasSubstr("not a regular")));
   EXPECT_THAT(ReadConfigFile(root_ + "/absent").problems,
               ElementsAre(root_ + "/absent: cannot be read: No such file or directory"));
 }

@@ -1,12 +1,9 @@
 #include "zelt/AsyncCallbackHandle.h"
 #include "zelt/ConcurrentQueue.h"
 #include "zelt/RevocableCallback.h"
-#include "zelt/UniqueFunction.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <latch>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -35,17 +32,6 @@ TEST(ConcurrentQueue, KeepsOrderOfEachProducerAndLosesNothing) {
   EXPECT_FALSE(queue.TryPop().has_value());
 }
 
-TEST(ConcurrentQueue, DestroysWhatIsStillQueuedWithoutRunningIt) {
-  auto token = std::make_shared<int>(0);
-  {
-    ConcurrentQueue<UniqueFunction<void()>> queue;
-    queue.Push([token] { ++*token; });
-    EXPECT_EQ(token.use_count(), 2);
-  }
-  EXPECT_EQ(token.use_count(), 1);
-  EXPECT_EQ(*token, 0);
-}
-
 TEST(AsyncCallbackHandle, ClosesOnceAndClosesWhatItReplaces) {
   int first = 0;
   int second = 0;
@@ -61,29 +47,6 @@ TEST(AsyncCallbackHandle, ClosesOnceAndClosesWhatItReplaces) {
   }
   EXPECT_EQ(first, 1);
   EXPECT_EQ(second, 1);
-}
-
-TEST(RevocableCallback, RevokeWaitsForTheRunningCallAndPreventsTheNext) {
-  std::latch entered(1);
-  std::latch release(1);
-  std::atomic<bool> finished{false};
-  RevocableCallback<> callback([&] {
-    entered.count_down();
-    release.wait();
-    finished = true;
-  });
-  std::jthread caller([&callback] { callback(); });
-  entered.wait();
-  std::atomic<bool> revoked{false};
-  std::jthread revoker([&] {
-    callback.Revoke();
-    EXPECT_TRUE(finished);
-    revoked = true;
-  });
-  EXPECT_FALSE(revoked);
-  release.count_down();
-  revoker.join();
-  EXPECT_FALSE(callback());
 }
 
 TEST(RevocableCallback, RevokedFromInsideReturnsAtOnceAndReleasesItsCaptures) {

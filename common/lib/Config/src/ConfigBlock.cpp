@@ -1,41 +1,70 @@
 #include "ConfigBlock.h"
 
+#include "zelt/FileDescriptor.h"
+
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#ifdef __SANITIZE_THREAD__
+#include <sanitizer/tsan_interface.h>
+#endif
+
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
+#include <filesystem>
 #include <new>
-#include <stdexcept>
 #include <system_error>
-#include <utility>
 
 namespace zelt {
 namespace {
 
 // Readers take the lock, so they need to write: those of the file's group may.
 constexpr mode_t kFileMode = S_IRUSR | S_IWUSR | S_IRGRP | S_IWGRP;
+constexpr int kLockSeconds = 1;
 
 void* Map(int fd) {
   return mmap(nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }
 
-[[noreturn]] void ThrowErrno(const std::string& what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-void CheckLock(int error, const char* what) {
+void CheckLock(int error, const std::string& path, const char* what) {
   if (error != 0) {
-    throw std::runtime_error(std::string("cannot ") + what +
-                             " the configuration block: " + std::strerror(error));
+    throw std::system_error(
+        error, std::generic_category(),
+        path + ": cannot " + what + " the configuration block" +
+            (error == ETIMEDOUT ? " within " + std::to_string(kLockSeconds) + " s" : ""));
   }
 }
 
-void Initialise(void* memory) {
+int LockInTime(pthread_mutex_t* mutex) {
+  timespec deadline{};
+  clock_gettime(CLOCK_MONOTONIC, &deadline);
+  deadline.tv_sec += kLockSeconds;
+#ifdef __SANITIZE_THREAD__  // which knows every other way to lock, but not this one
+  __tsan_mutex_pre_lock(mutex, __tsan_mutex_try_lock);
+#endif
+  const int error = pthread_mutex_clocklock(mutex, CLOCK_MONOTONIC, &deadline);
+#ifdef __SANITIZE_THREAD__
+  const unsigned failed = error == 0 || error == EOWNERDEAD ? 0 : __tsan_mutex_try_lock_failed;
+  __tsan_mutex_post_lock(mutex, __tsan_mutex_try_lock | failed, 0);
+#endif
+  return error;
+}
+
+// Whoever owns the file decides what readers believe. The owner of the folder could put any file
+// there, so nothing is gained by not trusting that one.
+bool IsTrusted(uid_t owner, const std::string& path) {
+  struct stat folder{};
+  return owner == 0 || owner == geteuid() ||
+         (stat(std::filesystem::path(path).parent_path().c_str(), &folder) == 0 &&
+          owner == folder.st_uid);
+}
+
+void Initialise(void* memory, const std::string& path) {
   auto* const layout = new (memory) ConfigBlock::Layout{};
   layout->magic = ConfigBlock::kMagic;
   layout->version = ConfigBlock::kVersion;
@@ -47,24 +76,8 @@ void Initialise(void* memory) {
   pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
   const int error = pthread_mutex_init(&layout->mutex, &attributes);
   pthread_mutexattr_destroy(&attributes);
-  CheckLock(error, "make the lock of");
+  CheckLock(error, path, "make the lock of");
 }
-
-class File {
- public:
-  explicit File(int fd) : fd_(fd) {}
-  File(const File&) = delete;
-  File& operator=(const File&) = delete;
-  ~File() {
-    if (fd_ >= 0) {
-      close(fd_);
-    }
-  }
-  int Get() const { return fd_; }
-
- private:
-  const int fd_;
-};
 
 }  // namespace
 
@@ -72,22 +85,27 @@ ConfigBlock::OpenResult ConfigBlock::Open(const std::string& path) {
   const auto failed = [&path](int error, const std::string& text) {
     return OpenResult{.block = nullptr, .error = error, .errorText = path + ": " + text};
   };
-  const File file(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK));
+  const FileDescriptor file(open(path.c_str(), O_RDWR | O_CLOEXEC | O_NONBLOCK | O_NOFOLLOW));
   struct stat status{};
   if (file.Get() < 0 || fstat(file.Get(), &status) != 0) {
     const int error = errno;
-    return failed(error, std::strerror(error));
+    return failed(error, error == ELOOP ? "is a symbolic link" : std::strerror(error));
   }
   if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) < sizeof(Layout)) {
     return failed(EINVAL, "is no configuration block (of " + std::to_string(sizeof(Layout)) +
                               " bytes or more)");
+  }
+  if (!IsTrusted(status.st_uid, path)) {
+    return failed(EPERM, "belongs to user " + std::to_string(status.st_uid) +
+                             ", expected root, user " + std::to_string(geteuid()) +
+                             " or the owner of the folder");
   }
   void* const memory = Map(file.Get());
   if (memory == MAP_FAILED) {
     const int error = errno;
     return failed(error, std::string("cannot be mapped: ") + std::strerror(error));
   }
-  const auto block = std::shared_ptr<ConfigBlock>(new ConfigBlock(memory));
+  const auto block = std::shared_ptr<ConfigBlock>(new ConfigBlock(path, memory));
   const Layout& layout = *block->layout_;
   if (layout.magic != kMagic) {
     return failed(EINVAL, "is no configuration block (wrong magic number)");
@@ -103,7 +121,7 @@ ConfigBlock::OpenResult ConfigBlock::Open(const std::string& path) {
 void ConfigBlock::Create(const std::string& path) {
   // Built beside its place and moved there: a reader never sees half a block.
   std::string temporary = path + ".XXXXXX";
-  const File file(mkostemp(temporary.data(), O_CLOEXEC));
+  const FileDescriptor file(mkostemp(temporary.data(), O_CLOEXEC));
   if (file.Get() < 0) {
     ThrowErrno(path);
   }
@@ -120,7 +138,7 @@ void ConfigBlock::Create(const std::string& path) {
   if (memory == MAP_FAILED) {
     give_up();
   }
-  Initialise(memory);
+  Initialise(memory, path);
   munmap(memory, sizeof(Layout));
   if (std::rename(temporary.c_str(), path.c_str()) != 0) {
     give_up();
@@ -132,19 +150,19 @@ ConfigBlock::~ConfigBlock() {
 }
 
 void ConfigBlock::Lock() {
-  const int error = pthread_mutex_lock(&layout_->mutex);
+  const int error = LockInTime(&layout_->mutex);
   if (error != EOWNERDEAD) {
-    CheckLock(error, "lock");
+    CheckLock(error, path_, "lock");
     return;
   }
   if (layout_->committed != 0) {
     Finish();
   }
-  CheckLock(pthread_mutex_consistent(&layout_->mutex), "repair");
+  CheckLock(pthread_mutex_consistent(&layout_->mutex), path_, "repair");
 }
 
 void ConfigBlock::Unlock() {
-  CheckLock(pthread_mutex_unlock(&layout_->mutex), "unlock");
+  CheckLock(pthread_mutex_unlock(&layout_->mutex), path_, "unlock");
 }
 
 void ConfigBlock::Finish() {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
 
 namespace zelt {
 
@@ -20,6 +21,9 @@ namespace zelt {
 //   Stage    staging := new          died: the old record stays
 //   Commit   committed := 1          died: the next to lock does Finish
 //   Finish   record := staging, published := 1, committed := 0      may be done twice
+//
+// Readers write too: they take the lock and repair. Whoever has write access to the file is
+// therefore trusted, and may spoil the record and hold the lock; nothing here defends against that.
 class ConfigBlock : public SharedMemoryBlockReaderIF {
  public:
   struct Layout {
@@ -42,10 +46,13 @@ class ConfigBlock : public SharedMemoryBlockReaderIF {
     int error = 0;  // an errno value
     std::string errorText;
   };
+  // Refuses what is no regular file, and a file of somebody who is neither root nor the user of
+  // this process nor the owner of the folder: in a folder that everybody may write to, such a block
+  // may be anybody's.
   static OpenResult Open(const std::string& path);
 
   // Puts a new, unpublished block at `path`, whole from the first moment on. Throws
-  // std::system_error.
+  // std::system_error with the path.
   static void Create(const std::string& path);
 
   ConfigBlock(const ConfigBlock&) = delete;
@@ -68,8 +75,10 @@ class ConfigBlock : public SharedMemoryBlockReaderIF {
   const ConfigRecord& Record() const { return layout_->record; }
 
  private:
-  explicit ConfigBlock(void* memory) : layout_(static_cast<Layout*>(memory)) {}
+  ConfigBlock(std::string path, void* memory)
+      : path_(std::move(path)), layout_(static_cast<Layout*>(memory)) {}
 
+  const std::string path_;  // for errors
   Layout* const layout_;
 };
 

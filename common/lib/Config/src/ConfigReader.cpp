@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace zelt {
 namespace {
@@ -25,8 +26,8 @@ class ConfigReader : public ConfigReaderIF {
       if (!published) {
         return {.record = {}, .error = ENODATA, .errorText = path + ": nothing published yet"};
       }
-    } catch (const std::runtime_error& failure) {
-      return {.record = {}, .error = ENOTRECOVERABLE, .errorText = path + ": " + failure.what()};
+    } catch (const std::system_error& failure) {
+      return {.record = {}, .error = failure.code().value(), .errorText = failure.what()};
     }
     return {.record = {block, &block->Record()}, .error = 0, .errorText = {}};
   }

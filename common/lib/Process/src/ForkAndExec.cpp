@@ -1,10 +1,12 @@
 #include "zelt/ForkAndExec.h"
 
+#include "zelt/FileDescriptor.h"
 #include "zelt/LogClient.h"
 
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,7 +15,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
-#include <stdexcept>
+#include <cstring>
 #include <system_error>
 #include <utility>
 
@@ -24,32 +26,6 @@ constexpr std::uint32_t kCategory = 0x800A;
 constexpr std::size_t kKept = std::size_t{64} * 1024;
 constexpr int kCannotRun = 127;  // as shells have it
 
-[[noreturn]] void ThrowErrno(const char* what) {
-  throw std::system_error(errno, std::generic_category(), what);
-}
-
-class Fd {
- public:
-  Fd() = default;
-  explicit Fd(int fd) : fd_(fd) {}
-  Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  Fd& operator=(Fd&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-  }
-  ~Fd() { Close(); }
-
-  int Get() const { return fd_; }
-  void Close() {
-    if (const int fd = std::exchange(fd_, -1); fd >= 0) {
-      close(fd);
-    }
-  }
-
- private:
-  int fd_ = -1;
-};
-
 // One output of the child: the pipe, and the last of what came through it.
 class Output {
  public:
@@ -58,10 +34,12 @@ class Output {
     if (pipe2(ends.data(), O_CLOEXEC) != 0) {
       ThrowErrno("pipe2");
     }
-    read_ = Fd(ends[0]);
+    read_ = FileDescriptor(ends[0]);
     // Above the standard three, so that in the child no dup2 overwrites it.
-    write_ = Fd(fcntl(Fd(ends[1]).Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
-    if (write_.Get() < 0 || fcntl(read_.Get(), F_SETFL, O_NONBLOCK) != 0) {
+    write_ =
+        FileDescriptor(fcntl(FileDescriptor(ends[1]).Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    capacity_ = fcntl(read_.Get(), F_GETPIPE_SZ);
+    if (write_.Get() < 0 || capacity_ < 0 || fcntl(read_.Get(), F_SETFL, O_NONBLOCK) != 0) {
       ThrowErrno("fcntl");
     }
   }
@@ -70,33 +48,70 @@ class Output {
   int WriteEnd() const { return write_.Get(); }
   void CloseWriteEnd() { write_.Close(); }
 
-  // Reads what lies in the pipe, at most once its capacity, so that a writer that never rests
-  // cannot hold the reader up.
+  // Reads all that lies in the pipe, but no more than fits into it at a time, so that a writer that
+  // never rests cannot hold the reader up.
   void Drain() {
-    if (read_.Get() < 0) {
-      return;
-    }
     std::array<char, kKept> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init)
-    const ssize_t size = read(read_.Get(), buffer.data(), buffer.size());
-    if (size > 0) {
-      text_.append(buffer.data(), static_cast<std::size_t>(size));
-      if (text_.size() > kKept) {
-        text_.erase(0, text_.size() - kKept);
+    for (ssize_t left = capacity_; left > 0 && read_.Get() >= 0;) {
+      const ssize_t size = read(read_.Get(), buffer.data(), buffer.size());
+      if (size > 0) {
+        left -= size;
+        text_.append(buffer.data(), static_cast<std::size_t>(size));
+        if (text_.size() > kKept) {
+          text_.erase(0, text_.size() - kKept);
+        }
+      } else if (size < 0 && errno == EAGAIN) {
+        return;
+      } else if (size == 0 || errno != EINTR) {
+        read_.Close();
       }
-    } else if (size == 0 || (errno != EAGAIN && errno != EINTR)) {
-      read_.Close();
     }
   }
 
   std::string Take() { return std::move(text_); }
 
  private:
-  Fd read_;
-  Fd write_;
+  FileDescriptor read_;
+  FileDescriptor write_;
+  int capacity_ = 0;
   std::string text_;
 };
 
 // Between fork and exec only async-signal-safe calls: another thread may have held any lock.
+
+// "the child failed: exec, errno 2\n" on the given descriptor, and the end.
+[[noreturn]] void Fail(int descriptor, const char* step) noexcept {
+  int number = errno;
+  std::array<char, 128> text{};
+  std::size_t at = text.size();
+  const auto prepend = [&](const char* part) {
+    const std::size_t size = std::strlen(part);
+    at -= size;
+    std::memcpy(&text.at(at), part, size);
+  };
+  prepend("\n");
+  do {
+    text.at(--at) = static_cast<char>('0' + number % 10);
+    number /= 10;
+  } while (number != 0);
+  prepend(", errno ");
+  prepend(step);
+  prepend("the child failed: ");
+  [[maybe_unused]] const auto written = write(descriptor, &text.at(at), text.size() - at);
+  _exit(kCannotRun);
+}
+
+// An older kernel has no close_range, and a sandbox may forbid it.
+void CloseAllFrom(unsigned first) noexcept {
+  rlimit limit{};
+  if (close_range(first, ~0U, 0) == 0 || getrlimit(RLIMIT_NOFILE, &limit) != 0) {
+    return;
+  }
+  for (rlim_t descriptor = first; descriptor < limit.rlim_cur; ++descriptor) {
+    close(static_cast<int>(descriptor));
+  }
+}
+
 [[noreturn]] void RunChild(pid_t parent, int output, int error,
                            UniqueFunction<void()>& inChild) noexcept {
   struct sigaction by_default{};
@@ -109,19 +124,24 @@ class Output {
   sigprocmask(SIG_SETMASK, &none, nullptr);
   // The parent may have died before the request was in force.
   if (prctl(PR_SET_PDEATHSIG, SIGKILL) != 0 || getppid() != parent) {
-    _exit(kCannotRun);
+    Fail(error, "prctl, or its parent is gone");
   }
   const int null = open("/dev/null", O_RDONLY);
-  if (null < 0 || dup2(null, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
-      dup2(error, STDERR_FILENO) < 0 || close_range(STDERR_FILENO + 1, ~0U, 0) != 0) {
-    _exit(kCannotRun);
+  if (null < 0) {
+    Fail(error, "open /dev/null");
   }
+  if (dup2(null, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
+      dup2(error, STDERR_FILENO) < 0) {
+    Fail(error, "dup2");
+  }
+  CloseAllFrom(STDERR_FILENO + 1);
   try {
+    errno = 0;
     inChild();
   } catch (...) {
-    _exit(kCannotRun);
+    Fail(STDERR_FILENO, "an exception");
   }
-  _exit(kCannotRun);
+  Fail(STDERR_FILENO, "exec");
 }
 
 // Signals stay blocked until the child has taken the parent's handlers off.
@@ -161,7 +181,7 @@ ForkAndExecResult Run(UniqueFunction<void()>& inChild) {
   output.CloseWriteEnd();
   error.CloseWriteEnd();
   // The child is ours and not reaped yet, so its number cannot have been given away.
-  const Fd ended(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
+  const FileDescriptor ended(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
   if (ended.Get() < 0) {
     const int cause = errno;
     kill(child, SIGKILL);

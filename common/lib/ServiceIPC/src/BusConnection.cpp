@@ -4,6 +4,7 @@
 #include "BusLimits.h"
 #include "LogCategory.h"
 #include "zelt/LogClient.h"
+#include "zelt/RunGuarded.h"
 
 #include <poll.h>
 
@@ -94,6 +95,8 @@ void BusConnectionImpl::Connect() {
 
   sd_bus_slot* slot = nullptr;
   Check(sd_bus_add_object_vtable(bus, &slot, kObjectPath, kInterface, kVtable, this), what);
+  slots_.emplace_back(slot);
+  Check(sd_bus_add_filter(bus, &slot, &Entry<&BusConnectionImpl::OnAnything>, this), what);
   slots_.emplace_back(slot);
   AddMatch(
       "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
@@ -215,24 +218,32 @@ AsyncCallbackHandle BusConnectionImpl::WatchDisconnect(UniqueFunction<void()> ca
       disconnect_watches_.push_back(watch);
     }
   });
-  return AsyncCallbackHandle([watch] { watch->Revoke(); });
+  return AsyncCallbackHandle([weak = weak_from_this(), watch] {
+    if (const auto self = weak.lock()) {
+      self->loop_.Post(
+          [self = self.get(), watch] { std::erase(self->disconnect_watches_, watch); });
+    }
+    watch->Revoke();
+  });
 }
 
 int BusConnectionImpl::OnDisconnected(sd_bus_message*, sd_bus_error*) {
   lost_ = true;
+  late_.clear();
+  peers_.clear();
   ZELT_LOG(kLogError, kIpcLogCategory) << "Lost the connection to the bus at " << address_;
   while (!requests_.empty()) {
     FinishRequest(requests_.begin()->first,
                   {Outcome::Disconnected, "", "", "the connection to the bus was lost"});
   }
   for (const auto& watch : std::exchange(disconnect_watches_, {})) {
-    (*watch)();
+    RunGuarded(kIpcLogCategory, [&] { (*watch)(); }, "Watch of the connection threw an exception");
   }
   return 0;
 }
 
 void BusConnectionImpl::Flush() {
-  loop_.PostAndWait([] {});  // sd-bus writes at once, as far as the bus reads
+  loop_.PostAndWait([] {});
 }
 
 std::vector<std::string> BusConnectionImpl::ListNames() {

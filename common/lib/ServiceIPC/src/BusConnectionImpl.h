@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -19,15 +20,29 @@
 
 namespace zelt {
 
+// What a process has sent and does not know the end of.
+struct UnderWay {
+  std::atomic<std::size_t> messages{0};
+  std::atomic<std::size_t> bytes{0};  // of payload
+};
+
 // The end of one operation: reports its result exactly once, and "Disconnected" when it is dropped.
-// Counts itself as under way while it lives.
+// Until then it counts as under way.
 template <class Result>
 class Completion {
  public:
-  Completion(UniqueFunction<void(Result)> report, std::atomic<std::size_t>* under_way)
-      : report_(std::move(report)), under_way_(under_way) {}
+  explicit Completion(UniqueFunction<void(Result)> report, UnderWay* under_way = nullptr,
+                      std::size_t bytes = 0)
+      : report_(std::move(report)), under_way_(under_way), bytes_(bytes) {
+    if (under_way_ != nullptr) {
+      under_way_->messages += 1;
+      under_way_->bytes += bytes_;
+    }
+  }
   Completion(Completion&& other) noexcept
-      : report_(std::exchange(other.report_, nullptr)), under_way_(other.under_way_) {}
+      : report_(std::exchange(other.report_, nullptr)),
+        under_way_(other.under_way_),
+        bytes_(other.bytes_) {}
   Completion& operator=(Completion&&) = delete;
   ~Completion() {
     if (report_) {
@@ -40,7 +55,8 @@ class Completion {
   void operator()(Result result) {
     if (auto report = std::exchange(report_, nullptr)) {
       if (under_way_ != nullptr) {
-        under_way_->fetch_sub(1);
+        under_way_->messages -= 1;
+        under_way_->bytes -= bytes_;
       }
       report(std::move(result));
     }
@@ -48,7 +64,8 @@ class Completion {
 
  private:
   UniqueFunction<void(Result)> report_;
-  std::atomic<std::size_t>* under_way_;
+  UnderWay* under_way_;
+  std::size_t bytes_;
 };
 
 // What is on the bus and who calls whom stands in docs/ipc.md.
@@ -119,9 +136,17 @@ class BusConnectionImpl final : public BusConnection,
   struct Call {
     BusConnectionImpl* self = nullptr;
     std::uint64_t id = 0;
+    std::string peer;          // see Peer
+    std::uint64_t cookie = 0;  // its number on the bus
     SlotPtr slot;
     AsyncCallbackHandle deadline;
     CallHandler handler;
+  };
+  // A receiver that has not answered every call, those that timed out included: the bus counts them
+  // as well. When its connection goes, the bus answers in its place.
+  struct Peer {
+    std::size_t unanswered = 0;
+    std::size_t timed_out = 0;  // since it last answered any, or its name changed hands
   };
   // A sent message whose answer is awaited, from its sending until the answer or its end.
   struct Request {
@@ -130,6 +155,7 @@ class BusConnectionImpl final : public BusConnection,
     std::string bus_name;
     std::string peer;        // the one connection that may answer
     bool delivered = false;  // `peer` has acknowledged it, and is no longer a guess
+    SlotPtr end_of_peer;     // for one without a name; the end of others is told anyway
     AsyncCallbackHandle deadline;
     Completion<Reply> done;
   };
@@ -178,8 +204,12 @@ class BusConnectionImpl final : public BusConnection,
   void DeliverToSelf(const Outgoing& outgoing, sd_bus_message* message, Completion<Reply> done);
   static Reply ToReply(const CallResult& call, Kind kind);
   void FinishRequest(std::uint64_t id, Reply reply);
+  std::string WhyFull(std::size_t size);
   void Invoke(sd_bus_message* message, std::optional<Time> deadline, bool waits,
               CallHandler handler);
+  std::optional<CallResult> Refusal(const std::string& peer) const;
+  void Answered(const std::string& peer, std::string_view sender);
+  void TimeOut(std::uint64_t cookie, const std::string& peer);
   void FinishCall(std::uint64_t id, const CallResult& result);
   CallResult ToResult(sd_bus_message* reply, int result, const sd_bus_error* error) const;
   MessagePtr NewStateQuery(const std::string& bus_name);
@@ -194,6 +224,7 @@ class BusConnectionImpl final : public BusConnection,
                                                        std::string_view sender);
   static bool CallReceiver(Receiver& receiver, const MessageEnvelope& envelope,
                            std::string_view payload);
+  bool MayComplain();
   bool AcceptResponse(std::string_view connection, std::uint64_t request, std::string_view type,
                       std::string_view payload);
   void Announce(const std::string& topic);
@@ -204,6 +235,7 @@ class BusConnectionImpl final : public BusConnection,
   // They return what sd-bus expects: negative with an error set, 0 when others may also have it.
   int OnSend(sd_bus_message* message, sd_bus_error* error);
   int OnRespond(sd_bus_message* message, sd_bus_error* error);
+  int OnAnything(sd_bus_message* message, sd_bus_error* error);
   int OnNameOwnerChanged(sd_bus_message* message, sd_bus_error* error);
   int OnPropertiesChanged(sd_bus_message* message, sd_bus_error* error);
   int OnDisconnected(sd_bus_message* message, sd_bus_error* error);
@@ -212,13 +244,13 @@ class BusConnectionImpl final : public BusConnection,
     return (static_cast<BusConnectionImpl*>(self)->*Handler)(message, error);
   }
   static int OnReceived(sd_bus_message* message, void* receiver, sd_bus_error* error) noexcept;
-  static int OnMatchInstalled(sd_bus_message* reply, void* receiver, sd_bus_error* error);
+  static int OnMatchInstalled(sd_bus_message* reply, void* receiver, sd_bus_error* error) noexcept;
   static int GetState(sd_bus*, const char* path, const char* interface, const char* property,
-                      sd_bus_message* reply, void* self, sd_bus_error* error);
+                      sd_bus_message* reply, void* self, sd_bus_error* error) noexcept;
   static int GetLogLevel(sd_bus*, const char* path, const char* interface, const char* property,
-                         sd_bus_message* reply, void* self, sd_bus_error* error);
+                         sd_bus_message* reply, void* self, sd_bus_error* error) noexcept;
   static int SetLogLevel(sd_bus*, const char* path, const char* interface, const char* property,
-                         sd_bus_message* value, void* self, sd_bus_error* error);
+                         sd_bus_message* value, void* self, sd_bus_error* error) noexcept;
   static const sd_bus_vtable kVtable[];
 
   // constant after construction
@@ -227,7 +259,7 @@ class BusConnectionImpl final : public BusConnection,
   std::string unique_name_;
 
   std::atomic<std::uint32_t> state_{0};
-  std::atomic<std::size_t> under_way_{0};
+  UnderWay under_way_;
 
   std::mutex mutex_;
   // guarded by mutex_
@@ -241,6 +273,12 @@ class BusConnectionImpl final : public BusConnection,
   NameMap names_;
   std::uint64_t last_id_ = 0;  // of calls, requests and watches
   std::map<std::uint64_t, Call> calls_;
+  std::map<std::uint64_t, std::string> late_;       // cookie -> peer, of the calls that timed out
+  std::map<std::string, Peer, std::less<>> peers_;  // by bus name
+  std::deque<std::size_t> queued_sizes_;            // of the latest messages, see WhyFull
+  std::size_t queued_bytes_ = 0;                    // their sum
+  std::size_t complaints_ = 0;
+  AsyncCallbackHandle complaint_timer_;
   std::map<std::uint64_t, Request> requests_;
   std::map<Receiver*, Match> matches_;
   std::map<std::uint64_t, Watch> watches_;

@@ -3,9 +3,9 @@
 #include "BusLimits.h"
 #include "LogCategory.h"
 #include "zelt/LogClient.h"
+#include "zelt/RunGuarded.h"
 
 #include <algorithm>
-#include <exception>
 #include <set>
 #include <utility>
 
@@ -33,21 +33,6 @@ std::string WhatIsWrong(std::string_view type, std::string_view payload) {
            std::to_string(kMaxPayload);
   }
   return "";
-}
-
-// Runs a callback of the user's. True if it ran to its end.
-template <class Function>
-bool RunCallback(std::string_view what, std::string_view name, const Function& function) {
-  try {
-    return function();
-  } catch (const std::exception& error) {
-    ZELT_LOG(kLogError, kIpcLogCategory)
-        << what << " [" << name << "] threw an exception: " << error.what();
-  } catch (...) {
-    ZELT_LOG(kLogError, kIpcLogCategory)
-        << what << " [" << name << "] threw an exception of unknown type";
-  }
-  return false;
 }
 
 // The "State" among the changed properties, if it is.
@@ -106,11 +91,13 @@ int BusConnectionImpl::OnSend(sd_bus_message* message, sd_bus_error* error) {
       sd_bus_message_read(message, "t", &request) < 0) {
     return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "Send takes (s, ay, t)");
   }
-  const std::string connection = sd_bus_message_get_sender(message);
+  const std::string connection = SenderOf(message);
   const MessageEnvelope envelope{names_.SenderName(connection), type, connection, request};
   if (const auto wrong = WhatIsWrong(type, payload); !wrong.empty()) {
-    ZELT_LOG(kLogWarning, kIpcLogCategory)
-        << "Refused a message from [" << envelope.sender << "]: " << wrong;
+    if (MayComplain()) {
+      ZELT_LOG(kLogWarning, kIpcLogCategory)
+          << "Refused a message from [" << envelope.sender << "]: " << wrong;
+    }
     return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, wrong.c_str());
   }
   bool taken = false;
@@ -127,14 +114,33 @@ int BusConnectionImpl::OnRespond(sd_bus_message* message, sd_bus_error* error) {
   if (sd_bus_message_read(message, "ts", &request, &type) < 0 || ReadBytes(message, payload) < 0) {
     return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "Respond takes (t, s, ay)");
   }
-  const std::string connection = sd_bus_message_get_sender(message);
+  const std::string connection = SenderOf(message);
   if (const auto wrong = WhatIsWrong(type, payload); !wrong.empty()) {
-    ZELT_LOG(kLogWarning, kIpcLogCategory)
-        << "Refused a response from [" << names_.SenderName(connection) << "]: " << wrong;
+    if (MayComplain()) {
+      ZELT_LOG(kLogWarning, kIpcLogCategory)
+          << "Refused a response from [" << names_.SenderName(connection) << "]: " << wrong;
+    }
     return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, wrong.c_str());
   }
   const bool taken = AcceptResponse(connection, request, type, payload);
   return sd_bus_reply_method_return(message, "b", taken ? 1 : 0);
+}
+
+// Whether a line that peers can provoke is written. The first of each second are; the others are
+// counted, and their number follows.
+bool BusConnectionImpl::MayComplain() {
+  if (++complaints_ == 1) {
+    complaint_timer_ = loop_.AddTimer(
+        "complaints",
+        [this] {
+          if (const auto all = std::exchange(complaints_, 0); all > kMaxComplaints) {
+            ZELT_LOG_AS("MayComplain", kLogWarning, kIpcLogCategory)
+                << all - kMaxComplaints << " more messages were refused or dropped";
+          }
+        },
+        kComplaintTime, false);
+  }
+  return complaints_ <= kMaxComplaints;
 }
 
 bool BusConnectionImpl::AcceptResponse(std::string_view connection, std::uint64_t request,
@@ -143,7 +149,7 @@ bool BusConnectionImpl::AcceptResponse(std::string_view connection, std::uint64_
   const bool is_awaited = waiting != requests_.end() && waiting->second.peer == connection;
   if (is_awaited) {
     FinishRequest(request, {Outcome::Answered, std::string(type), std::string(payload), ""});
-  } else {
+  } else if (MayComplain()) {
     ZELT_LOG(kLogWarning, kIpcLogCategory)
         << "Refused response [" << type << "] from [" << names_.SenderName(connection)
         << "]: request " << request
@@ -153,17 +159,18 @@ bool BusConnectionImpl::AcceptResponse(std::string_view connection, std::uint64_
 }
 
 int BusConnectionImpl::GetState(sd_bus*, const char*, const char*, const char*,
-                                sd_bus_message* reply, void* self, sd_bus_error*) {
+                                sd_bus_message* reply, void* self, sd_bus_error*) noexcept {
   return sd_bus_message_append(reply, "u", static_cast<BusConnectionImpl*>(self)->state_.load());
 }
 
 int BusConnectionImpl::GetLogLevel(sd_bus*, const char*, const char*, const char*,
-                                   sd_bus_message* reply, void*, sd_bus_error*) {
+                                   sd_bus_message* reply, void*, sd_bus_error*) noexcept {
   return sd_bus_message_append(reply, "u", static_cast<std::uint32_t>(LogClient::Level()));
 }
 
 int BusConnectionImpl::SetLogLevel(sd_bus*, const char*, const char*, const char*,
-                                   sd_bus_message* value, void* self, sd_bus_error* error) {
+                                   sd_bus_message* value, void* self,
+                                   sd_bus_error* error) noexcept {
   std::uint32_t level = 0;
   if (sd_bus_message_read(value, "u", &level) < 0 || level > kLogVerbose) {
     return sd_bus_error_set(error, SD_BUS_ERROR_INVALID_ARGS, "LogLevel is 0 to 8");
@@ -171,8 +178,7 @@ int BusConnectionImpl::SetLogLevel(sd_bus*, const char*, const char*, const char
   LogClient::SetLevel(static_cast<int>(level));
   ZELT_LOG(kLogInfo, kIpcLogCategory)
       << "Log level set to " << level << " by ["
-      << static_cast<BusConnectionImpl*>(self)->names_.SenderName(sd_bus_message_get_sender(value))
-      << "]";
+      << static_cast<BusConnectionImpl*>(self)->names_.SenderName(SenderOf(value)) << "]";
   return 0;
 }
 
@@ -261,7 +267,8 @@ void BusConnectionImpl::InstallMatch(const std::shared_ptr<Receiver>& receiver) 
   }
 }
 
-int BusConnectionImpl::OnMatchInstalled(sd_bus_message* reply, void* receiver, sd_bus_error*) {
+int BusConnectionImpl::OnMatchInstalled(sd_bus_message* reply, void* receiver,
+                                        sd_bus_error*) noexcept {
   if (const auto* error = sd_bus_message_get_error(reply)) {
     ZELT_LOG(kLogError, kIpcLogCategory)
         << "The bus refuses to pass on [" << static_cast<Receiver*>(receiver)->name
@@ -273,18 +280,20 @@ int BusConnectionImpl::OnMatchInstalled(sd_bus_message* reply, void* receiver, s
 // A published message or a subscriber's announcement; 0 lets other matches have it as well.
 int BusConnectionImpl::OnReceived(sd_bus_message* message, void* receiver, sd_bus_error*) noexcept {
   auto& target = *static_cast<Receiver*>(receiver);
-  const BusConnectionImpl& self = *target.self;
+  BusConnectionImpl& self = *target.self;
   const char* topic = "";
   std::string_view payload;
-  const std::string connection = sd_bus_message_get_sender(message);
+  const std::string connection = SenderOf(message);
   const bool is_handler = target.kind == ReceiverKind::Handler;
   const bool is_good = sd_bus_message_read(message, "s", &topic) >= 0 &&
                        (is_handler || ReadBytes(message, payload) >= 0);
   const MessageEnvelope envelope{self.names_.SenderName(connection), topic, connection, 0};
   const std::string wrong = is_good ? WhatIsWrong(topic, payload) : "its arguments are malformed";
   if (!wrong.empty()) {
-    ZELT_LOG(kLogWarning, kIpcLogCategory)
-        << "Dropped a signal from [" << envelope.sender << "]: " << wrong;
+    if (self.MayComplain()) {
+      ZELT_LOG(kLogWarning, kIpcLogCategory)
+          << "Dropped a signal from [" << envelope.sender << "]: " << wrong;
+    }
     return 0;
   }
   CallReceiver(target, envelope, is_handler ? std::string_view(envelope.sender) : payload);
@@ -324,7 +333,9 @@ std::vector<std::shared_ptr<BusConnectionImpl::Receiver>> BusConnectionImpl::Fin
   }
   const auto& allowed = callback->allowed_senders;
   if (allowed && std::ranges::count(*allowed, sender) == 0) {
-    ZELT_LOG(kLogWarning, kIpcLogCategory) << "[" << sender << "] may not send [" << type << "]";
+    if (MayComplain()) {
+      ZELT_LOG(kLogWarning, kIpcLogCategory) << "[" << sender << "] may not send [" << type << "]";
+    }
     return {};
   }
   return {callback};
@@ -332,12 +343,18 @@ std::vector<std::shared_ptr<BusConnectionImpl::Receiver>> BusConnectionImpl::Fin
 
 bool BusConnectionImpl::CallReceiver(Receiver& receiver, const MessageEnvelope& envelope,
                                      std::string_view payload) {
-  return RunCallback("Callback of", envelope.type,
-                     [&] { return receiver.callback(envelope, payload); });
+  return RunGuarded(
+      kIpcLogCategory, [&] { return receiver.callback(envelope, payload); }, "Callback of [",
+      envelope.type, "] threw an exception");
 }
 
 void BusConnectionImpl::Announce(const std::string& topic) {
-  sd_bus_emit_signal(bus_.get(), kObjectPath, kInterface, "Subscribed", "s", topic.c_str());
+  const int result =
+      sd_bus_emit_signal(bus_.get(), kObjectPath, kInterface, "Subscribed", "s", topic.c_str());
+  if (result < 0) {
+    ZELT_LOG(kLogError, kIpcLogCategory)
+        << "Cannot announce the subscription to [" << topic << "]: " << ErrorText(result);
+  }
 }
 
 void BusConnectionImpl::AnnounceAll() {
@@ -358,13 +375,18 @@ int BusConnectionImpl::OnNameOwnerChanged(sd_bus_message* message, sd_bus_error*
   const char* before = nullptr;
   const char* now = nullptr;
   // Anybody can address such a signal to us; only the bus itself is believed.
-  if (sd_bus_message_get_sender(message) != std::string_view("org.freedesktop.DBus") ||
-      sd_bus_message_read(message, "sss", &name, &before, &now) < 0) {
-    ZELT_LOG(kLogWarning, kIpcLogCategory)
-        << "Dropped a forged NameOwnerChanged from [" << sd_bus_message_get_sender(message) << "]";
+  const std::string sender = SenderOf(message);
+  if (sender != kBusItself || sd_bus_message_read(message, "sss", &name, &before, &now) < 0) {
+    if (MayComplain()) {
+      ZELT_LOG(kLogWarning, kIpcLogCategory)
+          << "Dropped a forged NameOwnerChanged from [" << sender << "]";
+    }
     return 0;
   }
   names_.Set(name, now);
+  if (const auto peer = peers_.find(name); peer != peers_.end()) {
+    peer->second.timed_out = 0;
+  }
   std::vector<std::uint64_t> orphans;
   for (auto& [id, request] : requests_) {
     if (request.bus_name == name && !request.delivered) {
@@ -385,7 +407,7 @@ int BusConnectionImpl::OnNameOwnerChanged(sd_bus_message* message, sd_bus_error*
 }
 
 int BusConnectionImpl::OnPropertiesChanged(sd_bus_message* message, sd_bus_error*) {
-  const std::string connection = sd_bus_message_get_sender(message);
+  const std::string connection = SenderOf(message);
   const auto state = ReadChangedState(message);
   if (!state) {
     return 0;
@@ -456,8 +478,9 @@ void BusConnectionImpl::AskState(std::uint64_t id) {
 void BusConnectionImpl::TellState(std::uint64_t id, std::uint32_t state) {
   auto& watch = watches_[id];
   if (std::exchange(watch.told, state) != state) {
-    RunCallback("Watch of", watch.bus_name,
-                [state, callback = watch.callback] { return (*callback)(state); });
+    RunGuarded(
+        kIpcLogCategory, [state, callback = watch.callback] { return (*callback)(state); },
+        "Watch of [", watch.bus_name, "] threw an exception");
   }
 }
 

@@ -118,10 +118,9 @@ void BusConnectionImpl::Transmit(const Outgoing& outgoing, std::string_view peer
         }
         report(std::move(reply));
       },
-      &under_way_);
-  const std::size_t under_way = under_way_.fetch_add(1);
+      &under_way_, outgoing.payload.size());
   const auto refuse = [&done](const std::string& why) { done({Outcome::Invalid, "", "", why}); };
-  if (under_way >= kMaxSendsUnderWay) {
+  if (under_way_.messages > kMaxSendsUnderWay) {
     refuse("limit of " + std::to_string(kMaxSendsUnderWay) + " sends under way reached");
     return;
   }
@@ -134,6 +133,10 @@ void BusConnectionImpl::Transmit(const Outgoing& outgoing, std::string_view peer
   if (outgoing.payload.size() > kMaxPayload) {
     refuse("payload of " + std::to_string(outgoing.payload.size()) +
            " bytes exceeds the limit of " + std::to_string(kMaxPayload));
+    return;
+  }
+  if (under_way_.bytes > kMaxBytesUnderWay) {
+    refuse("limit of " + std::to_string(kMaxBytesUnderWay) + " bytes under way reached");
     return;
   }
   if (outgoing.kind != Kind::Publish && outgoing.bus_name.empty()) {
@@ -197,6 +200,10 @@ int BusConnectionImpl::NewMessage(const Outgoing& outgoing, std::uint64_t reques
 void BusConnectionImpl::Deliver(const Outgoing& outgoing, bool waits, Completion<Reply> done) {
   const bool awaits_answer = outgoing.answer_time.count() > 0;
   const std::uint64_t id = awaits_answer ? ++last_id_ : 0;
+  if (auto full = WhyFull(outgoing.payload.size()); !full.empty()) {
+    done({Outcome::Invalid, "", "", std::move(full)});
+    return;
+  }
   MessagePtr message;
   int result = NewMessage(outgoing, id, message);
   if (result >= 0 && outgoing.kind == Kind::Publish) {
@@ -223,12 +230,42 @@ void BusConnectionImpl::Deliver(const Outgoing& outgoing, bool waits, Completion
   }
 }
 
+// Empty; or why the bus gets nothing more for now: it does not read, and what waits for it takes
+// this process's memory.
+std::string BusConnectionImpl::WhyFull(std::size_t size) {
+  std::uint64_t waiting = 0;
+  sd_bus_get_n_queued_write(bus_.get(), &waiting);
+  // They leave in the order of sending, so that only the latest can still be here.
+  for (; queued_sizes_.size() > waiting; queued_sizes_.pop_front()) {
+    queued_bytes_ -= queued_sizes_.front();
+  }
+  if (waiting >= kMaxQueuedMessages || queued_bytes_ + size > kMaxQueuedBytes) {
+    return "the bus does not read: " + std::to_string(waiting) + " messages with " +
+           std::to_string(queued_bytes_) + " bytes wait for it";
+  }
+  queued_sizes_.push_back(size);
+  queued_bytes_ += size;
+  return "";
+}
+
 void BusConnectionImpl::DeliverAndAwaitAnswer(const Outgoing& outgoing, std::uint64_t id,
                                               sd_bus_message* message, Completion<Reply> done) {
   const auto answer_deadline = outgoing.start + outgoing.answer_time;
   auto& request = requests_.emplace(id, Request(std::move(done))).first->second;
   request.bus_name = outgoing.bus_name;
   request.peer = names_.OwnerOf(outgoing.bus_name);
+  if (request.bus_name.starts_with(':')) {
+    const std::string rule =
+        "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
+        "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='" +
+        request.bus_name + "'";
+    sd_bus_slot* slot = nullptr;
+    sd_bus_add_match_async(
+        bus_.get(), &slot, rule.c_str(), &Entry<&BusConnectionImpl::OnNameOwnerChanged>,
+        [](sd_bus_message*, void*, sd_bus_error*) { return 0; },  // refused: the deadline ends it
+        this);
+    request.end_of_peer.reset(slot);
+  }
   request.deadline = loop_.AddTimer(
       "answer",
       [this, id, time = outgoing.answer_time] {
@@ -244,7 +281,7 @@ void BusConnectionImpl::DeliverAndAwaitAnswer(const Outgoing& outgoing, std::uin
       return;
     }
     if (const auto waiting = requests_.find(id); waiting != requests_.end()) {
-      waiting->second.peer = sd_bus_message_get_sender(call.reply);
+      waiting->second.peer = SenderOf(call.reply);
       waiting->second.delivered = true;
     }
   });
@@ -293,12 +330,25 @@ void BusConnectionImpl::Invoke(sd_bus_message* message, std::optional<Time> dead
     handler({Outcome::TimedOut, nullptr, "the IPC thread was held up for too long"});
     return;
   }
+  const char* destination = sd_bus_message_get_destination(message);
+  std::string peer = destination == nullptr ? "" : destination;
+  if (const auto refusal = Refusal(peer); deadline && refusal) {
+    handler(*refusal);
+    return;
+  }
+  std::uint64_t cookie = 0;
   if (waits) {
     BusError error;
     sd_bus_message* raw = nullptr;
     const int result = sd_bus_call(bus_.get(), message, static_cast<std::uint64_t>(left.count()),
                                    &error.error, &raw);
     const MessagePtr reply(raw);
+    // Before the deadline, it is the receiver that says so.
+    const bool timed_out = result == -ETIMEDOUT && deadline && TimerQueue::Now() >= *deadline;
+    if (timed_out && sd_bus_message_get_cookie(message, &cookie) >= 0) {
+      ++peers_[peer].unanswered;
+      TimeOut(cookie, peer);
+    }
     handler(ToResult(raw, result, &error.error));
     return;
   }
@@ -315,17 +365,74 @@ void BusConnectionImpl::Invoke(sd_bus_message* message, std::optional<Time> dead
     FinishCall(id, ToResult(nullptr, result, nullptr));
     return;
   }
+  sd_bus_message_get_cookie(message, &cookie);
+  ++peers_[peer].unanswered;
+  call.peer = std::move(peer);
   if (deadline) {
     call.deadline = loop_.AddTimer(
         "delivery",
-        [this, id] { FinishCall(id, {Outcome::TimedOut, nullptr, "the receiver does not react"}); },
+        [this, id, cookie] {
+          TimeOut(cookie, calls_[id].peer);
+          FinishCall(id, {Outcome::TimedOut, nullptr, "the receiver does not react"});
+        },
         left, false);
   }
+}
+
+// Why `peer` gets nothing more for now, if so.
+std::optional<BusConnectionImpl::CallResult> BusConnectionImpl::Refusal(
+    const std::string& peer) const {
+  const auto known = peers_.find(peer);
+  if (known != peers_.end() && known->second.timed_out >= kMaxTimedOut) {
+    return CallResult{
+        Outcome::TimedOut, nullptr,
+        "the receiver has " + std::to_string(known->second.unanswered) + " messages unanswered"};
+  }
+  if (known != peers_.end() && known->second.unanswered >= kMaxUnanswered) {
+    return CallResult{Outcome::Invalid, nullptr,
+                      "limit of " + std::to_string(kMaxUnanswered) +
+                          " messages reached that the receiver has not answered"};
+  }
+  return std::nullopt;
+}
+
+void BusConnectionImpl::TimeOut(std::uint64_t cookie, const std::string& peer) {
+  late_.emplace(cookie, peer);
+  ++peers_[peer].timed_out;
+}
+
+// One call less is unanswered; the bus answers for those who cannot any more.
+void BusConnectionImpl::Answered(const std::string& peer, std::string_view sender) {
+  const auto known = peers_.find(peer);
+  if (known == peers_.end()) {
+    return;
+  }
+  if (sender != kBusItself) {
+    known->second.timed_out = 0;
+  }
+  if (--known->second.unanswered == 0) {
+    peers_.erase(known);
+  }
+}
+
+// Sees everything that comes, and looks for answers that come too late for anybody.
+int BusConnectionImpl::OnAnything(sd_bus_message* message, sd_bus_error*) {
+  std::uint64_t cookie = 0;
+  std::uint8_t type = 0;
+  sd_bus_message_get_type(message, &type);
+  if ((type == SD_BUS_MESSAGE_METHOD_RETURN || type == SD_BUS_MESSAGE_METHOD_ERROR) &&
+      sd_bus_message_get_reply_cookie(message, &cookie) >= 0) {
+    if (const auto late = late_.extract(cookie)) {
+      Answered(late.mapped(), SenderOf(message));
+    }
+  }
+  return 0;
 }
 
 int BusConnectionImpl::OnReply(sd_bus_message* reply, void* call, sd_bus_error*) noexcept {
   auto& pending = *static_cast<Call*>(call);
   BusConnectionImpl& self = *pending.self;
+  self.Answered(pending.peer, SenderOf(reply));
   self.FinishCall(pending.id, self.ToResult(reply, 0, sd_bus_message_get_error(reply)));
   return 0;
 }
@@ -359,7 +466,12 @@ void BusConnectionImpl::SetState(std::uint32_t state) {
   }
   loop_.Post([this] {
     if (!lost_) {
-      sd_bus_emit_properties_changed(bus_.get(), kObjectPath, kInterface, "State", nullptr);
+      const int result =
+          sd_bus_emit_properties_changed(bus_.get(), kObjectPath, kInterface, "State", nullptr);
+      if (result < 0) {
+        ZELT_LOG_AS("SetState", kLogError, kIpcLogCategory)
+            << "Cannot tell the state: " << ErrorText(result);
+      }
     }
   });
 }
@@ -368,14 +480,17 @@ std::future<BusConnection::StateReply> BusConnectionImpl::QueryState(std::string
                                                                      Seconds timeout) {
   std::promise<StateReply> promise;
   auto future = promise.get_future();
-  Completion<StateReply> done(
-      [promise = std::move(promise)](StateReply reply) mutable {
-        promise.set_value(std::move(reply));
-      },
-      nullptr);
+  Completion<StateReply> done([promise = std::move(promise)](StateReply reply) mutable {
+    promise.set_value(std::move(reply));
+  });
   auto bus_name = BusNameOf(service);
   if (!bus_name) {
     done({Outcome::Invalid, 0, "this is the name of no service or tool"});
+    return future;
+  }
+  const bool is_own = *bus_name == own_bus_name_ || *bus_name == unique_name_;
+  if (is_own && loop_.IsOnLoop() && IsOpen()) {
+    done({Outcome::Delivered, state_, ""});  // that thread cannot wait for itself
     return future;
   }
   const auto limit = std::clamp(timeout, Seconds(0), Seconds(kLongestAnswerTime));

@@ -2,6 +2,7 @@
 
 #include "LogCategory.h"
 #include "zelt/LogClient.h"
+#include "zelt/RunGuarded.h"
 
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -9,33 +10,20 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
-#include <exception>
 #include <future>
 #include <utility>
 
 namespace zelt {
-
-namespace {
-
-void RunGuarded(UniqueFunction<void()>& work) {
-  try {
-    work();
-  } catch (const std::exception& error) {
-    ZELT_LOG(kLogError, kIpcLogCategory) << "Work on the IPC thread threw: " << error.what();
-  }
-}
-
-}  // namespace
 
 EventLoop::EventLoop() {
   sd_event* event = nullptr;
   Check(sd_event_new(&event), "cannot create an event loop");
   event_.reset(event);
 
-  wake_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  Check(wake_ < 0 ? -errno : 0, "cannot create an eventfd");
+  wake_ = FileDescriptor(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  Check(wake_.Get() < 0 ? -errno : 0, "cannot create an eventfd");
   sd_event_source* source = nullptr;
-  Check(sd_event_add_io(event_.get(), &source, wake_, EPOLLIN, &EventLoop::OnWake, this),
+  Check(sd_event_add_io(event_.get(), &source, wake_.Get(), EPOLLIN, &EventLoop::OnWake, this),
         "cannot watch the eventfd");
   wake_source_.reset(source);
   Check(sd_event_add_time(event_.get(), &source, CLOCK_MONOTONIC, 0, 1, &EventLoop::OnTime, this),
@@ -47,8 +35,6 @@ EventLoop::EventLoop() {
 EventLoop::~EventLoop() {
   Stop([] {});
   posted_.clear();
-  wake_source_.reset();
-  close(wake_);
 }
 
 void EventLoop::Start() {
@@ -102,26 +88,23 @@ bool EventLoop::Enqueue(UniqueFunction<void()> work, bool is_last) {
   if (wake) {
     const std::uint64_t one = 1;
     // An eventfd takes 2^64 - 2 of these before it refuses one.
-    [[maybe_unused]] const auto written = write(wake_, &one, sizeof one);
+    [[maybe_unused]] const auto written = write(wake_.Get(), &one, sizeof one);
   }
   return true;
 }
 
 bool EventLoop::PostAndWait(UniqueFunction<void()> work) {
   if (IsOnLoop()) {
-    RunGuarded(work);
+    work();
     return true;
   }
-  auto done = std::make_shared<std::promise<void>>();
-  auto future = done->get_future();
-  const bool posted = Post([&work, done = std::exchange(done, nullptr)] {
-    RunGuarded(work);
-    done->set_value();
-  });
-  if (posted) {
-    future.wait();  // also ends when the work is dropped
+  std::packaged_task<void()> task(std::move(work));
+  auto done = task.get_future();
+  if (!Post([task = std::move(task)]() mutable { task(); })) {
+    return false;
   }
-  return posted;
+  done.get();
+  return true;
 }
 
 AsyncCallbackHandle EventLoop::AddTimer(std::string_view name, UniqueFunction<void()> callback,
@@ -149,33 +132,36 @@ AsyncCallbackHandle EventLoop::WatchSignals(std::initializer_list<int> signals,
   return AsyncCallbackHandle([revocable] { revocable->Revoke(); });
 }
 
-int EventLoop::OnWake(sd_event_source*, int, std::uint32_t, void* self) {
+int EventLoop::OnWake(sd_event_source*, int, std::uint32_t, void* self) noexcept {
   static_cast<EventLoop*>(self)->RunPosted();
   return 0;
 }
 
-int EventLoop::OnTime(sd_event_source*, std::uint64_t, void* self) {
+int EventLoop::OnTime(sd_event_source*, std::uint64_t, void* self) noexcept {
   auto& loop = *static_cast<EventLoop*>(self);
   loop.timers_->RunDue(TimerQueue::Now());
   loop.Arm();
   return 0;
 }
 
-int EventLoop::OnSignal(sd_event_source*, const signalfd_siginfo* signal, void* self) {
-  (*static_cast<EventLoop*>(self)->on_signal_)(static_cast<int>(signal->ssi_signo));
+int EventLoop::OnSignal(sd_event_source*, const signalfd_siginfo* signal, void* self) noexcept {
+  const auto number = static_cast<int>(signal->ssi_signo);
+  RunGuarded(
+      kIpcLogCategory, [&] { (*static_cast<EventLoop*>(self)->on_signal_)(number); },
+      "Callback of signal ", number);
   return 0;
 }
 
 void EventLoop::RunPosted() {
   std::uint64_t count = 0;
-  [[maybe_unused]] const auto got = read(wake_, &count, sizeof count);
+  [[maybe_unused]] const auto got = read(wake_.Get(), &count, sizeof count);
   std::vector<UniqueFunction<void()>> work;
   {
     const std::lock_guard lock(mutex_);
     work.swap(posted_);
   }
   for (auto& item : work) {
-    RunGuarded(item);
+    RunGuarded(kIpcLogCategory, item, "Work on the IPC thread threw an exception");
     item = nullptr;  // its captures go before the next one runs
   }
 }

@@ -3,6 +3,7 @@
 #include "SdBus.h"
 #include "TimerQueue.h"
 #include "zelt/AsyncCallbackHandle.h"
+#include "zelt/FileDescriptor.h"
 #include "zelt/UniqueFunction.h"
 
 #include <atomic>
@@ -45,21 +46,24 @@ class EventLoop {
   // has work.
   bool Post(UniqueFunction<void()> work);
 
-  // The same, and waits until it has run; on the loop's thread it runs at once.
+  // The same, and waits until it has run; on the loop's thread it runs at once. What `work` throws
+  // is thrown to the caller.
   bool PostAndWait(UniqueFunction<void()> work);
 
   AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
                                TimerQueue::Seconds interval, bool periodic);
 
   // Calls `callback` on the loop's thread for every such signal. The caller has blocked the
-  // signals before any thread was started.
+  // signals before any thread was started. Throws std::runtime_error when a signal cannot be
+  // watched.
   AsyncCallbackHandle WatchSignals(std::initializer_list<int> signals,
                                    UniqueFunction<void(int)> callback);
 
  private:
-  static int OnWake(sd_event_source* source, int descriptor, std::uint32_t events, void* self);
-  static int OnTime(sd_event_source* source, std::uint64_t now, void* self);
-  static int OnSignal(sd_event_source* source, const signalfd_siginfo* signal, void* self);
+  static int OnWake(sd_event_source* source, int descriptor, std::uint32_t events,
+                    void* self) noexcept;
+  static int OnTime(sd_event_source* source, std::uint64_t now, void* self) noexcept;
+  static int OnSignal(sd_event_source* source, const signalfd_siginfo* signal, void* self) noexcept;
   bool Enqueue(UniqueFunction<void()> work, bool is_last);
   void RunPosted();
   void Arm();
@@ -68,7 +72,7 @@ class EventLoop {
   // constant after construction
   EventPtr event_;
   std::shared_ptr<TimerQueue> timers_ = std::make_shared<TimerQueue>();
-  int wake_ = -1;  // an eventfd
+  FileDescriptor wake_;  // an eventfd
   EventSourcePtr wake_source_;
   EventSourcePtr time_source_;
 

@@ -33,6 +33,12 @@ struct BusError {
   sd_bus_error error{};
 };
 
+// The connection that sent a received message; empty when the bus did not say.
+inline std::string SenderOf(sd_bus_message* message) {
+  const char* sender = sd_bus_message_get_sender(message);
+  return sender == nullptr ? "" : sender;
+}
+
 inline std::string ErrorText(int result) {
   return std::strerror(result < 0 ? -result : result);
 }

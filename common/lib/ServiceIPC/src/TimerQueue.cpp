@@ -1,10 +1,9 @@
 #include "TimerQueue.h"
 
 #include "LogCategory.h"
-#include "zelt/LogClient.h"
+#include "zelt/RunGuarded.h"
 
 #include <algorithm>
-#include <exception>
 
 namespace zelt {
 
@@ -77,15 +76,9 @@ void TimerQueue::RunDue(Time now) {
                std::max(entry->deadline + entry->period, now + std::chrono::microseconds(1)));
       }
     }
-    try {
-      entry->callback();
-    } catch (const std::exception& error) {
-      ZELT_LOG(kLogError, kIpcLogCategory)
-          << "Timer [" << entry->name << "] threw an exception: " << error.what();
-    } catch (...) {
-      ZELT_LOG(kLogError, kIpcLogCategory)
-          << "Timer [" << entry->name << "] threw an exception of unknown type";
-    }
+    RunGuarded(
+        kIpcLogCategory, [&] { entry->callback(); }, "Timer [", entry->name,
+        "] threw an exception");
   }
 }
 

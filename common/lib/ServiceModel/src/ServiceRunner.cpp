@@ -2,6 +2,7 @@
 
 #include "ServiceModelImpl.h"
 #include "zelt/LogClient.h"
+#include "zelt/RunGuarded.h"
 
 #include <algorithm>
 #include <cctype>
@@ -15,6 +16,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -44,6 +46,7 @@ class Runner {
   // What is known of the services of a list; no value: not told yet.
   using States = std::map<std::string, std::optional<State>, std::less<>>;
 
+  void CheckNames(gsl::span<const std::string_view> names);
   void OnSignal(int signal);
   void Stop(Cause cause);
   void StartStopperIfDue();
@@ -94,6 +97,8 @@ int Runner::Run(const ServiceRunner::Factory& factory,
                 gsl::span<const std::string_view> dependencies,
                 gsl::span<const std::string_view> shutdown_dependencies) {
   shutdown_dependencies_ = shutdown_dependencies;
+  CheckNames(dependencies);
+  CheckNames(shutdown_dependencies);
   model_->SetMyServiceState(State::Starting);
   const auto signals =
       connection_->WatchSignals({SIGTERM, SIGINT}, [this](int signal) { OnSignal(signal); });
@@ -112,12 +117,23 @@ int Runner::Run(const ServiceRunner::Factory& factory,
   if (!completed) {
     model_->SetMyServiceState(State::Failed);
     if (stopper_.joinable()) {
-      GiveUp();  // DoDie waits for a DoRun that has failed
+      lock.unlock();  // the IPC thread may need it before it can flush
+      GiveUp();       // DoDie waits for a DoRun that has failed
     }
     return 1;
   }
   model_->SetMyServiceState(State::Stopped);
   return cause_ == Cause::BusLost ? 1 : 0;
+}
+
+// A name that nobody can own would be waited for without end.
+void Runner::CheckNames(gsl::span<const std::string_view> names) {
+  for (const auto name : names) {
+    if (!model_->WatchServiceState(name, [](State) {}).IsOpen()) {
+      throw std::runtime_error("its dependency \"" + std::string(name) +
+                               "\" is no name of a service");
+    }
+  }
 }
 
 // Creates the service and runs it. False when it threw.
@@ -130,8 +146,7 @@ bool Runner::RunToEnd(const ServiceRunner::Factory& factory) {
   }
   const char* step = "create";
   std::shared_ptr<MicroserviceIF> service;
-  bool completed = false;
-  try {
+  const auto run = [&] {
     model_->SetMyServiceState(State::Initializing);
     service = factory(model_);
     if (!service) {
@@ -144,14 +159,8 @@ bool Runner::RunToEnd(const ServiceRunner::Factory& factory) {
       StartStopperIfDue();
     }
     service->DoRun();
-    completed = true;
-  } catch (const std::exception& error) {
-    ZELT_LOG(kLogError, kModelLogCategory)
-        << "Failed to " << step << " service " << name_ << ": " << error.what();
-  } catch (...) {
-    ZELT_LOG(kLogError, kModelLogCategory)
-        << "Failed to " << step << " service " << name_ << ": exception of unknown type";
-  }
+  };
+  const bool completed = RunGuarded(kModelLogCategory, run, "Failed to ", step, " service ", name_);
   const std::lock_guard lock(mutex_);
   service_ = nullptr;  // the stopper, if there is one, holds its own
   return completed;
@@ -180,17 +189,23 @@ void Runner::Stop(Cause cause) {
 
 // With mutex_ held. Whichever comes last, the cause or the service, starts it.
 void Runner::StartStopperIfDue() {
-  if (cause_ != Cause::None && service_ && !stopper_.joinable()) {
-    stopper_ = std::thread([this, service = service_]() mutable {
-      StopService();
-      try {
-        service->DoDie();
-      } catch (const std::exception& error) {
-        ZELT_LOG_AS("StopService", kLogError, kModelLogCategory)
-            << "Failed to stop service " << name_ << ": " << error.what();
+  if (cause_ == Cause::None || !service_ || stopper_.joinable()) {
+    return;
+  }
+  const auto stop = [this, service = service_] {
+    StopService();
+    service->DoDie();
+  };
+  try {
+    stopper_ = std::thread([this, stop] {
+      if (!RunGuarded(kModelLogCategory, stop, "Failed to stop service ", name_)) {
         GiveUp();  // nothing is left that would make DoRun return
       }
     });
+  } catch (const std::system_error& error) {
+    ZELT_LOG(kLogError, kModelLogCategory) << "Cannot start the thread that stops service " << name_
+                                           << ", ending at once: " << error.what();
+    std::_Exit(1);
   }
 }
 
@@ -259,6 +274,7 @@ void Runner::StopService() {
   }
 }
 
+// Without mutex_.
 void Runner::GiveUp() {
   model_->SetMyServiceState(State::Failed);
   connection_->Flush();

@@ -33,7 +33,7 @@ class TestService : public zelt::MicroserviceIF {
   void DoDie() override {
     std::cout << "dying" << std::endl;
     if (mode_ == "die-throws") {
-      throw std::runtime_error("cannot die");
+      throw "cannot die";
     }
     if (mode_ != "stuck") {
       stop_.set_value();
@@ -56,12 +56,9 @@ int main(int argc, char** argv) {
   const std::vector<std::string_view> rest(argv + 2, argv + argc);
   const gsl::span<const std::string_view> names(rest);
   return zelt::ServiceRunner::RunService(
-      [&mode](std::shared_ptr<zelt::ServiceModel> model) -> std::shared_ptr<zelt::MicroserviceIF> {
+      [&mode](std::shared_ptr<zelt::ServiceModel> model) {
         if (mode == "factory-throws") {
           throw std::runtime_error("cannot create");
-        }
-        if (mode == "factory-gives-none") {
-          return nullptr;
         }
         if (mode == "signal-in-factory") {
           kill(getpid(), SIGTERM);

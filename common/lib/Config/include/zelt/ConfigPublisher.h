@@ -16,15 +16,17 @@ class ConfigBlock;
 class ConfigPublisher {
  public:
   // Takes over the block at `path`, record included, or makes a new one in place of nothing or of
-  // something that is no such block or is beyond repair; makes missing folders. Throws
-  // std::runtime_error with path and reason when that fails.
+  // something that is no such block, is beyond repair or belongs to a stranger; makes missing
+  // folders. Throws std::runtime_error with path and reason when that fails, or when somebody holds
+  // the lock for longer than 1 s.
   explicit ConfigPublisher(const std::string& path);
   ConfigPublisher(const ConfigPublisher&) = delete;
   ConfigPublisher& operator=(const ConfigPublisher&) = delete;
   ~ConfigPublisher();
 
   // Replaces the record for all readers at once. If this process dies inside, they find the old
-  // record or the new one, whole. Throws std::runtime_error when the lock is beyond repair.
+  // record or the new one, whole. Throws std::runtime_error when the lock is beyond repair or
+  // cannot be had within 1 s.
   void Publish(const ConfigRecord& record);
 
  private:

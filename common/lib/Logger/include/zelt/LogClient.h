@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <ostream>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -44,10 +43,6 @@ class LogClient {
   template <class T>
   LogClient& operator<<(const T& value) {
     text_ << value;
-    return *this;
-  }
-  LogClient& operator<<(std::ostream& (*manipulator)(std::ostream&)) {
-    manipulator(text_);
     return *this;
   }
 

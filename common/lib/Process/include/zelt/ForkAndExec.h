@@ -16,10 +16,11 @@ struct ForkAndExecResult {
 //
 // Blocks the calling thread; any thread may call it. The child starts with an empty signal mask,
 // default signal handlers, standard input from /dev/null, and no file descriptor open but the
-// standard three. `inChild` should end in exec; it may only use what is safe after fork(2), and the
-// child ends with status 127 if it returns. The child's outputs are drained while it runs, however
-// much it writes; a grandchild that keeps them open does not delay the return. The child is killed
-// if this process dies first.
+// standard three. `inChild` should end in exec; it may only use what is safe after fork(2). If it
+// returns or throws, or something fails before it, the child ends with status 127 and the failed
+// step and its errno as the last line of its standard error. The child's outputs are drained while
+// it runs, however much it writes; a grandchild that keeps them open does not delay the return. The
+// child is killed if this process dies first.
 ForkAndExecResult ForkAndExecImpl(UniqueFunction<void()> inChild);
 
 }  // namespace zelt

@@ -43,7 +43,7 @@ class BusConnection : public ServiceIPC {
   virtual AsyncCallbackHandle WatchState(std::string_view service,
                                          UniqueFunction<void(std::uint32_t)> callback) = 0;
 
-  // Never throws and never stays unanswered for longer than `timeout`.
+  // Never throws and never stays unanswered for longer than `timeout`, 24 h at most.
   virtual std::future<StateReply> QueryState(std::string_view service, Seconds timeout) = 0;
 
   // Every service and tool that owns its name, in alphabetical order.
@@ -53,11 +53,13 @@ class BusConnection : public ServiceIPC {
   virtual AsyncCallbackHandle WatchDisconnect(UniqueFunction<void()> callback) = 0;
 
   // Calls `callback` for every such signal of the process, which the caller has blocked before any
-  // thread was started. Once in the life of a connection.
+  // thread was started. Once in the life of a connection. Throws std::runtime_error when a signal
+  // cannot be watched.
   virtual AsyncCallbackHandle WatchSignals(std::initializer_list<int> signals,
                                            UniqueFunction<void(int)> callback) = 0;
 
-  // Waits until the bus has been given everything that this thread has sent so far.
+  // Waits until all that this thread has sent so far was handed to the connection, which writes it
+  // at once as far as the bus reads. Takes as long as a callback holds the IPC thread up.
   virtual void Flush() = 0;
 };
 

@@ -23,13 +23,21 @@ namespace zelt {
 // it returns.
 //
 // Nothing here throws for what happens on the bus: a peer that is absent, hung or refuses, and a
-// bus that is gone, become `false` in the future within 1 s, with the cause in the log. A future
-// may be waited for on any thread, the IPC thread included; there, nothing else is served
-// meanwhile.
+// bus that is gone, become `false` in the future within 1 s, with the cause in the log. That second
+// counts from the call, but only the IPC thread can end it: whatever holds that thread up, a
+// callback that takes its time or its own sends (1 s each at most), can add as much to every other
+// send. A future may be waited for on any thread, the IPC thread included; there, nothing else is
+// served meanwhile.
+//
+// A receiver that let 4 messages time out gets no more, and sends to it fail at once, until it
+// answers one of them or its name changes hands; sends to others are not affected.
 //
 // Limits: payload 16 MiB; type and topic 1 to 255 letters, digits, '_', '-' and '.'; 1024 sends
-// under way. What exceeds a limit is logged at error level with the limit and its value, and is
-// `false` in the future; a callback for a malformed type or topic gets a closed handle.
+// with 64 MiB of payload under way, 64 of them unanswered by one receiver; 1024 messages with 64
+// MiB waiting for a bus that does not read. What exceeds a limit is logged at error level with the
+// limit and its value, and is `false` in the future; a callback for a malformed type or topic gets
+// a closed handle. Of the lines about bad messages of peers, 10 a second are logged, and then how
+// many more there were.
 class ServiceIPC {
  public:
   struct MessageEnvelope {
@@ -50,7 +58,8 @@ class ServiceIPC {
     NotTaken,       // the peer is there, but has no callback for the type or refuses the sender
     NoSuchService,  // nobody owns the name
     NotPermitted,   // the bus policy forbids it
-    TimedOut,       // not delivered within 1 s, or not answered within the given time
+    TimedOut,       // not delivered within 1 s, or not answered within the given time; or not even
+                    // tried, because the receiver has not reacted to earlier ones
     Disconnected,   // the connection to the bus is gone
     Invalid,        // a limit, of ours or of the bus, or the form of a name was violated
   };
@@ -87,7 +96,8 @@ class ServiceIPC {
                                              std::string_view typeName,
                                              std::string_view payload) = 0;
 
-  // Sends a message to every subscriber of `topic`. True when the bus has taken it.
+  // Sends a message to every subscriber of `topic`. True when it was handed to the connection to
+  // the bus, behind everything sent before; nobody tells whether it arrives.
   virtual std::future<bool> PublishImpl(std::string_view topic, std::string_view payload) = 0;
 
   // Calls `callback` for every message published under `topic` (an empty topic: under any), and
@@ -96,9 +106,10 @@ class ServiceIPC {
   // a registration takes it. Every subscription of a process is called.
   virtual AsyncCallbackHandle SubscribeImpl(std::string_view topic, MessageCallback callback) = 0;
 
-  // Sends a message and awaits the answer for `timeout` (zero: awaits none, as SendImpl, but with
-  // the cause when it fails). Only the connection that got the message may answer. Called on the
-  // IPC thread with a time-out, it is Invalid: that thread would have to receive the answer.
+  // Sends a message and awaits the answer for `timeout`, 24 h at most (zero: awaits none, as
+  // SendImpl, but with the cause when it fails). Only the connection that got the message may
+  // answer. Called on the IPC thread with a time-out, it is Invalid: that thread would have to
+  // receive the answer.
   virtual std::future<Reply> RequestImpl(std::string_view destination, std::string_view typeName,
                                          std::string_view payload,
                                          std::chrono::milliseconds timeout) = 0;

@@ -46,7 +46,7 @@ class ServiceModel {
                                        Seconds interval, bool periodic) = 0;
 
   // The state of any service; NotRunning when nobody owns its name. Throws std::runtime_error when
-  // the service does not answer within `timeout`, or the bus is gone.
+  // the service does not answer within `timeout` (24 h at most), or the bus is gone.
   virtual service_state::State GetServiceState(std::string_view service, Seconds timeout) = 0;
 
   // Publishes this service's own state. Does nothing for a model that owns no name.

@@ -25,7 +25,8 @@ class ServiceRunner {
   //
   // While it waits for dependencies, the log names those that are missing, and a signal ends it
   // with status 0. Returns the exit status of the process: 0 after a stop that was asked for, 1
-  // when there is no bus, the name is taken, or the factory or DoRun threw; the reason is logged.
+  // when there is no bus, the name is taken, a dependency's name is malformed, or the factory,
+  // DoRun or DoDie threw; the reason is logged.
   static int RunService(const Factory& factory, std::string_view name,
                         gsl::span<const std::string_view> dependencies,
                         gsl::span<const std::string_view> shutdownDependencies);

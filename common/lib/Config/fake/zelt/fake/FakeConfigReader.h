@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <atomic>
 #include <memory>
-#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,9 +19,7 @@ class FakeConfig : public SharedMemoryBlockReaderIF {
   int error = 0;          // what Get() answers, with errorText
   std::string errorText;
   bool emptyPointer = false;  // Get() gives no record, whatever `error` says
-  std::string lockFailure;    // Lock() throws this text unless it is empty
 
-  std::atomic<int> gets = 0;
   std::atomic<int> locks = 0;
   std::atomic<int> unlocks = 0;
   std::atomic<int> mostLocksHeld = 0;  // 1 when each read took the lock for itself
@@ -39,12 +36,7 @@ class FakeConfig : public SharedMemoryBlockReaderIF {
     record.officers.officers[0].collaborationEnabled = enabled;
   }
 
-  void Lock() override {
-    if (!lockFailure.empty()) {
-      throw std::runtime_error(lockFailure);
-    }
-    mostLocksHeld = std::max(mostLocksHeld.load(), ++locks - unlocks);
-  }
+  void Lock() override { mostLocksHeld = std::max(mostLocksHeld.load(), ++locks - unlocks); }
   void Unlock() override { ++unlocks; }
 };
 
@@ -53,7 +45,6 @@ class FakeConfigReader : public ConfigReaderIF {
   explicit FakeConfigReader(std::shared_ptr<FakeConfig> config) : config_(std::move(config)) {}
 
   ConfigResult Get() override {
-    ++config_->gets;
     ConfigResult result{.record = {}, .error = config_->error, .errorText = config_->errorText};
     if (!config_->emptyPointer) {
       result.record = {config_, &config_->record};

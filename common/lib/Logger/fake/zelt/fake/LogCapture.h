@@ -43,12 +43,12 @@ class LogCapture {
     return lines_;
   }
 
-  // The texts of all lines, or of those of one level, in order.
-  std::vector<std::string> Texts(int level = kAnyLevel) const {
+  // The texts of the lines of one level, in order.
+  std::vector<std::string> Texts(int level) const {
     std::vector<std::string> texts;
-    for (CapturedLine& line : Lines()) {
-      if (level == kAnyLevel || line.level == level) {
-        texts.push_back(std::move(line.text));
+    for (const CapturedLine& line : Lines()) {
+      if (line.level == level) {
+        texts.push_back(line.text);
       }
     }
     return texts;
@@ -61,26 +61,19 @@ class LogCapture {
   }
 
   // True if `part` stands in the text of some line.
-  bool Contains(std::string_view part) const {
-    const std::lock_guard lock(mutex_);
-    return ContainsLocked(part);
-  }
+  bool Contains(std::string_view part) const { return WaitFor(part, std::chrono::milliseconds(0)); }
 
   // Waits until some line contains `part`; false if none does within `timeout`.
   bool WaitFor(std::string_view part,
                std::chrono::milliseconds timeout = std::chrono::seconds(10)) const {
     std::unique_lock lock(mutex_);
-    return logged_.wait_for(lock, timeout, [&] { return ContainsLocked(part); });
-  }
-
-  void Clear() {
-    const std::lock_guard lock(mutex_);
-    lines_.clear();
+    return logged_.wait_for(lock, timeout, [&] {
+      return std::ranges::any_of(
+          lines_, [part](const CapturedLine& line) { return line.text.contains(part); });
+    });
   }
 
  private:
-  static constexpr int kAnyLevel = -1;
-
   static void Take(void* context, const LogRecord& record) {
     auto& self = *static_cast<LogCapture*>(context);
     const std::lock_guard lock(self.mutex_);
@@ -89,11 +82,6 @@ class LogCapture {
                            .function = std::string(record.function),
                            .text = std::string(record.text)});
     self.logged_.notify_all();
-  }
-
-  bool ContainsLocked(std::string_view part) const {
-    return std::ranges::any_of(
-        lines_, [part](const CapturedLine& line) { return line.text.contains(part); });
   }
 
   const int previous_level_;

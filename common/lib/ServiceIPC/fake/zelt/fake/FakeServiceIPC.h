@@ -5,22 +5,20 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstddef>
 #include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 namespace zelt::fake {
 
-// The bus of a test: remembers what the code under test sends, and delivers what the test says.
+// The bus of a test: shows it what the code under test sends, and delivers what the test says.
 //
-// Any thread may call any operation. Deliver and Subscribe run the callbacks on the calling thread,
-// which plays the IPC thread.
-class FakeServiceIPC : public ServiceIPC {
+// Owned by a shared_ptr; handles may outlive it. Any thread may call any operation. Deliver and
+// Subscribe run the callbacks on the calling thread, which plays the IPC thread.
+class FakeServiceIPC : public ServiceIPC, public std::enable_shared_from_this<FakeServiceIPC> {
  public:
   enum class Kind { Send, Response, Publish, Request };
   struct Record {
@@ -29,15 +27,8 @@ class FakeServiceIPC : public ServiceIPC {
     std::string type;  // the topic of a publish
     std::string payload;
     std::uint64_t request = 0;  // of a response: the number that it answers
-
-    bool operator==(const Record&) const = default;
   };
-  enum class Result {
-    True,
-    False,
-    Throw,  // the future holds a std::runtime_error
-    Never,  // the future does not become ready while the fake lives
-  };
+  enum class Result { True, False };
   struct Registration {
     bool is_topic = false;  // a subscribe handler, else a message callback
     std::string name;
@@ -47,26 +38,18 @@ class FakeServiceIPC : public ServiceIPC {
     bool operator==(const Registration&) const = default;
   };
 
-  // What every call comes to; without it, True. Runs on the caller's thread.
+  // Sees everything that is sent, answered, published and requested, on the caller's thread, and
+  // says what comes of it; without it, True.
   void SetResult(std::function<Result(const Record&)> result) {
     const std::lock_guard lock(mutex_);
     result_ = std::move(result);
-  }
-  // Everything sent, answered, published and requested so far, in order.
-  std::vector<Record> Records() const {
-    const std::lock_guard lock(mutex_);
-    return records_;
   }
   // Every callback and subscribe handler that was ever registered, in order.
   std::vector<Registration> Registrations() const {
     const std::lock_guard lock(mutex_);
     std::vector<Registration> result;
-    for (const auto& entry : entries_) {
-      if (entry->kind != EntryKind::Subscription) {
-        result.push_back({entry->kind == EntryKind::Handler, entry->name,
-                          entry->allowed_senders.has_value(), entry->is_open});
-      }
-    }
+    std::ranges::transform(entries_, std::back_inserter(result),
+                           [](const auto& entry) { return entry->registration; });
     return result;
   }
 
@@ -74,30 +57,24 @@ class FakeServiceIPC : public ServiceIPC {
   // none for the type, or it does not allow the sender, or it threw.
   bool Deliver(std::string_view type, std::string_view sender, std::string_view payload,
                std::uint64_t request = 0) {
-    auto entry = Find(EntryKind::Callback, type);
-    if (!entry) {
-      entry = Find(EntryKind::Subscription, type);
+    auto entries = Open(false, type);
+    if (entries.empty()) {
+      entries = Open(false, "");
     }
-    if (!entry) {
-      entry = Find(EntryKind::Callback, "");
-    }
-    if (!entry) {
+    if (entries.empty()) {
       return false;
     }
-    const auto& allowed = entry->allowed_senders;
-    if (allowed && std::ranges::count(*allowed, sender) == 0) {
-      return false;
-    }
-    return Call(*entry, Envelope(type, sender, request), payload);
+    const Entry& latest = *entries.back();
+    const auto& allowed = latest.allowed_senders;
+    return (!allowed || std::ranges::count(*allowed, sender) != 0) &&
+           Call(latest, Envelope(type, sender, request), payload);
   }
 
   // Announces `subscriber` to every subscribe handler of `topic`; returns how many there are.
   int Subscribe(std::string_view topic, std::string_view subscriber) {
     int called = 0;
-    for (const auto& entry : Open(EntryKind::Handler)) {
-      if (entry->name == topic) {
-        called += Call(*entry, Envelope(topic, subscriber, 0), subscriber) ? 1 : 0;
-      }
+    for (const auto& entry : Open(true, topic)) {
+      called += Call(*entry, Envelope(topic, subscriber, 0), subscriber) ? 1 : 0;
     }
     return called;
   }
@@ -109,12 +86,12 @@ class FakeServiceIPC : public ServiceIPC {
     if (allowedSenders) {
       allowed.emplace(allowedSenders->begin(), allowedSenders->end());
     }
-    return Add(EntryKind::Callback, typeName, std::move(allowed), std::move(callback));
+    return Add(false, typeName, std::move(allowed), std::move(callback));
   }
 
   AsyncCallbackHandle AddSubscribeHandlerImpl(SubscribeHandler handler,
                                               std::string_view topic) override {
-    return Add(EntryKind::Handler, topic, std::nullopt,
+    return Add(true, topic, std::nullopt,
                [handler = std::move(handler)](
                    const MessageEnvelope&, std::string_view payload) mutable { handler(payload); });
   }
@@ -135,9 +112,8 @@ class FakeServiceIPC : public ServiceIPC {
     return Finish({Kind::Publish, "", std::string(topic), std::string(payload)});
   }
 
-  AsyncCallbackHandle SubscribeImpl(std::string_view topic, MessageCallback callback) override {
-    return Add(EntryKind::Subscription, topic, std::nullopt, std::move(callback));
-  }
+  // Nothing is published on a fake bus.
+  AsyncCallbackHandle SubscribeImpl(std::string_view, MessageCallback) override { return {}; }
 
   // Recorded, and answered by nobody.
   std::future<Reply> RequestImpl(std::string_view destination, std::string_view typeName,
@@ -149,14 +125,11 @@ class FakeServiceIPC : public ServiceIPC {
   }
 
  private:
-  enum class EntryKind { Callback, Handler, Subscription };
   using Callback = RevocableCallback<const MessageEnvelope&, std::string_view>;
   struct Entry {
-    EntryKind kind;
-    std::string name;
+    Registration registration;
     std::optional<std::vector<std::string>> allowed_senders;
     std::shared_ptr<Callback> callback;
-    bool is_open = true;  // guarded by mutex_
   };
 
   static MessageEnvelope Envelope(std::string_view type, std::string_view sender,
@@ -164,7 +137,7 @@ class FakeServiceIPC : public ServiceIPC {
     return {std::string(sender), std::string(type), ":fake." + std::string(sender), request};
   }
 
-  static bool Call(Entry& entry, const MessageEnvelope& envelope, std::string_view payload) {
+  static bool Call(const Entry& entry, const MessageEnvelope& envelope, std::string_view payload) {
     try {
       return (*entry.callback)(envelope, payload);
     } catch (const std::exception&) {
@@ -172,77 +145,50 @@ class FakeServiceIPC : public ServiceIPC {
     }
   }
 
-  AsyncCallbackHandle Add(EntryKind kind, std::string_view name,
+  AsyncCallbackHandle Add(bool is_topic, std::string_view name,
                           std::optional<std::vector<std::string>> allowed,
                           MessageCallback callback) {
-    auto entry = std::make_shared<Entry>(Entry{kind, std::string(name), std::move(allowed),
-                                               std::make_shared<Callback>(std::move(callback))});
+    const Registration registration{is_topic, std::string(name), allowed.has_value()};
+    auto entry = std::make_shared<Entry>(
+        Entry{registration, std::move(allowed), std::make_shared<Callback>(std::move(callback))});
     {
       const std::lock_guard lock(mutex_);
       entries_.push_back(entry);
     }
-    return AsyncCallbackHandle([entry, mutex = mutex_owner_] {
-      {
-        const std::lock_guard lock(*mutex);
-        entry->is_open = false;
+    return AsyncCallbackHandle([weak = weak_from_this(), entry] {
+      if (const auto self = weak.lock()) {
+        const std::lock_guard lock(self->mutex_);
+        entry->registration.is_open = false;
       }
       entry->callback->Revoke();
     });
   }
 
-  std::vector<std::shared_ptr<Entry>> Open(EntryKind kind) const {
+  std::vector<std::shared_ptr<Entry>> Open(bool is_topic, std::string_view name) const {
     const std::lock_guard lock(mutex_);
     std::vector<std::shared_ptr<Entry>> open;
-    std::ranges::copy_if(entries_, std::back_inserter(open), [kind](const auto& entry) {
-      return entry->is_open && entry->kind == kind;
+    std::ranges::copy_if(entries_, std::back_inserter(open), [&](const auto& entry) {
+      const auto& registration = entry->registration;
+      return registration.is_open && registration.is_topic == is_topic && registration.name == name;
     });
     return open;
   }
 
-  std::shared_ptr<Entry> Find(EntryKind kind, std::string_view name) const {
-    const auto open = Open(kind);
-    std::shared_ptr<Entry> latest;
-    for (const auto& entry : open) {
-      latest = entry->name == name ? entry : latest;
-    }
-    return latest;
-  }
-
   std::future<bool> Finish(const Record& record) {
-    std::promise<bool> promise;
-    auto future = promise.get_future();
     std::function<Result(const Record&)> decide;
     {
       const std::lock_guard lock(mutex_);
-      records_.push_back(record);
       decide = result_;
     }
-    const auto result = decide ? decide(record) : Result::True;
-    switch (result) {
-      case Result::True:
-      case Result::False:
-        promise.set_value(result == Result::True);
-        break;
-      case Result::Throw:
-        promise.set_exception(std::make_exception_ptr(std::runtime_error("the fake bus failed")));
-        break;
-      case Result::Never: {
-        const std::lock_guard lock(mutex_);
-        never_.push_back(std::move(promise));
-        break;
-      }
-    }
-    return future;
+    std::promise<bool> promise;
+    promise.set_value(!decide || decide(record) == Result::True);
+    return promise.get_future();
   }
 
-  std::shared_ptr<std::mutex> mutex_owner_ = std::make_shared<std::mutex>();  // handles may outlive
-  std::mutex& mutex_ = *mutex_owner_;
-
+  mutable std::mutex mutex_;
   // guarded by mutex_
-  std::vector<Record> records_;
   std::vector<std::shared_ptr<Entry>> entries_;
   std::function<Result(const Record&)> result_;
-  std::vector<std::promise<bool>> never_;
 };
 
 }  // namespace zelt::fake

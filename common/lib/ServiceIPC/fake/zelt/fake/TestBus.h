@@ -1,6 +1,8 @@
 #pragma once
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -17,7 +19,6 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace zelt::fake {
@@ -118,16 +119,24 @@ class ChildProcess {
   void Mark() { mark_ = Output().size(); }
 
  private:
+  // Looks whenever the output has grown.
   template <class Condition>
-  static bool Comes(Condition condition) {
+  bool Comes(Condition condition) const {
+    using std::chrono::milliseconds;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    while (!condition()) {
-      if (std::chrono::steady_clock::now() > deadline) {
-        return false;
+    pollfd change{inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0};
+    inotify_add_watch(change.fd, output_.c_str(), IN_MODIFY);
+    bool come = false;
+    auto left = milliseconds(1);
+    while (!(come = condition()) && left.count() > 0) {
+      left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
+      poll(&change, 1, std::max(0, static_cast<int>(left.count())));
+      char events[4096];  // which they are does not matter
+      while (read(change.fd, events, sizeof events) > 0) {
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
-    return true;
+    close(change.fd);
+    return come;
   }
 
   std::filesystem::path output_;
@@ -172,7 +181,6 @@ class TestBus {
   void Kill() { daemon_.reset(); }
   void Halt() const { daemon_->Halt(); }
 
- private:
   std::filesystem::path folder_;
   std::string address_;
   std::unique_ptr<ChildProcess> daemon_;

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -14,19 +15,18 @@
 
 namespace zelt::fake {
 
-// The platform of a test: a clock that only the test turns, a fake bus, and the states of services
-// as the test says.
+// The platform of a test: a clock that only the test turns, and a fake bus without other services.
 //
-// Any thread may call any operation. Advance and SetServiceState run callbacks on the calling
-// thread, which plays the IPC thread.
-class FakeServiceModel : public ServiceModel {
+// Owned by a shared_ptr; handles may outlive it. Any thread may call any operation. Advance runs
+// callbacks on the calling thread, which plays the IPC thread.
+class FakeServiceModel : public ServiceModel,
+                         public std::enable_shared_from_this<FakeServiceModel> {
  public:
   struct Timer {
     std::string name;
     Seconds interval{};
     bool periodic = false;
     bool is_open = true;  // false once its handle is closed; a one-shot timer that fired stays open
-    int fired = 0;
   };
 
   FakeServiceIPC& Ipc() { return *ipc_; }
@@ -36,15 +36,15 @@ class FakeServiceModel : public ServiceModel {
   void Advance(Seconds by) {
     std::unique_lock lock(mutex_);
     const Seconds end = now_ + by;
-    while (const auto next = Earliest(end)) {
-      now_ = std::max(now_, next->deadline);
-      next->pending = next->timer.periodic;
-      next->deadline += std::max(next->timer.interval, kShortestPeriod);
-      next->sequence = ++sequence_;
-      ++next->timer.fired;
-      const auto callback = next->callback;
+    while (!pending_.empty() && pending_.begin()->first.first <= end) {
+      const auto next = pending_.begin()->second;
+      now_ = std::max(now_, next->key.first);
+      pending_.erase(pending_.begin());
+      if (next->timer.periodic) {
+        Schedule(next, std::max(next->timer.interval, kShortestPeriod));
+      }
       lock.unlock();
-      (*callback)();
+      next->callback();
       lock.lock();
     }
     now_ = end;
@@ -61,12 +61,9 @@ class FakeServiceModel : public ServiceModel {
   // The names of those that wait to fire, in the order in which they will.
   std::vector<std::string> PendingTimers() const {
     const std::lock_guard lock(mutex_);
-    std::vector<std::shared_ptr<Entry>> pending;
-    std::ranges::copy_if(entries_, std::back_inserter(pending), &Entry::pending);
-    std::ranges::sort(pending, {}, [](const auto& entry) { return entry->Key(); });
     std::vector<std::string> names;
-    std::ranges::transform(pending, std::back_inserter(names),
-                           [](const auto& entry) { return entry->timer.name; });
+    std::ranges::transform(pending_, std::back_inserter(names),
+                           [](const auto& item) { return item.second->timer.name; });
     return names;
   }
 
@@ -76,51 +73,25 @@ class FakeServiceModel : public ServiceModel {
     return states_;
   }
 
-  // What GetServiceState and the watches tell about `service`; NotRunning before the first call.
-  void SetServiceState(std::string_view service, service_state::State state) {
-    std::vector<std::shared_ptr<Watch>> called;
-    {
-      const std::lock_guard lock(mutex_);
-      const auto known = std::ranges::find(services_, service, &ServiceInfo::name);
-      if (known == services_.end()) {
-        services_.push_back({std::string(service), state, true});
-      } else {
-        known->state = state;
-      }
-      std::ranges::copy_if(watches_, std::back_inserter(called),
-                           [service](const auto& watch) { return watch->service == service; });
-    }
-    for (const auto& watch : called) {
-      watch->callback(state);
-    }
-  }
   std::shared_ptr<ServiceIPC> GetServiceIPC() override { return ipc_; }
 
   AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
                                Seconds interval, bool periodic) override {
-    auto entry = std::make_shared<Entry>();
-    entry->timer = {std::string(name), interval, periodic};
-    entry->callback = std::make_shared<RevocableCallback<>>(std::move(callback));
+    const Timer timer{std::string(name), interval, periodic};
+    auto entry = std::make_shared<Entry>(timer, std::move(callback));
     {
       const std::lock_guard lock(mutex_);
-      entry->deadline = now_ + std::max(interval, Seconds(0));
-      entry->sequence = ++sequence_;
       entries_.push_back(entry);
+      Schedule(entry, std::max(interval, Seconds(0)));
     }
-    return AsyncCallbackHandle([entry, mutex = mutex_owner_] {
-      {
-        const std::lock_guard lock(*mutex);
+    return AsyncCallbackHandle([weak = weak_from_this(), entry] {
+      if (const auto self = weak.lock()) {
+        const std::lock_guard lock(self->mutex_);
         entry->timer.is_open = false;
-        entry->pending = false;
+        self->pending_.erase(entry->key);
       }
-      entry->callback->Revoke();
+      entry->callback.Revoke();
     });
-  }
-
-  service_state::State GetServiceState(std::string_view service, Seconds) override {
-    const std::lock_guard lock(mutex_);
-    const auto known = std::ranges::find(services_, service, &ServiceInfo::name);
-    return known == services_.end() ? service_state::State::NotRunning : known->state;
   }
 
   void SetMyServiceState(service_state::State state) override {
@@ -128,63 +99,43 @@ class FakeServiceModel : public ServiceModel {
     states_.push_back(state);
   }
 
-  AsyncCallbackHandle WatchServiceState(
-      std::string_view service, UniqueFunction<void(service_state::State)> callback) override {
-    auto watch = std::make_shared<Watch>(std::string(service), std::move(callback));
-    {
-      const std::lock_guard lock(mutex_);
-      watches_.push_back(watch);
-    }
-    watch->callback(GetServiceState(service, Seconds(0)));
-    return AsyncCallbackHandle([watch] { watch->callback.Revoke(); });
+  // There are no other services.
+  service_state::State GetServiceState(std::string_view, Seconds) override {
+    return service_state::State::NotRunning;
   }
-
-  std::vector<ServiceInfo> ListServices(Seconds) override {
-    const std::lock_guard lock(mutex_);
-    return services_;
+  AsyncCallbackHandle WatchServiceState(std::string_view,
+                                        UniqueFunction<void(service_state::State)>) override {
+    return {};
   }
+  std::vector<ServiceInfo> ListServices(Seconds) override { return {}; }
 
  private:
   static constexpr Seconds kShortestPeriod{0.001};
 
+  using Key = std::pair<Seconds, std::size_t>;  // the deadline, and the order of setting
   struct Entry {
+    Entry(Timer what, UniqueFunction<void()> function)
+        : timer(std::move(what)), callback(std::move(function)) {}
+
     Timer timer;
-    Seconds deadline{};
-    std::size_t sequence = 0;
-    bool pending = true;
-    std::shared_ptr<RevocableCallback<>> callback;
-
-    std::pair<Seconds, std::size_t> Key() const { return {deadline, sequence}; }
-  };
-  struct Watch {
-    Watch(std::string name, UniqueFunction<void(service_state::State)> function)
-        : service(std::move(name)), callback(std::move(function)) {}
-    std::string service;
-    RevocableCallback<service_state::State> callback;
+    Key key;
+    RevocableCallback<> callback;
   };
 
-  std::shared_ptr<Entry> Earliest(Seconds end) const {
-    std::shared_ptr<Entry> earliest;
-    for (const auto& entry : entries_) {
-      if (entry->pending && entry->deadline <= end &&
-          (!earliest || entry->Key() < earliest->Key())) {
-        earliest = entry;
-      }
-    }
-    return earliest;
+  void Schedule(const std::shared_ptr<Entry>& entry, Seconds delay) {
+    entry->key = {now_ + delay, ++sequence_};
+    pending_[entry->key] = entry;
   }
 
   std::shared_ptr<FakeServiceIPC> ipc_ = std::make_shared<FakeServiceIPC>();
-  std::shared_ptr<std::mutex> mutex_owner_ = std::make_shared<std::mutex>();  // handles may outlive
-  std::mutex& mutex_ = *mutex_owner_;
+  mutable std::mutex mutex_;
 
   // guarded by mutex_
   Seconds now_{};
   std::size_t sequence_ = 0;
   std::vector<std::shared_ptr<Entry>> entries_;
+  std::map<Key, std::shared_ptr<Entry>> pending_;
   std::vector<service_state::State> states_;
-  std::vector<ServiceInfo> services_;
-  std::vector<std::shared_ptr<Watch>> watches_;
 };
 
 }  // namespace zelt::fake

@@ -1,3 +1,4 @@
+#include "Link.h"
 #include "TestRadio.h"
 #include "orka/fake/NotificationLog.h"
 #include "zelt/fake/LogCapture.h"
@@ -233,11 +234,21 @@ TEST_F(LinkTest, GoodbyeEndsTheLinkBothWays) {
   ASSERT_TRUE(frame);
   EXPECT_EQ(frame->payload, codec::Encode(codec::LinkControl::Goodbye));
 
-  TestRadio other;
-  ASSERT_TRUE(protocol_.StartSocket(other.Address(), 0, 10));
-  ASSERT_TRUE(other.Handshake());
-  other.Send(pel::FrameKind::LinkControl, codec::Encode(codec::LinkControl::Goodbye));
-  EXPECT_EQ(seen_.Await(3).back(), N::ConnectionLost);
+TEST(LinkPulse, KeepAliveComesInTimeWheneverTheLastFrameWasSent) {
+  const LinkPulse::Time start;
+  EXPECT_EQ((LinkPulse{start, start + 1ms}.NextLook(start + 800ms)), start + 801ms);
+  EXPECT_EQ((LinkPulse{start, start + 2s}.NextLook(start + 2s)), start + 2500ms)
+      << "then it is lost";
+  const LinkPulse full{start, start, true};
+  EXPECT_EQ(full.NextLook(start + 1s), start + 1800ms) << "not at once, again and again";
+  EXPECT_FALSE(full.NeedsKeepAlive(start + 1s));
+}
+
+TEST_F(LinkTest, GoodbyeOfTheRadioEndsTheLink) {
+  Connect();
+  radio_.Send(pel::FrameKind::LinkControl, codec::Encode(codec::LinkControl::Goodbye));
+  EXPECT_EQ(seen_.Await(2).back(), N::ConnectionLost);
+  EXPECT_TRUE(log_.Contains("ended by the radio"));
 }
 
 TEST_F(LinkTest, NothingIsNotifiedAfterStop) {
@@ -331,6 +342,8 @@ TEST_F(LinkTest, FileHandleAnswerKeepsWhatTheServiceSaid) {
   expected.data = std::string("t");
   EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
   response.set_size(7);
+  EXPECT_FALSE(protocol_.StartUart({.device = device, .baud_rate = 9600, .parity = 1}, 0, 10));
+  EXPECT_TRUE(log_.Contains("does not do this parity")) << "a pseudo-terminal has none";
   expected.data = std::uint32_t{7};
   EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
   response.set_content("\xFF");

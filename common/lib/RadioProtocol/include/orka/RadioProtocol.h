@@ -29,9 +29,9 @@ struct UartSettings {
   std::string device;
   std::uint32_t baud_rate = 0;     // bits per second, a standard rate of termios
   std::uint32_t stop_bits = 1;     // 1 or 2
-  std::uint32_t data_bits = 8;     // 5 to 8
+  std::uint32_t data_bits = 8;     // 8, the width of a frame's bytes
   std::uint32_t parity = 0;        // 0 none, 1 odd, 2 even
-  std::uint32_t flow_control = 0;  // 0 none, 1 RTS/CTS, 2 XON/XOFF
+  std::uint32_t flow_control = 0;  // 0 none, 1 RTS/CTS
   std::uint32_t read_timeout = 5;  // VTIME, tenths of a second
   bool modem_control = false;      // heed the carrier line; false sets CLOCAL
   bool exclusive = true;           // refuse a device that another process has open
@@ -86,7 +86,7 @@ class RadioProtocol {
   // Start connecting; the outcome comes as HandshakeCompleted or HandshakeFailed. `linkAddress`
   // stands in the header of every frame. `handshakeTimeout`, in seconds, covers the connection and
   // the handshake. False when it is not stopped, when the settings make no sense, or when the
-  // device cannot be opened; the log says why.
+  // device cannot be opened or does not do one of them; the log says why.
   virtual bool StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
                            std::uint32_t handshakeTimeout);
   virtual bool StartUart(const UartSettings& settings, std::uint32_t linkAddress,

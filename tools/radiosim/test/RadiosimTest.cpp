@@ -168,50 +168,28 @@ T Parsed(const std::string& json) {
 }
 
 TEST_F(RadiosimTest, EveryRequestIsAnswered) {
+  using orka::codec::Direction;
   Connect();
-  const std::vector<std::pair<orka::RadioOutgoingMessage, N>> requests = {
-      {Parsed<Kova::LocationInfoMsg>(R"({"request":{}})"), N::LocationInfo},
-      {Parsed<Collaboration::RadioEmergencyMsg>(R"({"state":"RAISED"})"), N::RadioEmergency},
-      {Kova::RtVersionRequest(), N::RtVersion},
-      {Kova::HardwareIdRequest(), N::HardwareId},
-      {Kova::SerialNumberMsg(), N::SerialNumber},
-      {Kova::BtMacAddressMsg(), N::BtMacAddress},
-      {Kova::BatteryLevelRequest(), N::BatteryLevelResponse},
-      {Parsed<Kova::ConfigurationSetMsg>(R"({"request":{"configurationId":4}})"),
-       N::ConfigurationSet},
-      {Parsed<Kova::ButtonsSubscribtionMsg>(R"({"request":{"buttons":[{"name":"OneDot"}]}})"),
-       N::ButtonsSubscribtion},
-      {Parsed<Kova::LedBrightnessSettingMsg>(R"({"brightness":"Low"})"), N::LedBrightness},
-      {Parsed<Kova::BluetoothConfigMsg>(R"({"request":{"mode":"MODE_OFF"}})"), N::BluetoothConfig},
-      {Parsed<Kova::BluetoothStatusMsg>(R"({"request":{}})"), N::BluetoothStatus},
-      {Parsed<Kova::GattConfigMsg>(R"({"getRequest":{}})"), N::GattConfig},
-      {Parsed<Kova::GattConfigMsg>(R"({"setRequest":{}})"), N::GattConfig},
-      {Parsed<Kova::GattConfigMsg>(R"({"resetRequest":{}})"), N::GattConfig},
-      {Kova::RadioWlanControlOutgoingMsg(), N::WlanControl},
-      {Kova::RadioWlanHotspotControlOutgoingMsg(), N::WlanHotspotControl},
-      {Kova::ToggleCovertModeMsg(), N::CovertModeResponse},
-      {Kova::RtFactoryResetRequest(), N::FactoryReset},
-      {Parsed<Kova::OpcodeSubscriptionMsg>(R"({"request":{}})"), N::OpcodeSubscription},
-      {Parsed<Kova::MicStatusMsg>(R"({"request":{}})"), N::MicStatus},
-      {Kova::GetDateTimeReq(), N::GetDateTime},
-      {Kova::SetDateTimeReq(), N::SetDateTime},
-      {Parsed<Kova::RtDebugLogMsg>(R"({"request":{}})"), N::DebugLog},
-      {orka::qrx::FileAccessRequest{1, 2, 5, "f"}, N::FileAccess},
-      {orka::qrx::TransferDataRequest{}, N::TransferData},
-      {Kova::RsmUpdateRequest(), N::RsmUpdate},
-      {Kova::VideoControlRequest(), N::VideoControlResponse},
-      {Kova::RadioLteControlOutgoing(), N::LteStatus},
-      {Collaboration::IoTRegistrationRequest(), N::IoTRegistration},
-      {Collaboration::IoTConnectionStatusQuery(), N::IoTConnectionStatus},
-      {Kova::ShutdownRequest(), N::ShutdownResponse},
-  };
-  for (const auto& [request, kind] : requests) {
-    seen_.Clear();
-    Send(request);
-    EXPECT_TRUE(seen_.AwaitKind(kind)) << ToJson(request);
+  for (const auto& row : orka::codec::kMessageTable) {
+    const auto response = static_cast<std::uint16_t>(row.opcode | 0x8000U);
+    if (row.direction != Direction::ToRadio || row.kind != orka::pel::FrameKind::Request ||
+        row.name == "ShutdownRequest" ||
+        FindRow(Direction::FromRadio, response, orka::pel::FrameKind::Response) == nullptr) {
+      continue;
+    }
+    orka::codec::Bytes message;
+    orka::codec::ByteWriter(message).Put(row.opcode);
+    if (row.body == orka::codec::Body::Record) {  // all fields zero
+      message.resize(message.size() + (row.name == "FileAccessRequest" ? 11 : 6));
+    }
+    EXPECT_TRUE(camera_.InjectQRXMessage(message, {}).first) << row.name;
   }
+  Send(Kova::ShutdownRequest());
+  EXPECT_TRUE(seen_.AwaitKind(N::ShutdownResponse));
   EXPECT_TRUE(seen_.AwaitKind(N::ConnectionLost)) << "it shuts down as asked";
-  EXPECT_THAT(Command("received 1"), HasSubstr(R"("opcode":"0x0405","kind":"request")"));
+  EXPECT_THAT(Command("received 1"),
+              testing::AllOf(HasSubstr(R"("opcode":"0x0405","kind":"request")"),
+                             HasSubstr(R"("delay_ms":0)")));
 }
 
 TEST_F(RadiosimTest, EveryNotificationCanBeSentByHand) {
@@ -247,7 +225,7 @@ TEST_F(RadiosimTest, SettingsAreKeptAndClockRunsOn) {
   EXPECT_EQ(time.year() * 10000 + time.month() * 100 + time.day(), 20310228);
   EXPECT_EQ(time.hour(), 23);
   EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"High")"));
-  EXPECT_THAT(Command("state"), HasSubstr(R"("wlanSsid":"depot")"));
+  EXPECT_THAT(Command("state"), HasSubstr(R"("wlan_ssid":"depot")"));
   Send(Kova::RtFactoryResetRequest());
   ASSERT_TRUE(seen_.AwaitKind(N::FactoryReset));
   EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"Medium")"));
@@ -483,7 +461,7 @@ TEST_F(RadiosimTest, ControlSocketServesCommandsAndReplacesAStaleOne) {
     });
     testing::internal::CaptureStdout();
     EXPECT_EQ(RunControlClient(path, "state"), 0);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\"linkUp\":false"));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\"link_up\":false"));
     EXPECT_EQ(RunControlClient(path, "bogus"), 1);
     Run([&] { control.reset(); });
   }

@@ -35,6 +35,7 @@ using orka::pel::FrameKind;
 constexpr std::size_t kKeepReceived = 1000;
 constexpr std::chrono::milliseconds kTick{50};
 constexpr std::chrono::milliseconds kHoldAtMost{500};
+constexpr std::chrono::milliseconds kAcceptAgainAfter{100};
 constexpr std::array<std::string_view, 3> kKinds = {"request", "response", "broadcast"};
 
 std::string Hex(std::uint16_t opcode) {
@@ -109,7 +110,7 @@ Simulator::~Simulator() {
 
 bool Simulator::Start(std::string& error) {
   if (options_.listen.empty() == options_.pty_link.empty()) {
-    error = "either an address to listen on or a pseudo-terminal is needed";
+    error = "either --listen ADDRESS:PORT or --pty LINK is needed";
     return false;
   }
   if (!(options_.listen.empty() ? OpenPty(error) : Listen(error))) {
@@ -201,7 +202,8 @@ void Simulator::Accept() {
       print_("a camera connects");
       BeginSession(socket.release());
     }
-    Accept();
+    // An error such as too many open files would come again at once.
+    After(error ? kAcceptAgainAfter : std::chrono::milliseconds(0), [this] { Accept(); });
   });
 }
 

@@ -480,13 +480,17 @@ TEST_F(RadiosimTest, NewCameraTakesThePlaceOfTheOldOne) {
 
 TEST_F(RadiosimTest, StartNamesWhatIsWrong) {
   for (const auto& [listen, error] :
-       std::vector<std::pair<std::string, std::string>>{{"", "either"},
+       std::vector<std::pair<std::string, std::string>>{{"", "either --listen"},
                                                         {"localhost:1", "is not ADDRESS:PORT"},
                                                         {"127.0.0.1:x", "is not ADDRESS"},
                                                         {"127.0.0.1", "is not ADDRESS"},
                                                         {"192.0.2.1:1", "cannot listen"}}) {
+    EXPECT_EQ(RunControlClient(path, "state\nquit"), 1) << "two commands";
     Run([&] {
       Options options;
+  asio::io_context hung;
+  const asio::local::stream_protocol::acceptor acceptor(hung, path);
+  EXPECT_EQ(RunControlClient(path, "state", std::chrono::milliseconds(20)), 2) << "no reply";
       options.listen = listen;
       Simulator simulator(io_, options, FaultPlan(), [](const std::string&) {});
       std::string text;

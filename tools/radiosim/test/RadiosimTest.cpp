@@ -237,8 +237,8 @@ TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
   const auto subscription = [](bool on) {
     Kova::OpcodeSubscriptionMsg message;
     message.mutable_request()->set_subscribe(on);
-    for (const auto code :
-         {Kova::SUBSCRIBE_BATTERY_LEVEL, Kova::SUBSCRIBE_COVERT_MODE, Kova::SUBSCRIBE_LOCATION}) {
+    for (const auto code : {Kova::SUBSCRIBE_BATTERY_LEVEL, Kova::SUBSCRIBE_COVERT_MODE,
+                            Kova::SUBSCRIBE_EMERGENCY, Kova::SUBSCRIBE_LOCATION}) {
       message.mutable_request()->add_codes(code);
     }
     return message;
@@ -252,6 +252,8 @@ TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
       << "the battery drains";
   Send(Parsed<Kova::ToggleCovertModeMsg>(R"({"enabled":true})"));
   EXPECT_TRUE(seen_.AwaitKind(N::CovertModeBroadcast, 2));
+  Send(Parsed<Collaboration::RadioEmergencyMsg>(R"({"state":"RAISED"})"));
+  EXPECT_TRUE(seen_.AwaitKind(N::RadioEmergency, 3)) << "as it stood, the answer, the change";
   Send(subscription(false));
   ASSERT_TRUE(seen_.AwaitKind(N::OpcodeSubscription, 2));
   seen_.Clear();
@@ -303,8 +305,7 @@ TEST_F(RadiosimTest, ChunksOutOfOrderAreRefusedAndRepeatedOnesNotDoubled) {
   ASSERT_TRUE(seen_.AwaitKind(N::TransferData, 6));
   camera_.Stop();
   Run([&] { EXPECT_TRUE(simulator_->Command("reboot").ok); });
-  EXPECT_TRUE(fs::is_empty(options_.radio.store) ||
-              std::distance(fs::directory_iterator(options_.radio.store), {}) == 1)
+  EXPECT_EQ(std::distance(fs::directory_iterator(options_.radio.store), {}), 1)
       << "nothing is left of the file that was given up";
 }
 
@@ -322,13 +323,15 @@ const std::vector<FaultCase> kFaultCases = {
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
     {"delay message=RtVersionRequest direction=in after=2 delay_ms=400",
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
-    {"reorder message=RtVersionResponse after=2",
+    {"reorder message=RtVersionResponse",
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
     {"corrupt message=RtVersionResponse count=2", {N::RtVersion, N::HardwareId}},
     {"truncate message=RtVersionResponse count=1", {N::RtVersion, N::RtVersion, N::HardwareId}},
     {"half-frame message=RtVersionResponse after=1", {N::RtVersion, N::ConnectionLost}},
     {"silent message=RtVersionResponse after=1", {N::RtVersion, N::ConnectionLost}},
-    {"reboot message=RtVersionRequest direction=in", {N::ConnectionLost}},
+    {"drop message=KeepAlive",
+     {N::RtVersion, N::RtVersion, N::RtVersion, N::HardwareId, N::ConnectionLost}},
+    {"reboot message=RtVersionRequest direction=in", {N::ConnectionLost}},  // last: it is away then
 };
 
 TEST_P(RadiosimLineTest, FaultsOfFramesDoWhatTheySay) {
@@ -349,28 +352,41 @@ TEST_P(RadiosimLineTest, FaultsOfFramesDoWhatTheySay) {
     }
     camera_.SendToRadio(Kova::HardwareIdRequest(), 0);
     EXPECT_EQ(seen_.Await(fault_case.expected.size()), fault_case.expected);
-    EXPECT_THAT(Command("faults"), testing::Not(HasSubstr("fired 0")));
+    EXPECT_THAT(Command("faults"), testing::ContainsRegex("fired [1-9]\n")) << "not at each tick";
     camera_.Stop();
   }
+}
+
+// Both requests come late by the same, the first after its session is over.
+TEST_P(RadiosimLineTest, LateRequestOfAnEarlierSessionIsForgotten) {
+  Connect("delay direction=in delay_ms=200");
+  Send(Kova::RtVersionRequest());
+  camera_.Stop();
+  seen_.Clear();
+  ASSERT_TRUE(StartLink());
+  ASSERT_TRUE(seen_.AwaitKind(N::RadioConnected));
+  Send(Kova::HardwareIdRequest());
+  EXPECT_THAT(seen_.Await(3), ElementsAre(N::HandshakeCompleted, N::RadioConnected, N::HardwareId));
 }
 
 TEST_F(RadiosimTest, FaultsOfAnswersDoWhatTheySay) {
   using orka::qrx::Result;
   Connect();
   const std::string content(100'000, 'x');
-  const auto under = [&](const std::string& fault) {
+  const auto under = [&](const std::string& fault, const std::string& pushed) {
     Command("fault clear");
     EXPECT_EQ(Command("fault " + fault), "");
-    return Push("f", content);
+    return Push("f", pushed);
   };
-  EXPECT_EQ(under("refuse-access result=5"), Result::NoSpace);
-  EXPECT_EQ(under("refuse-chunk chunk=2"), Result::Failure);
-  EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 2);
-  EXPECT_EQ(under("wrong-name"), Result::Success);
+  EXPECT_EQ(under("refuse-access result=5", ""), Result::NoSpace);
+  EXPECT_EQ(under("refuse-chunk chunk=3", content), Result::Failure);
+  EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 3);
+  EXPECT_FALSE(fs::exists(options_.radio.store / "f")) << "neither empty nor complete";
+  EXPECT_EQ(under("wrong-name", content), Result::Success);
   EXPECT_EQ(Last<orka::qrx::FileAccessResponse>(N::FileAccess).file_name, "fx");
-  EXPECT_EQ(under("wrong-size"), Result::Success);
+  EXPECT_EQ(under("wrong-size", content), Result::Success);
   EXPECT_EQ(Last<orka::qrx::FileAccessResponse>(N::FileAccess).file_size, 100'001);
-  EXPECT_EQ(under("wrong-chunk after=3"), Result::Success);
+  EXPECT_EQ(under("wrong-chunk after=3", content), Result::Success);
   EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 4);
   EXPECT_EQ(Command("fault wrong-transaction"), "");
   const std::vector<std::uint8_t> version = {0x04, 0x01};
@@ -384,6 +400,7 @@ TEST_P(RadiosimLineTest, UnansweredHandshakeFailsAndTheNextSucceeds) {
   camera_.Stop();
   EXPECT_THAT(Command("faults"), testing::ContainsRegex("fired [2-9]"));
   EXPECT_EQ(Command("fault clear"), "");
+  EXPECT_EQ(Command("fault delay message=HelloAnswer delay_ms=1200"), "");  // after a second hello
   ASSERT_TRUE(StartLink());
   EXPECT_TRUE(seen_.AwaitKind(N::HandshakeCompleted));
   EXPECT_EQ(Command("close"), "");
@@ -417,6 +434,11 @@ TEST_F(RadiosimTest, CommandsNameWhatWasWrong) {
       {"fault drop message=Nothing", "the radio sends no \"Nothing\""},
       {"fault corrupt direction=in", "for frames of the radio only"},
       {"fault wrong-chunk message=Docking", "for TransferDataResponse only"},
+      {"fault drop message=Hello", "the radio sends no \"Hello\""},
+      {"fault drop message=HelloAnswer direction=in", "the camera sends no \"HelloAnswer\""},
+      {"fault delay message=KeepAlive direction=in", "delay does nothing to the camera's link"},
+      {"fault wrong-transaction message=Docking", "for responses only"},
+      {"fault drop message=Docking chunk=1", "Docking has no chunk number"},
   };
   for (const auto& [command, error] : cases) {
     EXPECT_THAT(Command(command), testing::AllOf(HasSubstr("error: "), HasSubstr(error)));
@@ -463,8 +485,12 @@ TEST_F(RadiosimTest, ControlSocketServesCommandsAndReplacesAStaleOne) {
     EXPECT_EQ(RunControlClient(path, "state"), 0);
     EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\"link_up\":false"));
     EXPECT_EQ(RunControlClient(path, "bogus"), 1);
+    EXPECT_EQ(RunControlClient(path, "state\nquit"), 1) << "two commands";
     Run([&] { control.reset(); });
   }
+  asio::io_context hung;
+  const asio::local::stream_protocol::acceptor acceptor(hung, path);
+  EXPECT_EQ(RunControlClient(path, "state", std::chrono::milliseconds(20)), 2) << "no reply";
 }
 
 TEST_F(RadiosimTest, NewCameraTakesThePlaceOfTheOldOne) {
@@ -485,12 +511,8 @@ TEST_F(RadiosimTest, StartNamesWhatIsWrong) {
                                                         {"127.0.0.1:x", "is not ADDRESS"},
                                                         {"127.0.0.1", "is not ADDRESS"},
                                                         {"192.0.2.1:1", "cannot listen"}}) {
-    EXPECT_EQ(RunControlClient(path, "state\nquit"), 1) << "two commands";
     Run([&] {
       Options options;
-  asio::io_context hung;
-  const asio::local::stream_protocol::acceptor acceptor(hung, path);
-  EXPECT_EQ(RunControlClient(path, "state", std::chrono::milliseconds(20)), 2) << "no reply";
       options.listen = listen;
       Simulator simulator(io_, options, FaultPlan(), [](const std::string&) {});
       std::string text;

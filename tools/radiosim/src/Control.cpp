@@ -24,6 +24,7 @@ struct Control::Client {
 namespace {
 
 constexpr std::size_t kMaxLine = 1024UL * 1024;
+constexpr std::chrono::milliseconds kAcceptAgainAfter{100};
 
 }  // namespace
 
@@ -63,6 +64,7 @@ void Control::Stop() {
     ::unlink(std::exchange(path_, {}).c_str());
     asio::error_code ignored;
     static_cast<void>(acceptor_.close(ignored));
+    accept_again_.cancel();
   }
 }
 
@@ -74,8 +76,16 @@ void Control::Accept() {
     }
     if (!error) {
       Read(std::make_shared<Client>(std::move(socket)));
+      Accept();
+      return;
     }
-    Accept();
+    // An error such as too many open files would come again at once.
+    accept_again_.expires_after(kAcceptAgainAfter);
+    accept_again_.async_wait([this, alive](const asio::error_code& cancelled) {
+      if (!cancelled && !alive.expired() && !path_.empty()) {
+        Accept();
+      }
+    });
   });
 }
 
@@ -101,9 +111,16 @@ void Control::Read(const std::shared_ptr<Client>& client) {
       });
 }
 
-int RunControlClient(const std::string& path, const std::string& command) {
+int RunControlClient(const std::string& path, const std::string& command,
+                     std::chrono::milliseconds timeout) {
+  if (command.find_first_of("\r\n") != std::string::npos) {
+    std::cerr << "error: a command is one line\n";
+    return 1;
+  }
   try {
-    Protocol::iostream stream{Protocol::endpoint(path)};
+    Protocol::iostream stream;
+    stream.expires_after(timeout);
+    stream.connect(Protocol::endpoint(path));
     stream << command << '\n' << std::flush;
     for (std::string line; std::getline(stream, line);) {
       if (line == "ok") {

@@ -20,9 +20,10 @@ struct KindRow {
   std::string_view name;
   std::string_view message;  // the only one that it can do something to
   Frames frames;
+  bool camera_link_control = false;  // whether it can hit the camera's link control
 };
 constexpr std::array kKinds = std::to_array<KindRow>({
-    {FaultKind::Drop, "drop", "", Frames::Either},
+    {FaultKind::Drop, "drop", "", Frames::Either, true},
     {FaultKind::Duplicate, "duplicate", "", Frames::Either},
     {FaultKind::Delay, "delay", "", Frames::Either},
     {FaultKind::Reorder, "reorder", "", Frames::Radio},
@@ -35,15 +36,19 @@ constexpr std::array kKinds = std::to_array<KindRow>({
     {FaultKind::WrongSize, "wrong-size", "FileAccessResponse", Frames::Radio},
     {FaultKind::RefuseAccess, "refuse-access", "FileAccessResponse", Frames::Radio},
     {FaultKind::RefuseChunk, "refuse-chunk", "TransferDataResponse", Frames::Radio},
-    {FaultKind::Reboot, "reboot", "", Frames::Either},
+    {FaultKind::Reboot, "reboot", "", Frames::Either, true},
     {FaultKind::Silent, "silent", "", Frames::Either},
-    {FaultKind::NoHandshake, "no-handshake", "Hello", Frames::Camera},
+    {FaultKind::NoHandshake, "no-handshake", "Hello", Frames::Camera, true},
 });
 constexpr std::array<std::string_view, 4> kLinkControl = {"Hello", "HelloAnswer", "KeepAlive",
                                                           "Goodbye"};
 
 const KindRow& RowOf(FaultKind kind) {
   return *std::ranges::find(kKinds, kind, &KindRow::kind);
+}
+
+bool IsRefusal(const FaultRule& rule) {
+  return rule.kind == FaultKind::RefuseAccess || rule.kind == FaultKind::RefuseChunk;
 }
 
 template <class T>
@@ -100,19 +105,30 @@ std::optional<FaultRule> MakeRule(std::string_view kind, std::string& error) {
   return rule;
 }
 
+// A rule that could never do anything is refused, and not counted as if it had.
 bool Check(const FaultRule& rule, std::string& error) {
   const KindRow& row = RowOf(rule.kind);
-  const auto direction =
-      rule.incoming ? orka::codec::Direction::ToRadio : orka::codec::Direction::FromRadio;
+  const bool link_control = std::ranges::count(kLinkControl, rule.message) > 0;
+  const auto* message = orka::codec::FindRow(
+      rule.incoming ? orka::codec::Direction::ToRadio : orka::codec::Direction::FromRadio,
+      rule.message);
   if (row.frames == (rule.incoming ? Frames::Radio : Frames::Camera)) {
     error = std::string(row.name) + " is for frames of the " +
             (rule.incoming ? "radio" : "camera") + " only";
   } else if (!row.message.empty() && rule.message != row.message) {
     error = std::string(row.name) + " is for " + std::string(row.message) + " only";
-  } else if (!rule.message.empty() && std::ranges::count(kLinkControl, rule.message) == 0 &&
-             orka::codec::FindRow(direction, rule.message) == nullptr) {
+  } else if (!rule.message.empty() && message == nullptr &&
+             (!link_control || rule.message == (rule.incoming ? "HelloAnswer" : "Hello"))) {
     error = "the " + std::string(rule.incoming ? "camera" : "radio") + " sends no \"" +
             rule.message + "\"";
+  } else if (rule.incoming && link_control && !row.camera_link_control) {
+    error = std::string(row.name) + " does nothing to the camera's link control";
+  } else if (rule.kind == FaultKind::WrongTransaction && !rule.message.empty() &&
+             (message == nullptr || message->kind != orka::pel::FrameKind::Response)) {
+    error = std::string(row.name) + " is for responses only";
+  } else if (rule.chunk && !rule.message.empty() &&
+             rule.message != (rule.incoming ? "TransferDataRequest" : "TransferDataResponse")) {
+    error = rule.message + " has no chunk number";
   }
   return error.empty();
 }
@@ -215,19 +231,34 @@ std::vector<const FaultRule*> FaultPlan::Fire(bool incoming, std::string_view me
   std::vector<const FaultRule*> firing;
   for (FaultRule& rule : rules_) {
     const bool names_it = rule.message.empty() ? !is_link_control : rule.message == message;
-    if (rule.incoming != incoming || !names_it || (rule.chunk && rule.chunk != chunk) ||
-        (rule.kind == FaultKind::WrongTransaction && !is_response)) {
-      continue;
+    if (rule.incoming == incoming && names_it && (!rule.chunk || rule.chunk == chunk) &&
+        (rule.kind != FaultKind::WrongTransaction || is_response) && !IsRefusal(rule) &&
+        Fires(rule)) {
+      firing.push_back(&rule);
     }
-    ++rule.matched;
-    if (rule.matched <= rule.after || (rule.count != 0 && rule.fired >= rule.count) ||
-        (rule.probability < 1 && std::uniform_real_distribution<>()(random_) >= rule.probability)) {
-      continue;
-    }
-    ++rule.fired;
-    firing.push_back(&rule);
   }
   return firing;
+}
+
+std::optional<orka::qrx::Result> FaultPlan::Refuse(std::string_view message,
+                                                   std::optional<std::uint16_t> chunk) {
+  for (FaultRule& rule : rules_) {
+    if (IsRefusal(rule) && rule.message == message && (!rule.chunk || rule.chunk == chunk) &&
+        Fires(rule)) {
+      return static_cast<orka::qrx::Result>(rule.result);
+    }
+  }
+  return std::nullopt;
+}
+
+bool FaultPlan::Fires(FaultRule& rule) {
+  ++rule.matched;
+  if (rule.matched <= rule.after || (rule.count != 0 && rule.fired >= rule.count) ||
+      (rule.probability < 1 && std::uniform_real_distribution<>()(random_) >= rule.probability)) {
+    return false;
+  }
+  ++rule.fired;
+  return true;
 }
 
 std::size_t FaultPlan::Random(std::size_t limit) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "orka/qrx.h"
+
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -70,9 +72,15 @@ class FaultPlan {
   std::uint32_t BitsPerSecond() const { return bits_per_second_; }
   void SetBitsPerSecond(std::uint32_t speed) { bits_per_second_ = speed; }
 
-  // The rules that fire for this frame, in the order of the plan; each is counted.
+  // The rules that fire for this frame, in the order of the plan; each is counted. Refusals are not
+  // among them.
   std::vector<const FaultRule*> Fire(bool incoming, std::string_view message, bool is_response,
                                      bool is_link_control, std::optional<std::uint16_t> chunk);
+
+  // To be asked before the radio does what would be answered by `message`: the result with which it
+  // refuses, or nothing.
+  std::optional<orka::qrx::Result> Refuse(std::string_view message,
+                                          std::optional<std::uint16_t> chunk);
 
   // A number below `limit`, from the plan's own generator.
   std::size_t Random(std::size_t limit);
@@ -81,6 +89,8 @@ class FaultPlan {
   std::string Report() const;
 
  private:
+  bool Fires(FaultRule& rule);
+
   std::list<FaultRule> rules_;
   std::uint32_t bits_per_second_ = 0;
   std::mt19937_64 random_;

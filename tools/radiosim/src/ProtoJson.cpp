@@ -48,9 +48,12 @@ class Definitions {
   Definitions() {
     google::protobuf::FileDescriptorSet set;
     const char* begin = &radiosim_definitions_begin;
-    set.ParseFromArray(begin, static_cast<int>(&radiosim_definitions_end - begin));
+    bool ok = set.ParseFromArray(begin, static_cast<int>(&radiosim_definitions_end - begin));
     for (const auto& file : set.file()) {
-      pool_.BuildFile(file);
+      ok = ok && pool_.BuildFile(file) != nullptr;
+    }
+    if (!ok) {
+      throw std::logic_error("the embedded message definitions are damaged");
     }
   }
 
@@ -61,10 +64,11 @@ class Definitions {
 template <class T>
 concept Proto = std::is_base_of_v<MessageLite, T>;
 
-std::string Print(const google::protobuf::Message& message, bool all_fields) {
+std::string Print(const google::protobuf::Message& message) {
   std::string json;
   util::JsonPrintOptions options;
-  options.always_print_primitive_fields = all_fields;
+  options.always_print_primitive_fields = true;
+  options.preserve_proto_field_names = true;
   const auto status = util::MessageToJsonString(message, &json, options);
   return status.ok() ? json : R"({"error":")" + status.ToString() + R"("})";
 }
@@ -152,7 +156,7 @@ bool FromJsonRecord(std::string_view text, orka::qrx::TransferDataResponse& resp
   json::TransferDataResponse message;
   return Parse(text, message, error) &&
          Narrow(message.result(), "result", response.result, error) &&
-         Narrow(message.chunk_number(), "chunkNumber", response.chunk_number, error);
+         Narrow(message.chunk_number(), "chunk_number", response.chunk_number, error);
 }
 
 template <class T>
@@ -162,9 +166,9 @@ std::string AnyToJson(const T& held) {
   } else if constexpr (std::is_same_v<T, std::string>) {
     google::protobuf::StringValue text;
     text.set_value(held);
-    return Print(text, false);
+    return Print(text);
   } else {
-    return Print(ToMessage(held), true);
+    return Print(ToMessage(held));
   }
 }
 
@@ -201,11 +205,11 @@ bool AlternativeFromJson(std::index_sequence<Index...> /*alternatives*/, std::si
 std::string ToJson(const MessageLite& message) {
   const auto dynamic = Definitions::Get().Make(message.GetTypeName());
   dynamic->ParseFromString(message.SerializeAsString());
-  return Print(*dynamic, false);
+  return Print(*dynamic);
 }
 
 std::string ToJson(const google::protobuf::Message& message) {
-  return Print(message, true);
+  return Print(message);
 }
 
 bool FromJson(std::string_view json, MessageLite& message, std::string& error) {

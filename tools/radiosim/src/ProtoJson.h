@@ -8,15 +8,13 @@
 #include <string>
 #include <string_view>
 
-// Messages as JSON, by protobuf's own mapping: field names in lowerCamelCase (the names of the
-// .proto files are read, too), bytes in base64, enumerations by name. Fields of the system's
-// messages are left out at their default. The definitions are part of the program. Any thread.
+// Messages as JSON, by protobuf's own mapping, as zeltcli prints them: field names as in the .proto
+// files (lowerCamelCase is read, too), bytes in base64, enumerations by name, fields without
+// presence also at their default. The definitions are part of the program. Any thread.
 namespace radiosim {
 
 std::string ToJson(const google::protobuf::MessageLite& message);
-
-// Of this program's own messages, with all fields.
-std::string ToJson(const google::protobuf::Message& message);
+std::string ToJson(const google::protobuf::Message& message);  // this program's own
 
 // Replaces `message`; empty text is an empty message. False when the text is no JSON or does not
 // fit; `error` then names the field.

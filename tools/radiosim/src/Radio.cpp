@@ -36,28 +36,32 @@ std::chrono::sys_time<std::chrono::milliseconds> SystemNow() {
 // ------------------------------------------------------------------------------------------------
 // The tables.
 
-// What can be subscribed to and has a state to tell.
+// What can be subscribed to and has a state to tell. It is told to a new subscriber and when it
+// changes.
 struct Radio::Subscribable {
   Kova::SubscriptionMsgCode code;
+  bool repeated;  // also told again and again
   std::string_view broadcast;
   orka::RadioNotificationData (*state)(const Radio& radio);
 };
-const std::array<Radio::Subscribable, 6> Radio::kSubscribables = {{
-    {Kova::SUBSCRIBE_BATTERY_LEVEL, "BatteryLevelBroadcast",
+const std::array<Radio::Subscribable, 7> Radio::kSubscribables = {{
+    {Kova::SUBSCRIBE_BATTERY_LEVEL, true, "BatteryLevelBroadcast",
      [](const Radio& radio) -> orka::RadioNotificationData { return radio.Battery(); }},
-    {Kova::SUBSCRIBE_BLUETOOTH_STATUS, "BluetoothStatusBroadcast",
+    {Kova::SUBSCRIBE_BLUETOOTH_STATUS, true, "BluetoothStatusBroadcast",
      [](const Radio& radio) -> orka::RadioNotificationData { return radio.Bluetooth(); }},
-    {Kova::SUBSCRIBE_LTE_STATUS, "LteStatusBroadcast",
+    {Kova::SUBSCRIBE_LTE_STATUS, true, "LteStatusBroadcast",
      [](const Radio& radio) -> orka::RadioNotificationData { return radio.Lte(); }},
-    {Kova::SUBSCRIBE_COVERT_MODE, "CovertModeBroadcast",
+    {Kova::SUBSCRIBE_COVERT_MODE, false, "CovertModeBroadcast",
      [](const Radio& radio) -> orka::RadioNotificationData {
        Kova::ToggleCovertModeMsg message;
        message.set_enabled(radio.configuration_.covert);
        return message;
      }},
-    {Kova::SUBSCRIBE_WLAN_STATUS, "WlanStatusBroadcast",
+    {Kova::SUBSCRIBE_WLAN_STATUS, true, "WlanStatusBroadcast",
      [](const Radio& radio) -> orka::RadioNotificationData { return radio.Wlan(); }},
-    {Kova::SUBSCRIBE_LOCATION, "LocationBroadcast",
+    {Kova::SUBSCRIBE_EMERGENCY, false, "EmergencyBroadcast",
+     [](const Radio& radio) -> orka::RadioNotificationData { return radio.emergency_; }},
+    {Kova::SUBSCRIBE_LOCATION, true, "LocationBroadcast",
      [](const Radio& radio) -> orka::RadioNotificationData {
        Kova::LocationInfoMsg message;
        *message.mutable_broadcast() = radio.Location();
@@ -194,7 +198,7 @@ void Radio::Tick(Clock::time_point now) {
   if (now >= next_broadcast_) {
     next_broadcast_ = now + settings_.broadcast_every;
     for (const Subscribable& row : kSubscribables) {
-      if (row.code != Kova::SUBSCRIBE_COVERT_MODE) {  // told when it changes
+      if (row.repeated) {
         BroadcastIfSubscribed(row.code);
       }
     }
@@ -496,13 +500,21 @@ void Radio::Feedback(const Received& received) {
 
 void Radio::GrantFileAccess(const Received& received) {
   const auto& request = As<orka::qrx::FileAccessRequest>(received);
-  const Result result = store_.Begin(request);
+  const auto refused = outside_.refuse("FileAccessResponse", std::nullopt);
+  if (refused) {
+    store_.Abort();
+  }
+  const Result result = refused ? *refused : store_.Begin(request);
   Respond(received, orka::qrx::FileAccessResponse{result, request.file_size, request.file_name});
 }
 
 void Radio::TakeChunk(const Received& received) {
   const auto& request = As<orka::qrx::TransferDataRequest>(received);
-  const Result result = store_.Write(request, received.chunk);
+  const auto refused = outside_.refuse("TransferDataResponse", request.chunk_number);
+  if (refused) {
+    store_.Abort();
+  }
+  const Result result = refused ? *refused : store_.Write(request, received.chunk);
   Respond(received, orka::qrx::TransferDataResponse{result, request.chunk_number});
 }
 
@@ -555,12 +567,15 @@ void Radio::TellLocation(const Received& received) {
 }
 
 void Radio::TakeEmergency(const Received& received) {
-  emergency_ = As<Collaboration::RadioEmergencyMsg>(received);
+  const auto before = std::exchange(emergency_, As<Collaboration::RadioEmergencyMsg>(received));
   auto response = emergency_;
   if (emergency_.state() == Collaboration::RadioEmergencyMsg::RAISED) {
     response.set_state(Collaboration::RadioEmergencyMsg::ACKNOWLEDGED);
   }
   Respond(received, response);
+  if (before.state() != emergency_.state() || before.emergency_id() != emergency_.emergency_id()) {
+    BroadcastIfSubscribed(Kova::SUBSCRIBE_EMERGENCY);
+  }
 }
 
 Kova::RadioWlanControlIncomingMsg Radio::Wlan() const {

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <functional>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -49,6 +50,11 @@ class Radio {
     std::function<void(const orka::codec::MessageRow& row, const orka::RadioNotificationData& data,
                        std::uint16_t transaction, std::uint16_t part)>
         send;
+    // Asked before a file is begun or a chunk taken, with the name of the answer: the result with
+    // which to refuse it, or nothing.
+    std::function<std::optional<orka::qrx::Result>(std::string_view answer,
+                                                   std::optional<std::uint16_t> chunk)>
+        refuse;
     std::function<void(const std::string& line)> log;
     std::function<void(std::chrono::milliseconds after)> restart;
   };
@@ -63,8 +69,6 @@ class Radio {
   // The camera is gone: a file in transfer is given up, subscriptions end.
   void SessionEnded();
 
-  void AbortTransfer() { store_.Abort(); }
-
   json::State State() const;
 
  private:
@@ -74,7 +78,7 @@ class Radio {
     orka::pel::FrameKind kind;
     void (Radio::*handle)(const Received& received);
   };
-  static const std::array<Subscribable, 6> kSubscribables;
+  static const std::array<Subscribable, 7> kSubscribables;
   static const Answer* FindAnswer(const orka::codec::MessageRow& row);
 
   void Respond(const Received& received, const orka::RadioNotificationData& data);
@@ -156,8 +160,7 @@ class Radio {
   Kova::VideoActionType last_video_action_ = Kova::VIDEO_ACTION_NONE;
   Collaboration::RadioEmergencyMsg emergency_;
   std::string debug_log_;
-  int rsm_progress_ = -1;  // per cent; -1: no update
-  std::uint16_t rsm_part_ = 0;
+  int rsm_progress_ = -1;                      // per cent; -1: no update
   std::chrono::seconds location_interval_{0};  // 0: not asked for
   Clock::time_point last_tick_;
   Clock::time_point next_broadcast_;

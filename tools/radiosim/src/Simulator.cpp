@@ -35,6 +35,7 @@ using orka::pel::FrameKind;
 constexpr std::size_t kKeepReceived = 1000;
 constexpr std::chrono::milliseconds kTick{50};
 constexpr std::chrono::milliseconds kHoldAtMost{500};
+constexpr std::chrono::milliseconds kAcceptAgainAfter{100};
 constexpr std::array<std::string_view, 3> kKinds = {"request", "response", "broadcast"};
 
 std::string Hex(std::uint16_t opcode) {
@@ -90,6 +91,9 @@ Simulator::Simulator(asio::io_context& io, Options options, FaultPlan plan, Prin
                   }
                 }
               },
+              [this](std::string_view answer, std::optional<std::uint16_t> chunk) {
+                return plan_.Refuse(answer, chunk);
+              },
               [this](const std::string& line) { print_(line); },
               [this](std::chrono::milliseconds after) {
                 print_("shuts down in " + std::to_string(after.count()) + " ms");
@@ -109,7 +113,7 @@ Simulator::~Simulator() {
 
 bool Simulator::Start(std::string& error) {
   if (options_.listen.empty() == options_.pty_link.empty()) {
-    error = "either an address to listen on or a pseudo-terminal is needed";
+    error = "either --listen ADDRESS:PORT or --pty LINK is needed";
     return false;
   }
   if (!(options_.listen.empty() ? OpenPty(error) : Listen(error))) {
@@ -201,7 +205,8 @@ void Simulator::Accept() {
       print_("a camera connects");
       BeginSession(socket.release());
     }
-    Accept();
+    // An error such as too many open files would come again at once.
+    After(error ? kAcceptAgainAfter : std::chrono::milliseconds(0), [this] { Accept(); });
   });
 }
 
@@ -220,7 +225,9 @@ void Simulator::BeginSession(int fd) {
 }
 
 void Simulator::EndSession() {
+  ++session_number_;
   greeted_ = false;
+  in_use_ = false;
   held_.clear();
   radio_.SessionEnded();
 }
@@ -304,7 +311,9 @@ void Simulator::Tick() {
   if (greeted_ && now >= session_->LastHeard() + orka::codec::kLostAfter) {
     EndLink("the camera is silent");
   }
-  if (greeted_ && now >= session_->LastSent() + orka::codec::kKeepAliveAfter) {
+  if (greeted_ &&
+      now >= std::max(session_->LastSent(), last_keep_alive_) + orka::codec::kKeepAliveAfter) {
+    last_keep_alive_ = now;  // also of one that a fault keeps from the line
     SendLinkControl("KeepAlive", Encode(LinkControl::KeepAlive));
   }
   if (!away_) {
@@ -333,6 +342,7 @@ void Simulator::OnFrame(const orka::pel::BaseMessage& header, ByteView payload) 
     SendLinkControl("Goodbye", Encode(LinkControl::Goodbye));
     return;
   }
+  in_use_ = true;
   auto decoded = orka::codec::DecodeToRadio(static_cast<FrameKind>(header.kind), payload);
   if (!decoded.message) {
     print_("not understood: " +
@@ -372,7 +382,11 @@ void Simulator::OnFrame(const orka::pel::BaseMessage& header, ByteView payload) 
     }
   }
   for (; times > 0; --times) {
-    After(delay, [this, received] { OnMessage(received); });
+    After(delay, [this, received, session = session_number_] {
+      if (session == session_number_) {
+        OnMessage(received);
+      }
+    });
   }
 }
 
@@ -397,10 +411,10 @@ void Simulator::OnLinkControl(const orka::pel::BaseMessage& header, ByteView pay
       print_("a hello that is cut short");
       return;
     }
-    if (greeted_) {
+    if (in_use_) {
       print_("the camera begins anew");
       EndSession();
-    }
+    }  // else it repeats its hello, and may still get the answer to the one before
     session_silent_ = false;
     address_ = header.address;
     greeted_ = true;
@@ -420,6 +434,8 @@ void Simulator::OnLinkControl(const orka::pel::BaseMessage& header, ByteView pay
     EndLink("the camera says goodbye");
   } else if (*code == LinkControl::KeepAlive && !greeted_) {
     SendLinkControl("Goodbye", Encode(LinkControl::Goodbye));
+  } else if (*code == LinkControl::KeepAlive) {
+    in_use_ = true;
   }
 }
 
@@ -459,7 +475,6 @@ std::string Simulator::SendMessage(const orka::codec::MessageRow& row,
       plan_.Fire(false, row.name, row.kind == FrameKind::Response, false,
                  transfer != nullptr ? std::optional(transfer->chunk_number) : std::nullopt);
   for (const FaultRule* fault : faults) {
-    const auto result = static_cast<orka::qrx::Result>(fault->result);
     switch (fault->kind) {
       case FaultKind::WrongChunk:
         ++transfer->chunk_number;
@@ -469,14 +484,6 @@ std::string Simulator::SendMessage(const orka::codec::MessageRow& row,
         break;
       case FaultKind::WrongSize:
         ++access->file_size;
-        break;
-      case FaultKind::RefuseAccess:
-        access->result = result;
-        radio_.AbortTransfer();
-        break;
-      case FaultKind::RefuseChunk:
-        transfer->result = result;
-        radio_.AbortTransfer();
         break;
       case FaultKind::WrongTransaction:
         transaction ^= 0x5555U;
@@ -531,8 +538,15 @@ void Simulator::SendFrame(Bytes bytes, const std::vector<const FaultRule*>& faul
         delay += fault->delay;
         break;
       case FaultKind::Reorder:
+        if (!held_.empty()) {
+          break;  // this one is the next one for the frame that is held
+        }
         held_ = std::move(bytes);
-        After(kHoldAtMost, [this] { Deliver(std::exchange(held_, {})); });
+        After(kHoldAtMost, [this, number = ++held_number_] {
+          if (number == held_number_) {
+            Deliver(std::exchange(held_, {}));
+          }
+        });
         return;
       case FaultKind::Corrupt:
         bytes[plan_.Random(bytes.size() - 1)] ^= static_cast<std::uint8_t>(1U << plan_.Random(8));
@@ -556,9 +570,8 @@ void Simulator::SendFrame(Bytes bytes, const std::vector<const FaultRule*>& faul
         break;  // a fault of the message
     }
   }
-  After(delay, [this, bytes = std::move(bytes), times, silence,
-                session = std::weak_ptr<Session>(session_)] {
-    if (session.lock() != session_) {
+  After(delay, [this, bytes = std::move(bytes), times, silence, session = session_number_] {
+    if (session != session_number_) {
       return;
     }
     for (int i = 0; i < times; ++i) {

@@ -123,11 +123,15 @@ class Simulator {
   bool silent_ = false;
 
   std::shared_ptr<Session> session_;
-  bool greeted_ = false;  // the camera has said hello
+  bool greeted_ = false;              // the camera has said hello
+  bool in_use_ = false;               // and has sent more than that
+  std::uint64_t session_number_ = 0;  // what waits for a session finds whether it is still that
+  Session::Clock::time_point last_keep_alive_;
   std::uint64_t ended_sessions_bytes_ = 0;
   bool session_silent_ = false;  // a fault; until the next hello
   std::uint16_t address_ = 0;    // the camera's, repeated in every frame
   orka::codec::Bytes held_;      // a frame that waits for the next one
+  std::uint64_t held_number_ = 0;
   std::map<std::uint16_t, std::uint16_t> last_transactions_;  // by opcode of the request
 
   std::uint64_t received_count_ = 0;

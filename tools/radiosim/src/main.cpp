@@ -121,7 +121,11 @@ int main(int argc, char** argv) {
   ctl->add_option("COMMAND", ctl_words, "the command")->required();
   ctl->positionals_at_end(false);
 
-  CLI11_PARSE(app, argc, argv);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& failure) {
+    return app.exit(failure) == 0 ? 0 : kExitUsage;
+  }
 
   if (*ctl) {
     std::string command;

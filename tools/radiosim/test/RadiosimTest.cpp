@@ -168,50 +168,28 @@ T Parsed(const std::string& json) {
 }
 
 TEST_F(RadiosimTest, EveryRequestIsAnswered) {
+  using orka::codec::Direction;
   Connect();
-  const std::vector<std::pair<orka::RadioOutgoingMessage, N>> requests = {
-      {Parsed<Kova::LocationInfoMsg>(R"({"request":{}})"), N::LocationInfo},
-      {Parsed<Collaboration::RadioEmergencyMsg>(R"({"state":"RAISED"})"), N::RadioEmergency},
-      {Kova::RtVersionRequest(), N::RtVersion},
-      {Kova::HardwareIdRequest(), N::HardwareId},
-      {Kova::SerialNumberMsg(), N::SerialNumber},
-      {Kova::BtMacAddressMsg(), N::BtMacAddress},
-      {Kova::BatteryLevelRequest(), N::BatteryLevelResponse},
-      {Parsed<Kova::ConfigurationSetMsg>(R"({"request":{"configurationId":4}})"),
-       N::ConfigurationSet},
-      {Parsed<Kova::ButtonsSubscribtionMsg>(R"({"request":{"buttons":[{"name":"OneDot"}]}})"),
-       N::ButtonsSubscribtion},
-      {Parsed<Kova::LedBrightnessSettingMsg>(R"({"brightness":"Low"})"), N::LedBrightness},
-      {Parsed<Kova::BluetoothConfigMsg>(R"({"request":{"mode":"MODE_OFF"}})"), N::BluetoothConfig},
-      {Parsed<Kova::BluetoothStatusMsg>(R"({"request":{}})"), N::BluetoothStatus},
-      {Parsed<Kova::GattConfigMsg>(R"({"getRequest":{}})"), N::GattConfig},
-      {Parsed<Kova::GattConfigMsg>(R"({"setRequest":{}})"), N::GattConfig},
-      {Parsed<Kova::GattConfigMsg>(R"({"resetRequest":{}})"), N::GattConfig},
-      {Kova::RadioWlanControlOutgoingMsg(), N::WlanControl},
-      {Kova::RadioWlanHotspotControlOutgoingMsg(), N::WlanHotspotControl},
-      {Kova::ToggleCovertModeMsg(), N::CovertModeResponse},
-      {Kova::RtFactoryResetRequest(), N::FactoryReset},
-      {Parsed<Kova::OpcodeSubscriptionMsg>(R"({"request":{}})"), N::OpcodeSubscription},
-      {Parsed<Kova::MicStatusMsg>(R"({"request":{}})"), N::MicStatus},
-      {Kova::GetDateTimeReq(), N::GetDateTime},
-      {Kova::SetDateTimeReq(), N::SetDateTime},
-      {Parsed<Kova::RtDebugLogMsg>(R"({"request":{}})"), N::DebugLog},
-      {orka::qrx::FileAccessRequest{1, 2, 5, "f"}, N::FileAccess},
-      {orka::qrx::TransferDataRequest{}, N::TransferData},
-      {Kova::RsmUpdateRequest(), N::RsmUpdate},
-      {Kova::VideoControlRequest(), N::VideoControlResponse},
-      {Kova::RadioLteControlOutgoing(), N::LteStatus},
-      {Collaboration::IoTRegistrationRequest(), N::IoTRegistration},
-      {Collaboration::IoTConnectionStatusQuery(), N::IoTConnectionStatus},
-      {Kova::ShutdownRequest(), N::ShutdownResponse},
-  };
-  for (const auto& [request, kind] : requests) {
-    seen_.Clear();
-    Send(request);
-    EXPECT_TRUE(seen_.AwaitKind(kind)) << ToJson(request);
+  for (const auto& row : orka::codec::kMessageTable) {
+    const auto response = static_cast<std::uint16_t>(row.opcode | 0x8000U);
+    if (row.direction != Direction::ToRadio || row.kind != orka::pel::FrameKind::Request ||
+        row.name == "ShutdownRequest" ||
+        FindRow(Direction::FromRadio, response, orka::pel::FrameKind::Response) == nullptr) {
+      continue;
+    }
+    orka::codec::Bytes message;
+    orka::codec::ByteWriter(message).Put(row.opcode);
+    if (row.body == orka::codec::Body::Record) {  // all fields zero
+      message.resize(message.size() + (row.name == "FileAccessRequest" ? 11 : 6));
+    }
+    EXPECT_TRUE(camera_.InjectQRXMessage(message, {}).first) << row.name;
   }
+  Send(Kova::ShutdownRequest());
+  EXPECT_TRUE(seen_.AwaitKind(N::ShutdownResponse));
   EXPECT_TRUE(seen_.AwaitKind(N::ConnectionLost)) << "it shuts down as asked";
-  EXPECT_THAT(Command("received 1"), HasSubstr(R"("opcode":"0x0405","kind":"request")"));
+  EXPECT_THAT(Command("received 1"),
+              testing::AllOf(HasSubstr(R"("opcode":"0x0405","kind":"request")"),
+                             HasSubstr(R"("delay_ms":0)")));
 }
 
 TEST_F(RadiosimTest, EveryNotificationCanBeSentByHand) {
@@ -247,7 +225,7 @@ TEST_F(RadiosimTest, SettingsAreKeptAndClockRunsOn) {
   EXPECT_EQ(time.year() * 10000 + time.month() * 100 + time.day(), 20310228);
   EXPECT_EQ(time.hour(), 23);
   EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"High")"));
-  EXPECT_THAT(Command("state"), HasSubstr(R"("wlanSsid":"depot")"));
+  EXPECT_THAT(Command("state"), HasSubstr(R"("wlan_ssid":"depot")"));
   Send(Kova::RtFactoryResetRequest());
   ASSERT_TRUE(seen_.AwaitKind(N::FactoryReset));
   EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"Medium")"));
@@ -259,8 +237,8 @@ TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
   const auto subscription = [](bool on) {
     Kova::OpcodeSubscriptionMsg message;
     message.mutable_request()->set_subscribe(on);
-    for (const auto code :
-         {Kova::SUBSCRIBE_BATTERY_LEVEL, Kova::SUBSCRIBE_COVERT_MODE, Kova::SUBSCRIBE_LOCATION}) {
+    for (const auto code : {Kova::SUBSCRIBE_BATTERY_LEVEL, Kova::SUBSCRIBE_COVERT_MODE,
+                            Kova::SUBSCRIBE_EMERGENCY, Kova::SUBSCRIBE_LOCATION}) {
       message.mutable_request()->add_codes(code);
     }
     return message;
@@ -274,6 +252,8 @@ TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
       << "the battery drains";
   Send(Parsed<Kova::ToggleCovertModeMsg>(R"({"enabled":true})"));
   EXPECT_TRUE(seen_.AwaitKind(N::CovertModeBroadcast, 2));
+  Send(Parsed<Collaboration::RadioEmergencyMsg>(R"({"state":"RAISED"})"));
+  EXPECT_TRUE(seen_.AwaitKind(N::RadioEmergency, 3)) << "as it stood, the answer, the change";
   Send(subscription(false));
   ASSERT_TRUE(seen_.AwaitKind(N::OpcodeSubscription, 2));
   seen_.Clear();
@@ -325,8 +305,7 @@ TEST_F(RadiosimTest, ChunksOutOfOrderAreRefusedAndRepeatedOnesNotDoubled) {
   ASSERT_TRUE(seen_.AwaitKind(N::TransferData, 6));
   camera_.Stop();
   Run([&] { EXPECT_TRUE(simulator_->Command("reboot").ok); });
-  EXPECT_TRUE(fs::is_empty(options_.radio.store) ||
-              std::distance(fs::directory_iterator(options_.radio.store), {}) == 1)
+  EXPECT_EQ(std::distance(fs::directory_iterator(options_.radio.store), {}), 1)
       << "nothing is left of the file that was given up";
 }
 
@@ -344,13 +323,15 @@ const std::vector<FaultCase> kFaultCases = {
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
     {"delay message=RtVersionRequest direction=in after=2 delay_ms=400",
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
-    {"reorder message=RtVersionResponse after=2",
+    {"reorder message=RtVersionResponse",
      {N::RtVersion, N::RtVersion, N::HardwareId, N::RtVersion}},
     {"corrupt message=RtVersionResponse count=2", {N::RtVersion, N::HardwareId}},
     {"truncate message=RtVersionResponse count=1", {N::RtVersion, N::RtVersion, N::HardwareId}},
     {"half-frame message=RtVersionResponse after=1", {N::RtVersion, N::ConnectionLost}},
     {"silent message=RtVersionResponse after=1", {N::RtVersion, N::ConnectionLost}},
-    {"reboot message=RtVersionRequest direction=in", {N::ConnectionLost}},
+    {"drop message=KeepAlive",
+     {N::RtVersion, N::RtVersion, N::RtVersion, N::HardwareId, N::ConnectionLost}},
+    {"reboot message=RtVersionRequest direction=in", {N::ConnectionLost}},  // last: it is away then
 };
 
 TEST_P(RadiosimLineTest, FaultsOfFramesDoWhatTheySay) {
@@ -371,28 +352,41 @@ TEST_P(RadiosimLineTest, FaultsOfFramesDoWhatTheySay) {
     }
     camera_.SendToRadio(Kova::HardwareIdRequest(), 0);
     EXPECT_EQ(seen_.Await(fault_case.expected.size()), fault_case.expected);
-    EXPECT_THAT(Command("faults"), testing::Not(HasSubstr("fired 0")));
+    EXPECT_THAT(Command("faults"), testing::ContainsRegex("fired [1-9]\n")) << "not at each tick";
     camera_.Stop();
   }
+}
+
+// Both requests come late by the same, the first after its session is over.
+TEST_P(RadiosimLineTest, LateRequestOfAnEarlierSessionIsForgotten) {
+  Connect("delay direction=in delay_ms=200");
+  Send(Kova::RtVersionRequest());
+  camera_.Stop();
+  seen_.Clear();
+  ASSERT_TRUE(StartLink());
+  ASSERT_TRUE(seen_.AwaitKind(N::RadioConnected));
+  Send(Kova::HardwareIdRequest());
+  EXPECT_THAT(seen_.Await(3), ElementsAre(N::HandshakeCompleted, N::RadioConnected, N::HardwareId));
 }
 
 TEST_F(RadiosimTest, FaultsOfAnswersDoWhatTheySay) {
   using orka::qrx::Result;
   Connect();
   const std::string content(100'000, 'x');
-  const auto under = [&](const std::string& fault) {
+  const auto under = [&](const std::string& fault, const std::string& pushed) {
     Command("fault clear");
     EXPECT_EQ(Command("fault " + fault), "");
-    return Push("f", content);
+    return Push("f", pushed);
   };
-  EXPECT_EQ(under("refuse-access result=5"), Result::NoSpace);
-  EXPECT_EQ(under("refuse-chunk chunk=2"), Result::Failure);
-  EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 2);
-  EXPECT_EQ(under("wrong-name"), Result::Success);
+  EXPECT_EQ(under("refuse-access result=5", ""), Result::NoSpace);
+  EXPECT_EQ(under("refuse-chunk chunk=3", content), Result::Failure);
+  EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 3);
+  EXPECT_FALSE(fs::exists(options_.radio.store / "f")) << "neither empty nor complete";
+  EXPECT_EQ(under("wrong-name", content), Result::Success);
   EXPECT_EQ(Last<orka::qrx::FileAccessResponse>(N::FileAccess).file_name, "fx");
-  EXPECT_EQ(under("wrong-size"), Result::Success);
+  EXPECT_EQ(under("wrong-size", content), Result::Success);
   EXPECT_EQ(Last<orka::qrx::FileAccessResponse>(N::FileAccess).file_size, 100'001);
-  EXPECT_EQ(under("wrong-chunk after=3"), Result::Success);
+  EXPECT_EQ(under("wrong-chunk after=3", content), Result::Success);
   EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).chunk_number, 4);
   EXPECT_EQ(Command("fault wrong-transaction"), "");
   const std::vector<std::uint8_t> version = {0x04, 0x01};
@@ -406,6 +400,7 @@ TEST_P(RadiosimLineTest, UnansweredHandshakeFailsAndTheNextSucceeds) {
   camera_.Stop();
   EXPECT_THAT(Command("faults"), testing::ContainsRegex("fired [2-9]"));
   EXPECT_EQ(Command("fault clear"), "");
+  EXPECT_EQ(Command("fault delay message=HelloAnswer delay_ms=1200"), "");  // after a second hello
   ASSERT_TRUE(StartLink());
   EXPECT_TRUE(seen_.AwaitKind(N::HandshakeCompleted));
   EXPECT_EQ(Command("close"), "");
@@ -439,6 +434,11 @@ TEST_F(RadiosimTest, CommandsNameWhatWasWrong) {
       {"fault drop message=Nothing", "the radio sends no \"Nothing\""},
       {"fault corrupt direction=in", "for frames of the radio only"},
       {"fault wrong-chunk message=Docking", "for TransferDataResponse only"},
+      {"fault drop message=Hello", "the radio sends no \"Hello\""},
+      {"fault drop message=HelloAnswer direction=in", "the camera sends no \"HelloAnswer\""},
+      {"fault delay message=KeepAlive direction=in", "delay does nothing to the camera's link"},
+      {"fault wrong-transaction message=Docking", "for responses only"},
+      {"fault drop message=Docking chunk=1", "Docking has no chunk number"},
   };
   for (const auto& [command, error] : cases) {
     EXPECT_THAT(Command(command), testing::AllOf(HasSubstr("error: "), HasSubstr(error)));
@@ -483,10 +483,14 @@ TEST_F(RadiosimTest, ControlSocketServesCommandsAndReplacesAStaleOne) {
     });
     testing::internal::CaptureStdout();
     EXPECT_EQ(RunControlClient(path, "state"), 0);
-    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\"linkUp\":false"));
+    EXPECT_THAT(testing::internal::GetCapturedStdout(), HasSubstr("\"link_up\":false"));
     EXPECT_EQ(RunControlClient(path, "bogus"), 1);
+    EXPECT_EQ(RunControlClient(path, "state\nquit"), 1) << "two commands";
     Run([&] { control.reset(); });
   }
+  asio::io_context hung;
+  const asio::local::stream_protocol::acceptor acceptor(hung, path);
+  EXPECT_EQ(RunControlClient(path, "state", std::chrono::milliseconds(20)), 2) << "no reply";
 }
 
 TEST_F(RadiosimTest, NewCameraTakesThePlaceOfTheOldOne) {
@@ -502,7 +506,7 @@ TEST_F(RadiosimTest, NewCameraTakesThePlaceOfTheOldOne) {
 
 TEST_F(RadiosimTest, StartNamesWhatIsWrong) {
   for (const auto& [listen, error] :
-       std::vector<std::pair<std::string, std::string>>{{"", "either"},
+       std::vector<std::pair<std::string, std::string>>{{"", "either --listen"},
                                                         {"localhost:1", "is not ADDRESS:PORT"},
                                                         {"127.0.0.1:x", "is not ADDRESS"},
                                                         {"127.0.0.1", "is not ADDRESS"},

@@ -10,7 +10,9 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 #include <utility>
 
 namespace orka {
@@ -79,6 +81,27 @@ bool MakeModes(const UartSettings& settings, termios& modes, std::string& error)
   return true;
 }
 
+// Sets what the device can do, which is all that tcsetattr promises, and checks that it is
+// everything.
+bool SetModes(int fd, const termios& modes, std::string& error) {
+  termios done{};
+  if (::tcgetattr(fd, &done) != 0 || ::tcsetattr(fd, TCSANOW, &modes) != 0 ||
+      ::tcgetattr(fd, &done) != 0) {
+    error = std::strerror(errno);
+    return false;
+  }
+  const auto differs = [&](tcflag_t flags) {
+    return ((done.c_cflag ^ modes.c_cflag) & flags) != 0;
+  };
+  error = ::cfgetospeed(&done) != ::cfgetospeed(&modes) ? "the device does not do this baud rate"
+          : differs(CSIZE)                              ? "the device does not do 8 data bits"
+          : differs(CSTOPB)          ? "the device does not do this number of stop bits"
+          : differs(PARENB | PARODD) ? "the device does not do this parity"
+          : differs(CRTSCTS)         ? "the device does not do this flow control"
+                                     : "";
+  return error.empty();
+}
+
 }  // namespace
 
 std::optional<Line> MakeTcpLine(const SocketSettings& settings, std::string& error) {
@@ -126,12 +149,25 @@ std::optional<Line> OpenSerialLine(const UartSettings& settings, std::string& er
     error = SystemError(settings.device + " is in use");
     return std::nullopt;
   }
-  if (termios before{}; ::tcgetattr(fd, &before) != 0 || ::tcsetattr(fd, TCSANOW, &modes) != 0) {
-    error = SystemError("cannot set up " + settings.device);
+  if (std::string why; !SetModes(fd, modes, why)) {
+    error = "cannot set up " + settings.device + ": " + why;
+    ReleaseSerialLine(fd);
     return std::nullopt;
   }
   ::tcflush(fd, TCIOFLUSH);
   return line;
+}
+
+void ReleaseSerialLine(int fd) {
+  int pending = 0;
+  for (int round = 0; ::ioctl(fd, TIOCOUTQ, &pending) == 0 && pending > 0; ++round) {
+    if (round == 20) {
+      ::tcflush(fd, TCOFLUSH);
+      break;
+    }
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  ::ioctl(fd, TIOCNXCL);  // a pseudo-terminal would stay exclusive
 }
 
 }  // namespace orka

@@ -24,4 +24,8 @@ std::optional<Line> MakeTcpLine(const SocketSettings& settings, std::string& err
 // pseudo-terminal will do.
 std::optional<Line> OpenSerialLine(const UartSettings& settings, std::string& error);
 
+// To be called before such a line is closed. Gives what was written a moment to go out, and throws
+// the rest away: the driver would wait for a line that is stuck for half a minute.
+void ReleaseSerialLine(int fd);
+
 }  // namespace orka

@@ -2,7 +2,6 @@
 
 #include "zelt/LogClient.h"
 
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <asio/buffer.hpp>
@@ -35,10 +34,7 @@ Link::Link(asio::io_context& io, Line line, LinkSettings settings, AtomicCounter
                        codec::ByteView payload) { return HandleFrame(header, payload); },
                 [this](codec::Drop drop, std::size_t bytes) {
                   damaged_ = true;
-                  auto& counter = drop == codec::Drop::Checksum  ? counters_.dropped_checksum
-                                  : drop == codec::Drop::TooLong ? counters_.dropped_too_long
-                                                                 : counters_.dropped_malformed;
-                  CountDrop(counter,
+                  CountDrop(CounterOf(drop),
                             std::string(ToString(drop)) + ", " + std::to_string(bytes) + " bytes");
                 }) {}
 
@@ -137,7 +133,7 @@ void Link::Received(codec::ByteView bytes) {
   // A long frame on a slow line takes longer than a radio may be silent: its bytes count as life,
   // unless the line brings nothing but damage.
   if (deframer_.InFrame() && !damaged_) {
-    last_heard_ = Clock::now();
+    pulse_.last_heard = Clock::now();
   }
 }
 
@@ -148,7 +144,7 @@ bool Link::HandleFrame(const pel::BaseMessage& header, codec::ByteView payload) 
   }
   counters_.frames_received.fetch_add(1, std::memory_order_relaxed);
   damaged_ = false;
-  last_heard_ = Clock::now();
+  pulse_.last_heard = Clock::now();
   if (header.kind == static_cast<std::uint8_t>(pel::FrameKind::LinkControl)) {
     HandleLinkControl(payload);
   } else if (state_ == State::Connected) {
@@ -176,7 +172,7 @@ void Link::HandleLinkControl(codec::ByteView payload) {
       return;
     }
     state_ = State::Connected;
-    ArmTimer(Clock::now() + codec::kKeepAliveAfter);
+    ArmTimer(pulse_.NextLook(Clock::now()));
     ZELT_LOG(zelt::kLogInfo, kLogCategoryRadio)
         << "Radio \"" << answer->name << "\" answered on " << name_ << ", largest transfer "
         << answer->max_transfer_size << ", in service " << answer->in_service;
@@ -207,7 +203,7 @@ void Link::Append(codec::ByteView bytes) {
 }
 
 int Link::Flush() {
-  while (!awaiting_room_) {
+  while (!pulse_.line_is_full) {
     if (written_ == writing_.size()) {
       writing_.clear();
       written_ = 0;
@@ -226,13 +222,13 @@ int Link::Flush() {
     if (count >= 0) {
       written_ += static_cast<std::size_t>(count);
       unwritten_ = writing_.size() - written_;
-      last_sent_ = Clock::now();
+      pulse_.last_sent = Clock::now();
       counters_.bytes_sent.fetch_add(static_cast<std::uint64_t>(count), std::memory_order_relaxed);
     } else if (errno == EAGAIN) {
-      awaiting_room_ = true;
+      pulse_.line_is_full = true;
       stream_.async_wait(asio::posix::stream_descriptor::wait_write,
                          [self = shared_from_this()](const asio::error_code&) {
-                           self->awaiting_room_ = false;
+                           self->pulse_.line_is_full = false;
                            self->FlushOrEnd();
                          });
     } else if (errno != EINTR) {
@@ -275,20 +271,17 @@ void Link::OnTimer() {
       }
       ArmTimer(state_ == State::Opening ? greet_until_ : std::min(greet_again_, greet_until_));
       break;
-    case State::Connected: {
-      const auto lost_at = last_heard_ + codec::kLostAfter;
-      if (now >= lost_at) {
+    case State::Connected:
+      if (pulse_.IsLost(now)) {
         End("the radio is silent");
         return;
       }
-      // While the line is full, what waits for it is sign of life enough.
-      if (now >= last_sent_ + codec::kKeepAliveAfter && !awaiting_room_) {
+      if (pulse_.NeedsKeepAlive(now)) {
         AppendLinkControl(codec::Encode(codec::LinkControl::KeepAlive));
-        last_sent_ = now;
+        pulse_.last_sent = now;
       }
-      ArmTimer(std::min(lost_at, std::max(last_sent_, now) + codec::kKeepAliveAfter));
+      ArmTimer(pulse_.NextLook(now));
       break;
-    }
     case State::Closed:
       return;
   }
@@ -307,7 +300,7 @@ void Link::Close() {
   state_ = State::Closed;
   LogDropsLeft();
   if (!connect_to_) {
-    ::ioctl(stream_.native_handle(), TIOCNXCL);  // a pseudo-terminal would stay exclusive
+    ReleaseSerialLine(stream_.native_handle());
   }
   asio::error_code ignored;
   static_cast<void>(stream_.close(ignored));

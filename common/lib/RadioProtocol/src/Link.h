@@ -10,6 +10,7 @@
 #include <asio/posix/stream_descriptor.hpp>
 #include <asio/steady_timer.hpp>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
@@ -18,6 +19,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -56,6 +58,25 @@ struct LinkSettings {
   codec::Hello hello;
   std::uint16_t address = 0;
   std::chrono::seconds handshake_timeout{0};
+};
+
+// What decides when a link that is up has to look after itself.
+struct LinkPulse {
+  using Time = std::chrono::steady_clock::time_point;
+  Time last_heard;
+  Time last_sent;
+  bool line_is_full = false;
+
+  bool IsLost(Time now) const { return now >= last_heard + codec::kLostAfter; }
+  // While the line is full, what waits for it is sign of life enough.
+  bool NeedsKeepAlive(Time now) const {
+    return !line_is_full && now >= last_sent + codec::kKeepAliveAfter;
+  }
+  // When one of the two may be so next.
+  Time NextLook(Time now) const {
+    return std::min(last_heard + codec::kLostAfter,
+                    (line_is_full ? now : last_sent) + codec::kKeepAliveAfter);
+  }
 };
 
 // One attempt at a link, from opening the line to its end:
@@ -115,14 +136,12 @@ class Link : public std::enable_shared_from_this<Link> {
   State state_ = State::Opening;
   codec::Deframer deframer_;
   std::array<std::uint8_t, 64UL * 1024> read_buffer_{};
-  codec::Bytes writing_;        // being written
-  std::size_t written_ = 0;     // of writing_
-  bool awaiting_room_ = false;  // until the line takes more
-  bool damaged_ = false;        // a frame was dropped since the last good one
+  codec::Bytes writing_;     // being written
+  std::size_t written_ = 0;  // of writing_
+  bool damaged_ = false;     // a frame was dropped since the last good one
   Clock::time_point greet_until_;
   Clock::time_point greet_again_;
-  Clock::time_point last_heard_;
-  Clock::time_point last_sent_;
+  LinkPulse pulse_;
   Clock::time_point last_drop_;
   std::uint64_t drops_unlogged_ = 0;
 

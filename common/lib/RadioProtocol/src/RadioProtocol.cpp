@@ -265,7 +265,8 @@ class RadioProtocol::Impl {
   FrameVerdict Received(std::uint64_t session, const pel::BaseMessage& header,
                         codec::ByteView payload) {
     const auto kind = static_cast<pel::FrameKind>(header.kind);
-    if (kind == pel::FrameKind::Response && TakeForInjection(header.transaction, payload)) {
+    if (kind == pel::FrameKind::Response &&
+        TakeForInjection(session, header.transaction, payload)) {
       return {};
     }
     auto decoded = codec::DecodeFromRadio(kind, payload);
@@ -283,6 +284,9 @@ class RadioProtocol::Impl {
         << header.transaction << ", " << payload.size() << " bytes";
     if (kind == pel::FrameKind::Request) {
       const std::lock_guard lock(mutex_);
+      if (session != session_) {
+        return {};
+      }
       open_requests_[decoded.row->opcode] = header.transaction;
     }
     NotifySession(session, decoded.row->notify, std::move(*decoded.message));
@@ -329,10 +333,12 @@ class RadioProtocol::Impl {
     }
   }
 
-  bool TakeForInjection(std::uint16_t transaction, codec::ByteView payload) {
+  bool TakeForInjection(std::uint64_t session, std::uint16_t transaction, codec::ByteView payload) {
     const std::lock_guard lock(mutex_);
     const auto found = injections_.find(transaction);
-    if (found == injections_.end()) {
+    if (session != session_ || found == injections_.end() ||
+        payload.size() < sizeof(std::uint16_t) ||
+        OpcodeOf(payload) != found->second->answer_opcode) {
       return false;
     }
     found->second->answer.emplace(payload.begin(), payload.end());
@@ -346,6 +352,7 @@ class RadioProtocol::Impl {
   // Any thread.
 
   struct Injection {
+    std::uint16_t answer_opcode = 0;
     bool over = false;
     std::optional<codec::Bytes> answer;
   };
@@ -417,12 +424,17 @@ class RadioProtocol::Impl {
       error = std::to_string(message.size()) + " bytes are not an opcode and its body";
       return std::nullopt;
     }
+    if (header.kind > static_cast<std::uint8_t>(pel::FrameKind::Broadcast)) {
+      error = "kind of frame " + std::to_string(header.kind) + " is not 0 to 2";
+      return std::nullopt;
+    }
     if (OnRadioThread()) {
       error = "the radio's own thread cannot wait for it";
       return std::nullopt;
     }
     const bool answered = header.kind == static_cast<std::uint8_t>(pel::FrameKind::Request);
     const auto injection = std::make_shared<Injection>();
+    injection->answer_opcode = static_cast<std::uint16_t>(OpcodeOf(message) | kResponseBit);
     std::unique_lock lock(mutex_);
     if (state_ != State::Connected) {
       error = "not connected";

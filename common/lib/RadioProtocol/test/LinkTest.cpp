@@ -1,3 +1,4 @@
+#include "Link.h"
 #include "TestRadio.h"
 #include "orka/fake/NotificationLog.h"
 #include "zelt/fake/LogCapture.h"
@@ -84,12 +85,8 @@ TEST_F(LinkTest, WhatCannotBeSentIsRefusedAndNamed) {
   Connect();
   EXPECT_EQ(protocol_.SendToRadio(Kova::RtVersionRequest(), 65536), SendResult::Unencodable);
   EXPECT_TRUE(log_.Contains("selector 65536"));
-  Kova::LedBrightnessSettingMsg led;
-  led.set_brightness("off");
-  EXPECT_EQ(protocol_.SendToRadio(led, 0), SendResult::Unencodable);
-  EXPECT_TRUE(log_.Contains("no code for brightness \"off\""));
   EXPECT_EQ(protocol_.SendTransferData({3, 0, 5}, 0, nullptr), SendResult::Unencodable);
-  EXPECT_EQ(protocol_.GetCounters().sends_refused, 3);
+  EXPECT_EQ(protocol_.GetCounters().sends_refused, 2);
 }
 
 TEST_F(LinkTest, QueueIsBoundedWhenTheRadioDoesNotRead) {
@@ -100,6 +97,15 @@ TEST_F(LinkTest, QueueIsBoundedWhenTheRadioDoesNotRead) {
                                         std::make_unique<std::vector<std::uint8_t>>(32768));
   }
   EXPECT_EQ(result, SendResult::QueueFull);
+
+  const codec::Bytes message(codec::kMaxPayload);
+  while (protocol_.InjectQRXMessage(message, {.kind = 2}).first) {
+  }
+  EXPECT_TRUE(log_.Contains("without success: the radio does not take what is queued"));
+  for (int i = 0; i < 2; ++i) {
+    EXPECT_FALSE(protocol_.InjectQRXMessage(message, {.transaction = 7}).first);
+  }
+  EXPECT_FALSE(log_.Contains("is being waited for")) << "what was not sent awaits nothing";
 }
 
 TEST_F(LinkTest, StrangersBytesLoseOnlyTheDamagedFrame) {
@@ -116,8 +122,10 @@ TEST_F(LinkTest, StrangersBytesLoseOnlyTheDamagedFrame) {
       TestRadio::MakeFrame(pel::FrameKind::Request, codec::Bytes{0x12, 0x34});
   const codec::Bytes no_protobuf =
       TestRadio::MakeFrame(pel::FrameKind::Response, codec::Bytes{0x84, 0x01, 0xFF});
+  const codec::Bytes newer =
+      TestRadio::MakeFrame(pel::FrameKind::LinkControl, codec::Bytes{0, 5, 1});
   std::size_t expected = 1;
-  for (const codec::Bytes& bytes : {wrong, truncated, too_long, unknown, no_protobuf}) {
+  for (const codec::Bytes& bytes : {wrong, truncated, too_long, unknown, no_protobuf, newer}) {
     radio_.SendRaw(bytes);
     radio_.SendRaw(good);
     EXPECT_EQ(seen_.Await(++expected).size(), expected);
@@ -146,17 +154,14 @@ TEST_F(LinkTest, StartRefusesWhatMakesNoSense) {
   EXPECT_FALSE(protocol_.StartUart({.device = "/nowhere/tty", .baud_rate = 9600}, 0, 1));
   EXPECT_TRUE(log_.Contains("cannot open /nowhere/tty"));
   EXPECT_FALSE(protocol_.StartUart({.device = file, .baud_rate = 9600}, 0, 1)) << "no terminal";
-  const UartSettings good{.device = file, .baud_rate = 9600};
-  const std::vector<std::pair<std::string, void (*)(UartSettings&)>> wrong = {
-      {"baud rate 9601", [](UartSettings& s) { s.baud_rate = 9601; }},
-      {"stop bits 3", [](UartSettings& s) { s.stop_bits = 3; }},
-      {"data bits 7", [](UartSettings& s) { s.data_bits = 7; }},
-      {"parity 3", [](UartSettings& s) { s.parity = 3; }},
-      {"flow control 2", [](UartSettings& s) { s.flow_control = 2; }},
-      {"read timeout 256", [](UartSettings& s) { s.read_timeout = 256; }}};
-  for (const auto& [text, spoil] : wrong) {
-    UartSettings settings = good;
-    spoil(settings);
+  const std::vector<std::pair<std::string, UartSettings>> wrong = {
+      {"baud rate 9601", {.device = file, .baud_rate = 9601}},
+      {"stop bits 3", {.device = file, .baud_rate = 9600, .stop_bits = 3}},
+      {"data bits 7", {.device = file, .baud_rate = 9600, .data_bits = 7}},
+      {"parity 3", {.device = file, .baud_rate = 9600, .parity = 3}},
+      {"flow control 2", {.device = file, .baud_rate = 9600, .flow_control = 2}},
+      {"read timeout 256", {.device = file, .baud_rate = 9600, .read_timeout = 256}}};
+  for (const auto& [text, settings] : wrong) {
     EXPECT_FALSE(protocol_.StartUart(settings, 0, 1));
     EXPECT_TRUE(log_.Contains(text));
   }
@@ -219,25 +224,35 @@ TEST_F(LinkTest, SlowFrameIsLifeAndNoiseIsNot) {
   noise.join();
 }
 
-TEST_F(LinkTest, CameraTalksWhileItHasNothingToSay) {
+TEST_F(LinkTest, CameraTalksWhileItHasNothingToSayAndTakesItsLeave) {
   Connect();
-  const auto frame = radio_.Next(pel::FrameKind::LinkControl);
+  const auto keep_alive = codec::Encode(codec::LinkControl::KeepAlive);
+  auto frame = radio_.Next(pel::FrameKind::LinkControl);
   ASSERT_TRUE(frame);
-  EXPECT_EQ(frame->payload, codec::Encode(codec::LinkControl::KeepAlive));
-}
-
-TEST_F(LinkTest, GoodbyeEndsTheLinkBothWays) {
-  Connect();
+  EXPECT_EQ(frame->payload, keep_alive);
   protocol_.Stop();
-  const auto frame = radio_.Next(pel::FrameKind::LinkControl);
+  while (frame && frame->payload == keep_alive) {
+    frame = radio_.Next(pel::FrameKind::LinkControl);
+  }
   ASSERT_TRUE(frame);
   EXPECT_EQ(frame->payload, codec::Encode(codec::LinkControl::Goodbye));
+}
 
-  TestRadio other;
-  ASSERT_TRUE(protocol_.StartSocket(other.Address(), 0, 10));
-  ASSERT_TRUE(other.Handshake());
-  other.Send(pel::FrameKind::LinkControl, codec::Encode(codec::LinkControl::Goodbye));
-  EXPECT_EQ(seen_.Await(3).back(), N::ConnectionLost);
+TEST(LinkPulse, KeepAliveComesInTimeWheneverTheLastFrameWasSent) {
+  const LinkPulse::Time start;
+  EXPECT_EQ((LinkPulse{start, start + 1ms}.NextLook(start + 800ms)), start + 801ms);
+  EXPECT_EQ((LinkPulse{start, start + 2s}.NextLook(start + 2s)), start + 2500ms)
+      << "then it is lost";
+  const LinkPulse full{start, start, true};
+  EXPECT_EQ(full.NextLook(start + 1s), start + 1800ms) << "not at once, again and again";
+  EXPECT_FALSE(full.NeedsKeepAlive(start + 1s));
+}
+
+TEST_F(LinkTest, GoodbyeOfTheRadioEndsTheLink) {
+  Connect();
+  radio_.Send(pel::FrameKind::LinkControl, codec::Encode(codec::LinkControl::Goodbye));
+  EXPECT_EQ(seen_.Await(2).back(), N::ConnectionLost);
+  EXPECT_TRUE(log_.Contains("ended by the radio"));
 }
 
 TEST_F(LinkTest, NothingIsNotifiedAfterStop) {
@@ -294,11 +309,14 @@ TEST_F(LinkTest, InjectionTakesItsResponseAndNoOther) {
   EXPECT_EQ(request->header, (pel::BaseMessage{5, 0, 0, 0, 0, 0x1234, 4}));
   EXPECT_EQ(request->payload, message);
   radio_.Send(pel::FrameKind::Response, codec::Bytes{0x84, 0x01}, 0x1233);
+  radio_.Send(pel::FrameKind::Response, codec::Bytes{0x84, 0x02}, 0x1234);
+  radio_.Send(pel::FrameKind::Response, codec::Bytes{0x84}, 0x1234);
   radio_.Send(pel::FrameKind::Response, codec::Bytes{0x84, 0x77, 9}, 0x1234);
   EXPECT_EQ(matched.get(), std::pair(true, codec::Bytes({0x84, 0x77, 9})));
-  EXPECT_THAT(seen_.Await(2), ElementsAre(N::HandshakeCompleted, N::RtVersion));
+  EXPECT_THAT(seen_.Await(3), ElementsAre(N::HandshakeCompleted, N::RtVersion, N::HardwareId));
 
   EXPECT_EQ(protocol_.InjectQRXMessage(message, {.kind = 2}), std::pair(true, codec::Bytes()));
+  EXPECT_FALSE(protocol_.InjectQRXMessage(message, {.kind = 3}).first) << "link control";
   EXPECT_FALSE(protocol_.InjectQRXMessage(codec::Bytes{4}, {}).first) << "no opcode";
   EXPECT_FALSE(inject({}).get().first) << "not answered";
 
@@ -317,27 +335,6 @@ TEST_F(LinkTest, InjectionTakesItsResponseAndNoOther) {
   EXPECT_FALSE(stopped.get().first);
 }
 
-TEST_F(LinkTest, FileHandleAnswerKeepsWhatTheServiceSaid) {
-  Kova::FileHandleOpenResponse response;
-  response.set_handle_id(0x10005);
-  response.set_status(0x0111849C);
-  response.set_attributes(3);
-  FileHandleRespWrapper expected{5, 0x0111849C, 3, {}};
-  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
-  response.mutable_directory()->add_entries("a");
-  expected.data = qrx::DirectoryDataType{{"a"}};
-  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
-  response.set_text("t");
-  expected.data = std::string("t");
-  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
-  response.set_size(7);
-  expected.data = std::uint32_t{7};
-  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
-  response.set_content("\xFF");
-  expected.data = codec::Bytes{0xFF};
-  EXPECT_EQ(protocol_.MakeFileHandleResponse(response), expected);
-}
-
 TEST_F(LinkTest, SerialLinkIsExclusiveAndNoticesTheCableGoing) {
   UniqueFd master(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
   ASSERT_EQ(::grantpt(master.Get()), 0);
@@ -345,6 +342,8 @@ TEST_F(LinkTest, SerialLinkIsExclusiveAndNoticesTheCableGoing) {
   const std::string device = ::ptsname(master.Get());
   TestRadio radio(std::move(master));
   const UartSettings settings{.device = device, .baud_rate = 1500000};
+  EXPECT_FALSE(protocol_.StartUart({.device = device, .baud_rate = 9600, .parity = 1}, 0, 10));
+  EXPECT_TRUE(log_.Contains("does not do this parity")) << "a pseudo-terminal has none";
   for (int round = 0; round < 2; ++round) {  // the second finds it free again
     ASSERT_TRUE(protocol_.StartUart(settings, 0, 10));
     RadioProtocol second(nullptr, "", "");

@@ -9,7 +9,7 @@
 namespace orka::codec {
 namespace {
 
-// Replaces `field`, a name, by its code. `C` is what the code is held in.
+// The code of a name, and the name of a code. nullptr with `error` when the table has none.
 template <class Table, class Name>
 auto CodeOf(const Table& table, const Name& name, std::string_view what, std::string& error)
     -> const typename Table::mapped_type* {
@@ -117,29 +117,6 @@ bool ForEachButton(Kova::ButtonsSubscribtionMsg& message, Convert convert) {
   }
 }
 
-template <class Message>
-bool VideoActionToCode(Message& message, std::string& error) {
-  const auto row = std::ranges::find_if(
-      kVideoActions, [&](const auto& entry) { return entry.second == message.action(); });
-  if (row == kVideoActions.end()) {
-    error = "no code for video action " + std::to_string(message.action());
-    return false;
-  }
-  message.set_action(static_cast<Kova::VideoActionType>(row->first));
-  return true;
-}
-
-template <class Message>
-bool VideoActionToName(Message& message, std::string& error) {
-  const auto row = kVideoActions.find(static_cast<qrx::VideoActionType>(message.action()));
-  if (row == kVideoActions.end()) {
-    error = "unknown video action code " + std::to_string(message.action());
-    return false;
-  }
-  message.set_action(row->second);
-  return true;
-}
-
 }  // namespace
 
 bool ToCodes(Kova::OpcodeSubscriptionMsg& message, std::string& error) {
@@ -201,23 +178,24 @@ bool ToNames(Kova::LedBrightnessSettingMsg& message, std::string& error) {
   return name != nullptr;
 }
 
-bool ToCodes(Kova::VideoControlRequest& message, std::string& error) {
-  return VideoActionToCode(message, error);
+bool ToCode(Kova::VideoActionType& action, std::string& error) {
+  const auto row = std::ranges::find_if(kVideoActions,
+                                        [&](const auto& entry) { return entry.second == action; });
+  if (row == kVideoActions.end()) {
+    error = "no code for video action " + std::to_string(action);
+    return false;
+  }
+  action = static_cast<Kova::VideoActionType>(row->first);
+  return true;
 }
-bool ToNames(Kova::VideoControlRequest& message, std::string& error) {
-  return VideoActionToName(message, error);
-}
-bool ToCodes(Kova::VideoControlResponse& message, std::string& error) {
-  return VideoActionToCode(message, error);
-}
-bool ToNames(Kova::VideoControlResponse& message, std::string& error) {
-  return VideoActionToName(message, error);
-}
-bool ToCodes(Kova::VideoControlBroadcast& message, std::string& error) {
-  return VideoActionToCode(message, error);
-}
-bool ToNames(Kova::VideoControlBroadcast& message, std::string& error) {
-  return VideoActionToName(message, error);
+bool ToName(Kova::VideoActionType& action, std::string& error) {
+  const auto row = kVideoActions.find(static_cast<qrx::VideoActionType>(action));
+  if (row == kVideoActions.end()) {
+    error = "unknown video action code " + std::to_string(action);
+    return false;
+  }
+  action = row->second;
+  return true;
 }
 
 bool ToCodes(Collaboration::RadioConnectionMsg& message, std::string& error) {

@@ -29,9 +29,9 @@ struct UartSettings {
   std::string device;
   std::uint32_t baud_rate = 0;     // bits per second, a standard rate of termios
   std::uint32_t stop_bits = 1;     // 1 or 2
-  std::uint32_t data_bits = 8;     // 5 to 8
+  std::uint32_t data_bits = 8;     // 8, the width of a frame's bytes
   std::uint32_t parity = 0;        // 0 none, 1 odd, 2 even
-  std::uint32_t flow_control = 0;  // 0 none, 1 RTS/CTS, 2 XON/XOFF
+  std::uint32_t flow_control = 0;  // 0 none, 1 RTS/CTS
   std::uint32_t read_timeout = 5;  // VTIME, tenths of a second
   bool modem_control = false;      // heed the carrier line; false sets CLOCAL
   bool exclusive = true;           // refuse a device that another process has open
@@ -81,12 +81,13 @@ class RadioProtocol {
                 const std::string& productId);
   RadioProtocol(const RadioProtocol&) = delete;
   RadioProtocol& operator=(const RadioProtocol&) = delete;
-  virtual ~RadioProtocol();  // stops
+  // Stops. Not from inside the notification callback: it would wait for itself.
+  virtual ~RadioProtocol();
 
   // Start connecting; the outcome comes as HandshakeCompleted or HandshakeFailed. `linkAddress`
   // stands in the header of every frame. `handshakeTimeout`, in seconds, covers the connection and
   // the handshake. False when it is not stopped, when the settings make no sense, or when the
-  // device cannot be opened; the log says why.
+  // device cannot be opened or does not do one of them; the log says why.
   virtual bool StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
                            std::uint32_t handshakeTimeout);
   virtual bool StartUart(const UartSettings& settings, std::uint32_t linkAddress,
@@ -123,14 +124,16 @@ class RadioProtocol {
   // True from the handshake until the link is lost or stopped.
   virtual bool IsRadioConnected();
 
-  // Whom to tell; replaces the earlier callback. It runs on the radio thread, one call at a time,
-  // in the order in which things happened, and must return soon.
+  // Whom to tell; replaces the earlier callback, which may still be running when this returns:
+  // where that matters, Stop() first. It runs on the radio thread, one call at a time, in the order
+  // in which things happened, and must return soon.
   void RegisterCallback(NotificationCallback callback);
 
   // Sends a raw radio message (opcode and body) under the given header, and waits at most 2 s for
-  // the response of the same transaction. A transaction of 0 lets the link choose; the length is
-  // always the true one. True with the response's opcode and body; true with nothing at once for a
-  // kind that is not answered; false when it was not sent or not answered. Fails at once on the
+  // the response: same transaction, and the opcode with 0x8000 added. A transaction of 0 lets the
+  // link choose; the length is always the true one. True with the response's opcode and body; true
+  // with nothing at once for responses and broadcasts, which are not answered; false when it was
+  // not sent or not answered. No link control: a kind above 2 is refused. Fails at once on the
   // radio thread. A response taken here is not notified.
   std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(gsl::span<const std::uint8_t> message,
                                                               const pel::BaseMessage& header);

@@ -2,9 +2,6 @@
 
 #include "orka/RadioProtocol.h"
 
-#include <chrono>
-#include <condition_variable>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -82,35 +79,10 @@ class FakeRadioProtocol : public RadioProtocol {
     answers_ = std::move(answers);
   }
 
-  std::vector<Call> Calls() const {
-    const std::lock_guard lock(mutex_);
-    return calls_;
-  }
-
   // Returns the calls so far and forgets them.
   std::vector<Call> TakeCalls() {
     const std::lock_guard lock(mutex_);
     return std::exchange(calls_, {});
-  }
-
-  // The calls of one kind, e.g. Of<SendCall>().
-  template <class T>
-  std::vector<T> Of() const {
-    const std::lock_guard lock(mutex_);
-    std::vector<T> found;
-    for (const Call& call : calls_) {
-      if (const T* match = std::get_if<T>(&call)) {
-        found.push_back(*match);
-      }
-    }
-    return found;
-  }
-
-  // Waits until there are at least `count` calls that were not taken. False when the time is over.
-  bool WaitForCalls(std::size_t count,
-                    std::chrono::milliseconds deadline = std::chrono::seconds(10)) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, deadline, [&] { return calls_.size() >= count; });
   }
 
   bool StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
@@ -158,7 +130,6 @@ class FakeRadioProtocol : public RadioProtocol {
   Answers Record(Call call) {
     const std::lock_guard lock(mutex_);
     calls_.push_back(std::move(call));
-    changed_.notify_all();
     return answers_;
   }
   Answers Current() const {
@@ -167,7 +138,6 @@ class FakeRadioProtocol : public RadioProtocol {
   }
 
   mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
   Answers answers_;          // guarded by mutex_
   std::vector<Call> calls_;  // guarded by mutex_
 };

@@ -2,6 +2,7 @@
 
 #include "orka/RadioMessages.h"
 
+#include <concepts>
 #include <string>
 
 // Where a conversion table exists, the wire carries the radio's code in the message's own field.
@@ -25,13 +26,28 @@ bool ToNames(Kova::ButtonsSubscribtionMsg& message, std::string& error);
 bool ToCodes(Kova::LedBrightnessSettingMsg& message, std::string& error);
 bool ToNames(Kova::LedBrightnessSettingMsg& message, std::string& error);
 
-// `action`
-bool ToCodes(Kova::VideoControlRequest& message, std::string& error);
-bool ToNames(Kova::VideoControlRequest& message, std::string& error);
-bool ToCodes(Kova::VideoControlResponse& message, std::string& error);
-bool ToNames(Kova::VideoControlResponse& message, std::string& error);
-bool ToCodes(Kova::VideoControlBroadcast& message, std::string& error);
-bool ToNames(Kova::VideoControlBroadcast& message, std::string& error);
+// `action`, in each of the messages that have one
+bool ToCode(Kova::VideoActionType& action, std::string& error);
+bool ToName(Kova::VideoActionType& action, std::string& error);
+
+template <class T>
+concept HasVideoAction = requires(const T& message) {
+  { message.action() } -> std::same_as<Kova::VideoActionType>;
+};
+template <HasVideoAction T>
+bool ToCodes(T& message, std::string& error) {
+  auto action = message.action();
+  const bool known = ToCode(action, error);
+  message.set_action(action);
+  return known;
+}
+template <HasVideoAction T>
+bool ToNames(T& message, std::string& error) {
+  auto action = message.action();
+  const bool known = ToName(action, error);
+  message.set_action(action);
+  return known;
+}
 
 // device_descriptors[].attribute: attribute names and attribute bytes. Those that the camera does
 // not know are skipped; an attribute or value above 255 has no counterpart.

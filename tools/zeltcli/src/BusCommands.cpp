@@ -125,7 +125,8 @@ void Types(const Cli& cli) {
     return;
   }
   const auto& type = cli.types.Find(cli.arguments.type);
-  cli.output.Result(TypeText(type, cli.output), JsonObject().AddRaw("type", TypeJson(type)));
+  cli.output.Result(TypeText(cli.types, type, cli.output),
+                    JsonObject().AddRaw("type", TypeJson(type)));
 }
 
 }  // namespace zelt::cli

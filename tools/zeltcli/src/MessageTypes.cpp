@@ -256,7 +256,8 @@ std::string KindOf(const pb::FieldDescriptor& field) {
     std::vector<std::string> names;
     names.reserve(static_cast<std::size_t>(values->value_count()));
     for (int i = 0; i < values->value_count(); ++i) {
-      names.push_back(values->value(i)->name());
+      const pb::EnumValueDescriptor& value = *values->value(i);
+      names.push_back(value.name() + " (" + std::to_string(value.number()) + ")");
     }
     return kind + Join(names, ", ") + " or a number";
   }

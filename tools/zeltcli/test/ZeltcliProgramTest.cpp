@@ -143,6 +143,7 @@ TEST_F(ZeltcliTest, EachKindOfFailureHasItsStatusAndAnAdvice) {
   Expect(2, {"lnik", "up"}, "did you mean link?");
   Expect(2, {"link", "upp"}, "did you mean link up?");
   Expect(2, {"--bogus"}, "there is no option \"--bogus\"");
+  Expect(2, {"--jsn", "version"}, "did you mean --json?");
   Expect(2, {"--timeout", "5", "send", "--bogus=1"}, "there is no option \"--bogus\"");
   Expect(2, {"watch", "--count", "-1"}, "\"-1\" is no whole number");
   for (const std::string time : {"soon", "nan", "inf", "31536001"}) {
@@ -150,6 +151,9 @@ TEST_F(ZeltcliTest, EachKindOfFailureHasItsStatusAndAnAdvice) {
   }
   Expect(2, {"completion", "fish"}, "give bash or zsh");
   Expect(2, {"send", "Kova", "RtVersionMsg", "@/absent"}, "cannot read /absent");
+  Expect(2, {"send", "Kova", "RtVersionMsg", "@/tmp"}, "cannot read /tmp: Is a directory");
+  Expect(2, {"send", "Ko va", "RtVersionMsg"}, "cannot send to \"Ko va\"");
+  Expect(4, {"send", "kova", "RtVersionMsg"}, "did you mean Kova?");
   Expect(4, {"--json", "status", "Upgrade"},
          R"({"ok":false,"exit":4,"error":"there is no service)");
   Expect(4, {"send", "Upgrade", "RtVersionMsg"}, "zeltcli services shows who is there");

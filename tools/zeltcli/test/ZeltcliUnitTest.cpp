@@ -75,8 +75,11 @@ TEST(MessageTypesTest, JsonThatDoesNotFitNamesTheField) {
       {"OpcodeSubscriptionMsg", R"({"request":{"codes":[1,"X"]}})",
        R"(field "request.codes[1]" cannot be "X" | expected a list of SUBSCRIBE_BATTERY_LEVEL)"},
       {"BtMacAddressMsg", R"({"address":"!"})", "expected bytes in base64"},
-      {"RtVersionMsg", R"({"request":)", "| zeltcli types Kova.RtVersionMsg shows its fields"},
-      {"RtVersionMsg", "[]", "Root element must be a message"},
+      {"RtVersionMsg", R"({"request":)",
+       "Expected a value. Here: the end. | zeltcli types Kova.RtVersionMsg shows its fields"},
+      {"RtConnectionAction", "{\n\"action\":GO\n}",
+       "Kova.RtConnectionAction: Unexpected token. Here: GO }"},
+      {"RtVersionMsg", "[]", "Kova.RtVersionMsg: Root element must be a message"},
   };
   for (const auto& [type, json, said] : cases) {
     EXPECT_THAT(Said([&] { return Types().FromJson(Types().Find(type), json).Json(); }),

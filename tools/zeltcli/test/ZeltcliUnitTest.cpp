@@ -196,6 +196,9 @@ TEST(CompletionTest, CandidatesFitThePlace) {
   EXPECT_THAT(complete({"send", "Kova", "Kova::SetS"}), ElementsAre("Kova::SetSocketParams"));
   EXPECT_THAT(complete({"firmware", "push", "x"}), ElementsAre("FILE"));
   EXPECT_THAT(complete({"firmware", "push", "x", "--a"}), ElementsAre("--as"));
+  EXPECT_THAT(complete({"send", "Kova", "Kova.RtV"}), ElementsAre("Kova.RtVersionMsg"));
+  EXPECT_THAT(complete({"types", "Kova.RtVersionRe"}), testing::SizeIs(2));
+  EXPECT_THAT(complete({"send", "Kova", "Kova.RtVersionMsg", "@x"}), ElementsAre("FILE"));
   EXPECT_THAT(complete({"__"}), IsEmpty());
 }
 

@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -20,9 +21,11 @@ MessageValue GivenMessage(const Cli& cli) {
   if (json == "-") {
     json.assign(std::istreambuf_iterator<char>(std::cin), {});
   } else if (json.starts_with('@')) {
-    std::ifstream file(json.substr(1));
-    if (!file) {
-      throw CliError(Exit::Usage, "cannot read " + json.substr(1) + ": " + std::strerror(errno));
+    const std::string path = json.substr(1);
+    std::ifstream file(path);
+    if (!file || std::filesystem::is_directory(path)) {
+      throw CliError(Exit::Usage,
+                     "cannot read " + path + ": " + std::strerror(file ? EISDIR : errno));
     }
     json.assign(std::istreambuf_iterator<char>(file), {});
   }
@@ -62,11 +65,16 @@ void Services(const Cli& cli) {
   std::ostringstream text;
   std::vector<std::string> items;
   for (const auto& service : services) {
-    const std::string state =
+    std::string state =
         service.answered ? service_state::GetServiceStateString(service.state) : "does not answer";
-    const bool good = service.answered && service.state == service_state::State::Ready;
+    auto style =
+        service.state == service_state::State::Ready ? Output::Style::Good : Output::Style::Bad;
+    if (IsTool(service.name)) {
+      state = "(tool)";
+      style = Output::Style::Dim;
+    }
     text << (items.empty() ? "" : "\n") << std::left << std::setw(24) << service.name << ' '
-         << cli.output.Paint(good ? Output::Style::Good : Output::Style::Bad, state);
+         << cli.output.Paint(style, state);
     items.push_back(JsonObject().Add("name", service.name).Add("state", state).Str());
   }
   cli.output.Result(items.empty() ? "there is no service on the bus" : text.str(),
@@ -125,7 +133,8 @@ void Types(const Cli& cli) {
     return;
   }
   const auto& type = cli.types.Find(cli.arguments.type);
-  cli.output.Result(TypeText(type, cli.output), JsonObject().AddRaw("type", TypeJson(type)));
+  cli.output.Result(TypeText(cli.types, type, cli.output),
+                    JsonObject().AddRaw("type", TypeJson(type)));
 }
 
 }  // namespace zelt::cli

@@ -4,6 +4,7 @@
 #include "Session.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace zelt::cli {
@@ -37,6 +38,10 @@ void PushFirmware(const Cli& cli);
 void LinkStatus(const Cli& cli);
 void LinkUp(const Cli& cli);
 void LinkDown(const Cli& cli);
+// Its state by name; empty when Kova does not tell it within a second.
+std::string LinkState(const Cli& cli);
+// Nothing reaches the radio until the next `link up`.
+bool IsDown(std::string_view link_state);
 
 // BusCommands.cpp: any service
 void Services(const Cli& cli);

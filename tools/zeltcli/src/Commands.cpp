@@ -16,6 +16,10 @@ namespace {
 constexpr double kNoEnd = 24.0 * 3600;  // seconds; no wait for an answer is longer
 constexpr double kLongestTimeout = 365 * kNoEnd;
 
+constexpr const char* kExitHelp =
+    "Exit status: 0 done, 1 refused or failed, 2 wrong usage, 3 no bus, 4 no such service, 5 not "
+    "taken, 6 not permitted, 7 no answer.";
+
 // The parser itself would take -1 for a very large number.
 std::string IsWholeNumber(const std::string& text) {
   const bool good = !text.empty() && text.size() < 10 &&
@@ -35,6 +39,9 @@ void MessageOptions(CLI::App& app, Arguments& arguments) {
 }
 
 void CountOption(CLI::App& app, Arguments& arguments) {
+  app.footer(
+      "A line has the time, the sender, \">\" (sent to this tool) or \"*\" (published), the type "
+      "and the message.");
   app.add_option("--count", arguments.count, "End after so many messages")->check(IsWholeNumber);
 }
 
@@ -78,7 +85,8 @@ constexpr auto kCommands = std::to_array<Command>({
        app.add_option("HEX", arguments.text, "Opcode and body in hexadecimal")->required();
        app.add_option(
            "--header", arguments.header,
-           "Up to seven numbers: address,kind,flags,source,destination,transaction,length");
+           "Up to seven numbers: address,kind,flags,source,destination,transaction,length; the "
+           "link writes the true length");
      },
      Inject},
     {"video", "Tell the radio a video action", 5,
@@ -166,12 +174,9 @@ std::unique_ptr<CLI::App> MakeApp(Arguments& arguments, const Command*& chosen) 
            }
            arguments.timeout_given = true;
          },
-         "How long to wait for an answer, or to listen; 0 without end")
+         "How long to wait for an answer (5 s for most commands), or to listen; 0 without end")
       ->type_name("SECONDS");
   app->set_version_flag("--version", KOVA_VERSION);
-  app->footer(
-      "zeltcli COMMAND --help tells more. Exit status: 0 done, 1 refused or failed, 2 wrong "
-      "usage, 3 no bus, 4 no such service, 5 not taken, 6 not permitted, 7 no answer.");
   for (const auto& [name, help] : kGroups) {
     app->add_subcommand(std::string(name), help)->require_subcommand(1);
   }
@@ -189,8 +194,14 @@ std::unique_ptr<CLI::App> MakeApp(Arguments& arguments, const Command*& chosen) 
     if (command.arguments != nullptr) {
       command.arguments(*sub, arguments);
     }
+    const auto seconds = static_cast<int>(command.timeout);
+    const std::string own = sub->get_footer();
+    sub->footer(own + (own.empty() ? "" : "\n") +
+                "With every command: --json, --timeout SECONDS (here " +
+                (seconds == 0 ? "no end" : std::to_string(seconds)) + " by default). " + kExitHelp);
     sub->final_callback([&chosen, &command] { chosen = &command; });
   }
+  app->footer(std::string("zeltcli COMMAND --help tells more. ") + kExitHelp);
   return app;
 }
 

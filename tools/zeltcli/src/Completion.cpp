@@ -11,11 +11,12 @@
 namespace zelt::cli {
 namespace {
 
-// Bash takes words apart at colons, and puts in only what follows the last one.
+// Bash takes words apart at ':' and '@'; it puts in only what follows the last ':', but all of a
+// word that begins with '@'.
 constexpr const char* kBashCompletion = R"sh(_zeltcli() {
   local IFS=$'\n' word last words=()
   for word in "${COMP_WORDS[@]:1:COMP_CWORD}"; do
-    if [[ ${#words[@]} -gt 0 && ( $word == :* || ${words[-1]} == *: ) ]]; then
+    if [[ ${#words[@]} -gt 0 && ( $word == :* || ${words[-1]} == *: || ${words[-1]} == @ ) ]]; then
       words[-1]+=$word
     else
       words+=("$word")
@@ -23,7 +24,10 @@ constexpr const char* kBashCompletion = R"sh(_zeltcli() {
   done
   last=${words[-1]}
   COMPREPLY=($(zeltcli __complete -- "${words[@]}" 2>/dev/null))
-  if [[ "${COMPREPLY[*]}" == FILE ]]; then
+  if [[ "${COMPREPLY[*]}" == FILE && $last == @* ]]; then
+    compopt -o nospace
+    COMPREPLY=($(compgen -P @ -f -- "${last#@}"))
+  elif [[ "${COMPREPLY[*]}" == FILE ]]; then
     compopt -o filenames
     COMPREPLY=($(compgen -f -- "$last"))
   fi
@@ -36,6 +40,7 @@ _zeltcli() {
   local -a candidates
   candidates=(${(f)"$(zeltcli __complete -- "${words[@]:1:$((CURRENT - 1))}" 2>/dev/null)"})
   if [[ "${candidates[*]}" == FILE ]]; then
+    compset -P @
     _files
   else
     compadd -- $candidates
@@ -43,12 +48,18 @@ _zeltcli() {
 }
 compdef _zeltcli zeltcli)sh";
 
-std::vector<std::string> CandidatesFor(const std::string& argument) {
+// For the argument after `before`, where `last` has been typed of it.
+std::vector<std::string> CandidatesFor(const std::string& argument, std::string_view before,
+                                       std::string_view last) {
   const MessageTypes types;
   if (argument == "SERVICE") {
+    return ServiceNames();
+  }
+  if (argument == "TYPE" && before == kKova) {
     std::vector<std::string> names;
-    for (const auto& service : Connect()->ListServices(Seconds(0.2))) {
-      names.push_back(service.name);
+    names.reserve(kAcceptedByKova.size());
+    for (const AcceptedType& accepted : kAcceptedByKova) {
+      names.emplace_back(accepted.type);
     }
     return names;
   }
@@ -67,7 +78,8 @@ std::vector<std::string> CandidatesFor(const std::string& argument) {
   if (argument == "TIME") {
     return {"now"};
   }
-  return argument == "FILE" ? std::vector<std::string>{"FILE"} : std::vector<std::string>{};
+  const bool file = argument == "FILE" || (argument == "JSON" && last.starts_with('@'));
+  return file ? std::vector<std::string>{"FILE"} : std::vector<std::string>{};
 }
 
 CLI::App* FindSubcommand(CLI::App& parent, const std::string& name) {
@@ -102,6 +114,7 @@ std::vector<std::string> Completions(CLI::App& app, const std::vector<std::strin
   CLI::App* command = &app;
   const CLI::Option* wants_value = nullptr;
   std::size_t positionals = 0;
+  std::string before;  // the last of them
   for (std::size_t i = 0; i + 1 < words.size(); ++i) {
     if (std::exchange(wants_value, nullptr) != nullptr) {
       continue;
@@ -114,6 +127,7 @@ std::vector<std::string> Completions(CLI::App& app, const std::vector<std::strin
       command = sub;
     } else {
       ++positionals;
+      before = words[i];
     }
   }
   std::vector<std::string> candidates;
@@ -134,7 +148,7 @@ std::vector<std::string> Completions(CLI::App& app, const std::vector<std::strin
     }
     for (const CLI::Option* const option : command->get_options()) {
       if (option->get_positional() && positionals-- == 0) {
-        candidates = CandidatesFor(option->get_name());
+        candidates = CandidatesFor(option->get_name(), before, last);
         break;
       }
     }

@@ -12,13 +12,15 @@ namespace zelt::cli {
 namespace {
 
 constexpr Seconds kStateTimeout{1.0};
+constexpr std::string_view kUpgrade = "UPGRADE_IN_PROCESS";
 
 // Follows the link's status: Kova sends it to a new subscriber, then publishes every change.
 class Link {
  public:
-  explicit Link(const Cli& cli) : cli_(cli), deadline_(Deadline(cli)) {
+  Link(const Cli& cli, Clock::time_point deadline) : cli_(cli), deadline_(deadline) {
     StateOf(kKova, kStateTimeout);
   }
+  explicit Link(const Cli& cli) : Link(cli, Deadline(cli)) {}
 
   // The status as Kova tells it when asked, after everything that was sent to it before.
   std::int64_t Ask() {
@@ -53,8 +55,8 @@ class Link {
     return value == nullptr ? "UNKNOWN (" + std::to_string(status) + ")" : value->name();
   }
 
-  void Result(std::int64_t status) const {
-    cli_.output.Result("the link is " + Name(status),
+  void Result(std::int64_t status, const std::string& remark = {}) const {
+    cli_.output.Result("the link is " + Name(status) + remark,
                        JsonObject().Add("status", Name(status)).Add("value", status));
   }
 
@@ -91,11 +93,12 @@ void LinkUp(const Cli& cli) {
   Link link(cli);
   std::int64_t status = link.Ask();
   const std::string before = link.Name(status);
-  if (before == "CONNECTED" || before == "UPGRADE_IN_PROCESS") {
-    link.Result(status);
+  if (before == "CONNECTED") {
+    link.Result(status, "; it was up already");
     return;
   }
-  if (before != "CONNECTING") {
+  // A radio that upgrades itself is left alone; IG_FAILED passes into CONNECTED by itself.
+  if (before != "CONNECTING" && before != "IG_FAILED" && before != kUpgrade) {
     if (before != "DISCONNECTED") {
       link.Order("STOP");  // Kova starts only what is stopped
     }
@@ -110,11 +113,14 @@ void LinkUp(const Cli& cli) {
                      "Kova's log tells why");
     }
   }
-  status =
-      link.WaitFor({"CONNECTED", "HANDSHAKE_FAILED", "CONNECTION_IS_LOST", "DISCONNECTED"}, status);
+  status = link.WaitFor(
+      {"CONNECTED", "HANDSHAKE_FAILED", "CONNECTION_IS_LOST", "DISCONNECTED", kUpgrade}, status);
   if (link.Name(status) != "CONNECTED") {
     throw CliError(Exit::Failed, "the link is " + link.Name(status),
-                   "is there a radio at the other end?");
+                   link.Name(status) == kUpgrade
+                       ? "the radio upgrades itself, and zeltcli link watch shows when it is done; "
+                         "zeltcli link down, then zeltcli link up starts afresh all the same"
+                       : "is there a radio at the other end?");
   }
   link.Result(status);
 }
@@ -123,6 +129,24 @@ void LinkDown(const Cli& cli) {
   Link link(cli);
   link.Order("STOP");
   link.Result(link.WaitFor({"DISCONNECTED"}, link.Ask()));
+}
+
+std::string LinkState(const Cli& cli) {
+  try {
+    const auto soon = Clock::now() + std::chrono::duration_cast<Clock::duration>(kStateTimeout);
+    Link link(cli, std::min(Deadline(cli), soon));
+    return link.Name(link.Ask());
+  } catch (const CliError& error) {
+    if (error.exit != Exit::TimedOut) {
+      throw;
+    }
+    return {};
+  }
+}
+
+bool IsDown(std::string_view link_state) {
+  return link_state == "DISCONNECTED" || link_state == "HANDSHAKE_FAILED" ||
+         link_state == "CONNECTION_IS_LOST";
 }
 
 }  // namespace zelt::cli

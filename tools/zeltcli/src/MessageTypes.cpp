@@ -99,6 +99,15 @@ CliError Explain(const pb::Descriptor& type, std::string text) {
   if (std::regex_search(text, match, std::regex("oneof field '(.*)' is already set"))) {
     return DoesNotFit(type, "only one field of " + match[1].str() + " can be set", {});
   }
+  // A fault of the syntax: what, a part of the text, and a mark under the place.
+  text.erase(0, text.find_first_not_of(": "));
+  const std::size_t first = text.find('\n');
+  const std::size_t last = text.rfind('\n');
+  if (first < last && text.ends_with('^')) {
+    const std::size_t mark = text.size() - last - 2;  // blanks in front of it
+    const std::string rest = text.substr(std::min(first + 1 + mark, last), last - first - 1 - mark);
+    text = text.substr(0, first) + (rest.empty() ? " Here: the end." : " Here: " + rest);
+  }
   std::ranges::replace(text, '\n', ' ');
   return DoesNotFit(type, text, {});
 }
@@ -256,7 +265,8 @@ std::string KindOf(const pb::FieldDescriptor& field) {
     std::vector<std::string> names;
     names.reserve(static_cast<std::size_t>(values->value_count()));
     for (int i = 0; i < values->value_count(); ++i) {
-      names.push_back(values->value(i)->name());
+      const pb::EnumValueDescriptor& value = *values->value(i);
+      names.push_back(value.name() + " (" + std::to_string(value.number()) + ")");
     }
     return kind + Join(names, ", ") + " or a number";
   }

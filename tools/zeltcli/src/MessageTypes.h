@@ -67,7 +67,7 @@ class MessageTypes {
   std::vector<const google::protobuf::Descriptor*> types_;
 };
 
-// What a field holds, for a human: "uint32", "START, STOP or a number", "Kova.DateTime".
+// What a field holds, for a human: "uint32", "START (0), STOP (1) or a number", "Kova.DateTime".
 std::string KindOf(const google::protobuf::FieldDescriptor& field);
 
 }  // namespace zelt::cli

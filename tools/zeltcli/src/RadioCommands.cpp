@@ -41,9 +41,10 @@ std::string InSeconds(double seconds) {
   return text.str();
 }
 
-// Asks and returns the answer, which must be of type `expected`.
-MessageValue Ask(const Cli& cli, Session& session, const MessageValue& request,
-                 std::string_view expected, const std::function<void()>& tick = {}) {
+// Asks Kova and returns the answer, which must be of type `expected`.
+MessageValue AskKova(const Cli& cli, const MessageValue& request, std::string_view expected,
+                     const std::function<void()>& tick = {}) {
+  Session session;
   const Incoming answer =
       session.Request(kKova, request.Type(), request.Bytes(), AnswerTime(cli), tick);
   auto value = cli.types.Parse(answer.type, answer.payload);
@@ -52,6 +53,16 @@ MessageValue Ask(const Cli& cli, Session& session, const MessageValue& request,
                                      answer.type + " " + MessageJson(cli.types, answer));
   }
   return std::move(*value);
+}
+
+// The same for what only the radio can answer: without a link, it fails at once with `without_link`
+// instead of after a time-out.
+MessageValue AskRadio(const Cli& cli, const MessageValue& request, std::string_view expected,
+                      Exit without_link = Exit::TimedOut, const std::function<void()>& tick = {}) {
+  if (const std::string state = LinkState(cli); IsDown(state)) {
+    throw CliError(without_link, "the link to the radio is " + state, "zeltcli link up starts it");
+  }
+  return AskKova(cli, request, expected, tick);
 }
 
 // A result of 0 is success everywhere.
@@ -63,10 +74,12 @@ void CheckResult(const MessageValue& answer, const std::string& field, const std
 }
 
 void AskSocket(const Cli& cli, const MessageValue& request, const std::string& done) {
-  Session session;
-  const auto answer = Ask(cli, session, request, "zelt.GenericResponse");
+  const auto answer = AskKova(cli, request, "zelt.GenericResponse");
   CheckResult(answer, "result_code", "Kova refused: " + answer.Text("description"));
-  cli.output.Result(done + "; it counts from the next zeltcli link up");
+  cli.output.Result(done + (IsDown(LinkState(cli))
+                                ? "; it counts from the next zeltcli link up"
+                                : "; it counts from the next start: zeltcli link down, then "
+                                  "zeltcli link up"));
 }
 
 std::uint64_t CheckImage(const std::string& path) {
@@ -101,9 +114,8 @@ std::vector<std::string> VideoActions(const MessageTypes& types) {
 }
 
 void Version(const Cli& cli) {
-  Session session;
   const auto answer =
-      Ask(cli, session, cli.types.New("Kova.RtVersionMsg").Touch("request"), "Kova.RtVersionMsg");
+      AskRadio(cli, cli.types.New("Kova.RtVersionMsg").Touch("request"), "Kova.RtVersionMsg");
   const std::string version = answer.Text("response.version");
   const auto build = answer.Number("response.build_number");
   cli.output.Result("radio software " + version + " build " + std::to_string(build),
@@ -111,9 +123,8 @@ void Version(const Cli& cli) {
 }
 
 void HardwareId(const Cli& cli) {
-  Session session;
   const auto answer =
-      Ask(cli, session, cli.types.New("Kova.HardwareIdMsg").Touch("request"), "Kova.HardwareIdMsg");
+      AskRadio(cli, cli.types.New("Kova.HardwareIdMsg").Touch("request"), "Kova.HardwareIdMsg");
   const std::string id = answer.Text("response.hardware_id");
   const auto revision = answer.Number("response.revision");
   cli.output.Result("radio hardware " + id + " revision " + std::to_string(revision),
@@ -121,9 +132,7 @@ void HardwareId(const Cli& cli) {
 }
 
 void GetDateTime(const Cli& cli) {
-  Session session;
-  const auto answer =
-      Ask(cli, session, cli.types.New("Kova.GetDateTimeReq"), "Kova.GetDateTimeResp");
+  const auto answer = AskRadio(cli, cli.types.New("Kova.GetDateTimeReq"), "Kova.GetDateTimeResp");
   CheckResult(answer, "result", "the radio did not tell its time");
   const std::string text = DateTimeText(answer, "date_time");
   cli.output.Result(text, JsonObject().Add("date_time", text));
@@ -133,8 +142,7 @@ void SetDateTimeOnRadio(const Cli& cli) {
   auto request = cli.types.New("Kova.SetDateTimeMsg");
   SetDateTime(request, "request.date_time", cli.arguments.text);
   const std::string text = DateTimeText(request, "request.date_time");
-  Session session;
-  const auto answer = Ask(cli, session, request, "Kova.SetDateTimeResp");
+  const auto answer = AskRadio(cli, request, "Kova.SetDateTimeResp");
   CheckResult(answer, "result", "the radio refused " + text);
   cli.output.Result("the radio's time is set to " + text, JsonObject().Add("date_time", text));
 }
@@ -172,11 +180,10 @@ void FactoryReset(const Cli& cli) {
       throw CliError(Exit::Usage, "nothing was reset");
     }
   }
-  Session session;
-  const auto answer = Ask(cli, session,
-                          cli.types.New("Kova.RtFactoryResetRequest")
-                              .Set("keep_pairings", std::int64_t{cli.arguments.keep_pairings}),
-                          "Kova.RtFactoryResetResponse");
+  const auto answer = AskRadio(cli,
+                               cli.types.New("Kova.RtFactoryResetRequest")
+                                   .Set("keep_pairings", std::int64_t{cli.arguments.keep_pairings}),
+                               "Kova.RtFactoryResetResponse");
   CheckResult(answer, "result", "the radio refused the factory reset");
   cli.output.Result("the radio is back at its factory settings");
 }
@@ -206,9 +213,12 @@ void Inject(const Cli& cli) {
     }
     request.Set("header.h" + std::to_string(i), static_cast<std::int64_t>(number));
   }
-  Session session;
-  const auto answer = Ask(cli, session, request, "Kova.InjectQrxResponse");
-  CheckResult(answer, "result", "the radio did not answer the injected message");
+  const auto answer = AskRadio(cli, request, "Kova.InjectQrxResponse", Exit::Failed);
+  if (answer.Number("result") != 0) {
+    throw CliError(Exit::Failed, "the message was not sent, or not answered in time",
+                   "the radio may not know the opcode; a message that has no answer wants --header "
+                   "with kind 1 (response) or 2 (broadcast)");
+  }
   const std::string hex = ToHex(answer.Text("payload"));
   cli.output.Result(hex.empty() ? "sent; this kind of frame has no answer" : hex,
                     JsonObject().Add("payload", hex));
@@ -222,14 +232,13 @@ void Video(const Cli& cli) {
     throw CliError(Exit::Usage, "there is no video action \"" + action + "\"",
                    "give one of " + Join(actions, ", "));
   }
-  Session session;
-  const auto answer = Ask(cli, session,
-                          cli.types.New("Kova.VideoControlRequest")
-                              .Set("action", std::distance(actions.begin(), known))
-                              .Set("radio_send_selector", cli.arguments.selector)
-                              .Set("request_id", cli.arguments.id)
-                              .Set("stream_url", cli.arguments.url),
-                          "Kova.VideoControlResponse");
+  const auto answer = AskRadio(cli,
+                               cli.types.New("Kova.VideoControlRequest")
+                                   .Set("action", std::distance(actions.begin(), known))
+                                   .Set("radio_send_selector", cli.arguments.selector)
+                                   .Set("request_id", cli.arguments.id)
+                                   .Set("stream_url", cli.arguments.url),
+                               "Kova.VideoControlResponse");
   CheckResult(answer, "result", "the radio refused " + action);
   cli.output.Result("the radio did " + action, JsonObject().Add("action", action));
 }
@@ -240,7 +249,6 @@ void PushFirmware(const Cli& cli) {
   const std::string target = cli.arguments.name.empty()
                                  ? std::filesystem::path(path).filename().string()
                                  : cli.arguments.name;
-  Session session;
   Progress progress(target, !cli.output.IsJson());
   FileProgress read(path, "kova");
   std::optional<std::uint64_t> done;
@@ -266,18 +274,18 @@ void PushFirmware(const Cli& cli) {
     }
     progress.Show(done, size);
   };
-  const auto answer = Ask(cli, session,
-                          cli.types.New("Kova.TransferFirmwareRequest")
-                              .Set("source_file_path", path)
-                              .Set("target_file_name", target),
-                          "Kova.TransferFirmwareResponse", watch);
+  const auto answer = AskRadio(cli,
+                               cli.types.New("Kova.TransferFirmwareRequest")
+                                   .Set("source_file_path", path)
+                                   .Set("target_file_name", target),
+                               "Kova.TransferFirmwareResponse", Exit::Failed, watch);
   progress.Clear();
   const double elapsed = progress.Elapsed();
   if (answer.Number("result") != 0) {
     throw CliError(
         Exit::Failed, "the transfer of " + path + " failed after " + InSeconds(elapsed),
-        "is the link up (zeltcli link status), and can Kova read the file? Its log tells "
-        "which step failed");
+        "the radio may have refused the name or the size, or Kova cannot read the file; Kova's log "
+        "tells which step failed");
   }
   cli.output.Result("the radio has " + target + ", " + std::to_string(size) + " bytes, after " +
                         InSeconds(elapsed),

@@ -1,6 +1,7 @@
 #include "Session.h"
 
 #include "Accepted.h"
+#include "Text.h"
 
 #include <unistd.h>
 
@@ -15,8 +16,10 @@ namespace {
 
 using std::chrono::milliseconds;
 
+constexpr const char* kToolPrefix = "zeltcli-";
 constexpr int kNameAttempts = 5;
 constexpr long kNameStep = 10'000'000;  // above every process number
+constexpr Seconds kListTime{0.2};
 constexpr milliseconds kLongestPoll{50};
 constexpr milliseconds kTick{100};
 constexpr milliseconds kBusCheck{1000};
@@ -32,14 +35,19 @@ std::string BusHint() {
              : "ZELT_BUS_ADDRESS is " + std::string(address) + "; is that bus running?";
 }
 
+CliError NoService(const std::string& service) {
+  const std::string near = DidYouMean(service, ServiceNames());
+  return {Exit::NoService, "there is no service \"" + service + "\" on the bus",
+          near.empty() ? "zeltcli services shows who is there" : near};
+}
+
 // What became of the message, when it did not end by the clock.
 void ThrowUnlessTimedOut(const ServiceIPC::Reply& reply, const std::string& service,
                          const std::string& type) {
   using Outcome = ServiceIPC::Outcome;
   switch (reply.outcome) {
     case Outcome::NoSuchService:
-      throw CliError(Exit::NoService, "there is no service \"" + service + "\" on the bus",
-                     "zeltcli services shows who is there");
+      throw NoService(service);
     case Outcome::NotTaken:
       throw CliError(Exit::NotTaken, service + " did not take " + type + ": " + reply.error,
                      "zeltcli types shows what Kova accepts");
@@ -49,7 +57,7 @@ void ThrowUnlessTimedOut(const ServiceIPC::Reply& reply, const std::string& serv
     case Outcome::Disconnected:
       throw CliError(Exit::NoBus, "the connection to the bus is lost", BusHint());
     case Outcome::Invalid:
-      throw CliError(Exit::Usage, reply.error);
+      throw CliError(Exit::Usage, "cannot send to \"" + service + "\": " + reply.error);
     case Outcome::TimedOut:
     default:
       break;
@@ -64,8 +72,9 @@ void ThrowUnlessTimedOut(const ServiceIPC::Reply& reply, const std::string& serv
 
 [[noreturn]] void ThrowNotAnswered(const ServiceIPC::Reply& reply, const std::string& service,
                                    const std::string& type) {
-  std::string hint = "--timeout SECONDS waits longer; zeltcli status " + service +
-                     " tells whether it is ready, zeltcli link status whether the radio is";
+  std::string hint = "--timeout SECONDS waits longer; the log of " + service +
+                     " tells what became of it, zeltcli status " + service +
+                     " whether it is ready, zeltcli link status whether the radio is";
   const AcceptedType* const known = service == "Kova" ? FindAccepted(type) : nullptr;
   if (known != nullptr && known->answer == Answer::None) {
     hint = "Kova answers no " + type + ": use zeltcli send";
@@ -78,7 +87,7 @@ void ThrowUnlessTimedOut(const ServiceIPC::Reply& reply, const std::string& serv
 
 std::shared_ptr<ServiceModel> CreateTool(std::string& name) {
   for (int attempt = 0;; ++attempt) {
-    name = "zeltcli-" + std::to_string(getpid() + attempt * kNameStep);
+    name = kToolPrefix + std::to_string(getpid() + attempt * kNameStep);
     try {
       return ServiceModel::Create(name);
     } catch (const std::runtime_error& error) {
@@ -101,18 +110,30 @@ std::shared_ptr<ServiceModel> Connect() {
   }
 }
 
+bool IsTool(std::string_view name) {
+  return name.starts_with(kToolPrefix);
+}
+
+std::vector<std::string> ServiceNames() {
+  std::vector<std::string> names;
+  for (const auto& service : Connect()->ListServices(kListTime)) {
+    if (!IsTool(service.name)) {
+      names.push_back(service.name);
+    }
+  }
+  return names;
+}
+
 service_state::State StateOf(const std::string& service, Seconds timeout) {
   const auto model = Connect();
   service_state::State state{};
   try {
     state = model->GetServiceState(service, timeout);
   } catch (const std::runtime_error& error) {
-    throw CliError(Exit::TimedOut, error.what(),
-                   service + " is there, but may be stopped or hung, or the bus may be gone");
+    throw CliError(Exit::TimedOut, error.what(), "is it stopped or hung, or is the bus gone?");
   }
   if (state == service_state::State::NotRunning) {
-    throw CliError(Exit::NoService, "there is no service \"" + service + "\" on the bus",
-                   "zeltcli services shows who is there");
+    throw NoService(service);
   }
   return state;
 }

@@ -25,6 +25,12 @@ std::shared_ptr<ServiceModel> Connect();
 // The state of a service; NotRunning is thrown as CliError, as is a service that does not answer.
 service_state::State StateOf(const std::string& service, Seconds timeout);
 
+// A tool's name on the bus, not a service's.
+bool IsTool(std::string_view name);
+
+// The services on the bus, without the tools.
+std::vector<std::string> ServiceNames();
+
 // A received message.
 struct Incoming {
   std::string sender;

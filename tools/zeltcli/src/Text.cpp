@@ -126,7 +126,7 @@ std::string FromHex(std::string_view text) {
   std::erase_if(digits, [](char c) { return c == ' ' || c == ':'; });
   if (const auto bad = digits.find_first_not_of(kHexDigits); bad != std::string::npos) {
     throw CliError(Exit::Usage, std::string("\"") + digits[bad] + "\" is no hexadecimal digit",
-                   "give whole bytes, such as b413 or \"b4 13 00\"");
+                   "give whole bytes, such as 0401 or \"04 01\"");
   }
   if (digits.size() % 2 != 0) {
     throw CliError(Exit::Usage,

@@ -39,6 +39,28 @@ std::string CommentOf(const Descriptor& descriptor) {
   return text;
 }
 
+// Makes every part present; of a choice, the one that Kova takes: it answers requests, and takes
+// the answers to its own.
+void FillIn(pb::Message& message, std::string_view side, int depth) {
+  const pb::Descriptor& type = *message.GetDescriptor();
+  for (int i = 0; i < type.field_count() && depth < kMaxDepth; ++i) {
+    const pb::FieldDescriptor& field = *type.field(i);
+    const auto* const choice = field.real_containing_oneof();
+    const bool wanted = choice == nullptr || (field.name().ends_with(side) &&
+                                              !message.GetReflection()->HasOneof(message, choice));
+    if (field.message_type() != nullptr && !field.is_repeated() && wanted) {
+      FillIn(*message.GetReflection()->MutableMessage(&message, &field), side, depth + 1);
+    }
+  }
+}
+
+std::string ExampleOf(MessageValue message, const AcceptedType& accepted) {
+  const bool answered = accepted.answer == Answer::Response || accepted.answer == Answer::Message;
+  FillIn(message.Get(), accepted.answer == Answer::None ? "response" : "request", 0);
+  return std::string(answered ? "zeltcli request Kova " : "zeltcli send Kova ") + message.Type() +
+         " '" + message.Json() + "'";
+}
+
 void PrintFields(std::ostream& text, const pb::Descriptor& type, const Output& output, int depth) {
   const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
   for (int i = 0; i < type.field_count(); ++i) {
@@ -102,16 +124,20 @@ std::string TypesJson(const MessageTypes& types) {
   return JsonObject::Array(items);
 }
 
-std::string TypeText(const pb::Descriptor& type, const Output& output) {
+std::string TypeText(const MessageTypes& types, const pb::Descriptor& type, const Output& output) {
   std::ostringstream text;
   text << output.Paint(Output::Style::Bold, type.full_name());
   if (const std::string comment = CommentOf(type); !comment.empty()) {
     text << "\n" << comment;
   }
-  if (const AcceptedType* const accepted = FindAccepted(type.full_name())) {
+  const AcceptedType* const accepted = FindAccepted(type.full_name());
+  if (accepted != nullptr) {
     text << "\nSent to Kova: " << AnswerText(*accepted) << ".";
   }
   PrintFields(text, type, output, 1);
+  if (accepted != nullptr) {
+    text << "\nexample: " << ExampleOf(types.New(type.full_name()), *accepted);
+  }
   return text.str();
 }
 

@@ -11,8 +11,10 @@ namespace zelt::cli {
 std::string TypesText(const Output& output);
 std::string TypesJson(const MessageTypes& types);
 
-// One type: what it is for, and its fields with those of its parts.
-std::string TypeText(const google::protobuf::Descriptor& type, const Output& output);
+// One type: what it is for, its fields with those of its parts, and, where Kova accepts it, how to
+// send one.
+std::string TypeText(const MessageTypes& types, const google::protobuf::Descriptor& type,
+                     const Output& output);
 std::string TypeJson(const google::protobuf::Descriptor& type);
 
 }  // namespace zelt::cli

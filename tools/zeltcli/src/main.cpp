@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <exception>
 #include <iostream>
+#include <iterator>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -30,9 +32,9 @@ std::vector<std::string> PlainWords(const std::vector<std::string>& words) {
   return plain;
 }
 
-// The first option that neither the tool nor the command has; empty when there is none, or when
-// the command does not exist.
-std::string UnknownOption(const CLI::App& app, const std::vector<std::string>& words) {
+// The first option that neither the tool nor the command has, as an error; nothing when there is
+// none, or when the command does not exist.
+std::optional<CliError> UnknownOption(const CLI::App& app, const std::vector<std::string>& words) {
   const CLI::App* command = &app;
   for (std::size_t i = 0; i < words.size(); ++i) {
     const std::string name = words[i].substr(0, words[i].find('='));
@@ -41,7 +43,16 @@ std::string UnknownOption(const CLI::App& app, const std::vector<std::string>& w
     } else if (name.starts_with("--")) {
       if (name.size() > 2 && command->get_option_no_throw(name) == nullptr &&
           app.get_option_no_throw(name) == nullptr) {
-        return name;
+        std::vector<std::string> names;
+        for (const CLI::App* const level : {&app, command}) {
+          std::ranges::transform(level->get_options(), std::back_inserter(names),
+                                 [](const CLI::Option* option) { return option->get_name(); });
+        }
+        const std::string near = DidYouMean(name, names);
+        return CliError(
+            Exit::Usage, "there is no option \"" + name + "\"",
+            near.empty() ? "zeltcli --help lists the tool's, zeltcli COMMAND --help the command's"
+                         : near);
       }
     } else if (const auto subs = command->get_subcommands({}); !subs.empty()) {
       const auto found = std::ranges::find(subs, name, &CLI::App::get_name);
@@ -51,16 +62,15 @@ std::string UnknownOption(const CLI::App& app, const std::vector<std::string>& w
       command = *found;
     }
   }
-  return {};
+  return std::nullopt;
 }
 
 // What the parser says; or, when an option or the command does not exist, so, with the commands
 // that look like it.
 CliError Explain(const CLI::App& app, const CLI::ParseError& error,
                  const std::vector<std::string>& words) {
-  if (const std::string option = UnknownOption(app, words); !option.empty()) {
-    return {Exit::Usage, "there is no option \"" + option + "\"",
-            "zeltcli --help lists the tool's, zeltcli COMMAND --help the command's"};
+  if (const auto unknown = UnknownOption(app, words)) {
+    return *unknown;
   }
   std::string given;
   for (const std::string& word : PlainWords(words)) {

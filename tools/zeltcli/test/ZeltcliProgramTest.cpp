@@ -95,7 +95,7 @@ class FakeKova {
   MessageTypes types_;
   std::shared_ptr<ServiceModel> model_;
   std::shared_ptr<ServiceIPC> ipc_;
-  std::atomic<const char*> status_ = "DISCONNECTED";
+  std::atomic<const char*> status_ = "CONNECTED";
   std::atomic<const char*> starts_to_ = "CONNECTED";
   std::vector<AsyncCallbackHandle> handles_;
 };
@@ -125,7 +125,7 @@ TEST_F(ZeltcliTest, AnswersComeAsResponsesAndAsMessages) {
   Expect(0, {"request", "Kova", "RtVersionMsg", R"({"request":{}})", "--json"},
          R"("message":{"response":{"version":"1.2","build_number":3}})");
   Expect(0, {"datetime", "get"}, "2026-01-02 00:00:00 -01:30");
-  Expect(0, {"socket", "set", "::1", "4711"}, "::1 port 4711");
+  Expect(0, {"socket", "set", "::1", "4711"}, "::1 port 4711; it counts from the next start:");
   Expect(0, {"inject", "0401", "--header", "0x10,0"}, "8401");
   Expect(0, {"send", "Kova", "Kova::BatteryLevelRequest"}, "Kova took Kova.BatteryLevelRequest");
 }
@@ -143,6 +143,7 @@ TEST_F(ZeltcliTest, EachKindOfFailureHasItsStatusAndAnAdvice) {
   Expect(2, {"lnik", "up"}, "did you mean link?");
   Expect(2, {"link", "upp"}, "did you mean link up?");
   Expect(2, {"--bogus"}, "there is no option \"--bogus\"");
+  Expect(2, {"--jsn", "version"}, "did you mean --json?");
   Expect(2, {"--timeout", "5", "send", "--bogus=1"}, "there is no option \"--bogus\"");
   Expect(2, {"watch", "--count", "-1"}, "\"-1\" is no whole number");
   for (const std::string time : {"soon", "nan", "inf", "31536001"}) {
@@ -150,6 +151,9 @@ TEST_F(ZeltcliTest, EachKindOfFailureHasItsStatusAndAnAdvice) {
   }
   Expect(2, {"completion", "fish"}, "give bash or zsh");
   Expect(2, {"send", "Kova", "RtVersionMsg", "@/absent"}, "cannot read /absent");
+  Expect(2, {"send", "Kova", "RtVersionMsg", "@/tmp"}, "cannot read /tmp: Is a directory");
+  Expect(2, {"send", "Ko va", "RtVersionMsg"}, "cannot send to \"Ko va\"");
+  Expect(4, {"send", "kova", "RtVersionMsg"}, "did you mean Kova?");
   Expect(4, {"--json", "status", "Upgrade"},
          R"({"ok":false,"exit":4,"error":"there is no service)");
   Expect(4, {"send", "Upgrade", "RtVersionMsg"}, "zeltcli services shows who is there");
@@ -178,7 +182,10 @@ TEST_F(ZeltcliTest, PolicyOfTheBusIsToldApart) {
 }
 
 TEST_F(ZeltcliTest, LinkIsFollowedToItsEnd) {
+  Expect(0, {"link", "down"}, "the link is DISCONNECTED");
   Expect(0, {"link", "status"}, "the link is DISCONNECTED");
+  Expect(7, {"version", "--timeout", "0"}, "the link to the radio is DISCONNECTED");
+  Expect(0, {"socket", "set", "::1", "4711"}, "it counts from the next zeltcli link up");
   kova_.StartsTo("DISCONNECTED");
   Expect(1, {"link", "up"}, "Kova could not start the link");
   kova_.StartsTo("HANDSHAKE_FAILED");
@@ -187,8 +194,13 @@ TEST_F(ZeltcliTest, LinkIsFollowedToItsEnd) {
   Expect(7, {"link", "up", "--timeout", "0.2"}, "the link is still CONNECTING");
   Expect(0, {"link", "down"}, "the link is DISCONNECTED");
   kova_.StartsTo("CONNECTED");
-  Expect(0, {"link", "up"}, "the link is CONNECTED");
+  Expect(0, {"link", "up"}, "the link is CONNECTED\n");
+  Expect(0, {"link", "up"}, "the link is CONNECTED; it was up already");
   Expect(0, {"link", "up", "--json"}, R"({"ok":true,"status":"CONNECTED","value":4})");
+  Expect(0, {"link", "down"}, "the link is DISCONNECTED");
+  kova_.StartsTo("UPGRADE_IN_PROCESS");
+  Expect(1, {"link", "up"}, "the radio upgrades itself");
+  Expect(1, {"link", "up"}, "the link is UPGRADE_IN_PROCESS");
 }
 
 TEST_F(ZeltcliTest, FirmwareIsCheckedBeforeItIsPushed) {
@@ -206,7 +218,7 @@ TEST_F(ZeltcliTest, FirmwareIsCheckedBeforeItIsPushed) {
 
 TEST_F(ZeltcliTest, WhatArrivesIsPrintedUntilTheEndThatWasAskedFor) {
   Expect(0, {"subscribe", "RTConnectionStatus", "--count", "1"},
-         R"(Kova > Kova.RTConnectionStatus {"status":"DISCONNECTED"})");
+         R"(Kova > Kova.RTConnectionStatus {"status":"CONNECTED"})");
   Expect(7, {"subscribe", "RTConnectionStatus", "--count", "2", "--timeout", "0.2"},
          "1 of 2 messages did not come");
   Expect(0, {"watch", "--timeout", "0.1"}, "");

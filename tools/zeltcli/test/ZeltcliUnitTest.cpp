@@ -71,12 +71,15 @@ TEST(MessageTypesTest, JsonThatDoesNotFitNamesTheField) {
       {"RtVersionMsg", R"({"request":{},"response":{}})",
        "only one field of RtVersionOneof can be set"},
       {"RtConnectionAction", R"({"action":"GO"})",
-       R"(field "action" cannot be "GO" | expected START, STOP or a number)"},
+       R"(field "action" cannot be "GO" | expected START (0), STOP (1) or a number)"},
       {"OpcodeSubscriptionMsg", R"({"request":{"codes":[1,"X"]}})",
        R"(field "request.codes[1]" cannot be "X" | expected a list of SUBSCRIBE_BATTERY_LEVEL)"},
       {"BtMacAddressMsg", R"({"address":"!"})", "expected bytes in base64"},
-      {"RtVersionMsg", R"({"request":)", "| zeltcli types Kova.RtVersionMsg shows its fields"},
-      {"RtVersionMsg", "[]", "Root element must be a message"},
+      {"RtVersionMsg", R"({"request":)",
+       "Expected a value. Here: the end. | zeltcli types Kova.RtVersionMsg shows its fields"},
+      {"RtConnectionAction", "{\n\"action\":GO\n}",
+       "Kova.RtConnectionAction: Unexpected token. Here: GO }"},
+      {"RtVersionMsg", "[]", "Kova.RtVersionMsg: Root element must be a message"},
   };
   for (const auto& [type, json, said] : cases) {
     EXPECT_THAT(Said([&] { return Types().FromJson(Types().Find(type), json).Json(); }),
@@ -108,9 +111,13 @@ TEST(AcceptedTest, EveryTypeOfTheTablesExists) {
     EXPECT_THAT(names, Contains(topic));
   }
   const Output plain(true);
-  EXPECT_THAT(TypeText(Types().Find("SetSocketParams"), plain),
+  const auto text = [&](const char* type) { return TypeText(Types(), Types().Find(type), plain); };
+  EXPECT_THAT(text("SetSocketParams"),
               testing::AllOf(HasSubstr("In, tools only."), HasSubstr("zelt.GenericResponse"),
                              HasSubstr("port: uint32  // 1 to 65535")));
+  EXPECT_THAT(text("RtVersionMsg"),
+              HasSubstr(R"(request Kova Kova.RtVersionMsg '{"request":{}}')"));
+  EXPECT_THAT(text("UsbRouteMsg"), HasSubstr(R"(send Kova Kova.UsbRouteMsg '{"response":{)"));
   EXPECT_THAT(TypesText(plain), HasSubstr("the radio's answer goes to Battery"));
 }
 
@@ -189,6 +196,9 @@ TEST(CompletionTest, CandidatesFitThePlace) {
   EXPECT_THAT(complete({"send", "Kova", "Kova::SetS"}), ElementsAre("Kova::SetSocketParams"));
   EXPECT_THAT(complete({"firmware", "push", "x"}), ElementsAre("FILE"));
   EXPECT_THAT(complete({"firmware", "push", "x", "--a"}), ElementsAre("--as"));
+  EXPECT_THAT(complete({"send", "Kova", "Kova.RtV"}), ElementsAre("Kova.RtVersionMsg"));
+  EXPECT_THAT(complete({"types", "Kova.RtVersionRe"}), testing::SizeIs(2));
+  EXPECT_THAT(complete({"send", "Kova", "Kova.RtVersionMsg", "@x"}), ElementsAre("FILE"));
   EXPECT_THAT(complete({"__"}), IsEmpty());
 }
 

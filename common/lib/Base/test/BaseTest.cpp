@@ -17,6 +17,7 @@ TEST(ConcurrentQueue, KeepsOrderOfEachProducerAndLosesNothing) {
   constexpr int kEach = 2000;
   ConcurrentQueue<std::pair<int, int>> queue;
   std::vector<std::jthread> producers;
+  producers.reserve(kProducers);
   for (int producer = 0; producer < kProducers; ++producer) {
     producers.emplace_back([&queue, producer] {
       for (int i = 0; i < kEach; ++i) {

@@ -16,7 +16,7 @@ using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
 TEST(ConfigProgramTest, RefusesABadFileServesAGoodOneAndEndsWhenTold) {
-  fake::TestBus bus;
+  const fake::TestBus bus;
   const std::string root = bus.Folder() / "root";
   setenv("ZELT_ROOT", root.c_str(), 1);
 

@@ -284,7 +284,7 @@ void Simulator::Stop() {
   }
   DropSession();
   asio::error_code ignored;
-  static_cast<void>(acceptor_.close(ignored));
+  ignored = acceptor_.close(ignored);
   tick_.cancel();
   if (!options_.pty_link.empty()) {
     std::error_code absent;

@@ -3,11 +3,12 @@
 #include <sys/stat.h>
 #include <unistd.h>
 #include <asio/buffer.hpp>
-#include <asio/connect.hpp>
+#include <asio/read.hpp>
 #include <asio/read_until.hpp>
 #include <asio/write.hpp>
 
 #include <iostream>
+#include <sstream>
 #include <utility>
 
 namespace radiosim {
@@ -33,7 +34,7 @@ bool Control::Start(const std::string& path, std::string& error) {
     const Protocol::endpoint endpoint(path);
     Protocol::socket probe(acceptor_.get_executor());
     asio::error_code absent;
-    static_cast<void>(probe.connect(endpoint, absent));
+    absent = probe.connect(endpoint, absent);
     if (!absent) {
       error = path + " is served by another process";
       return false;
@@ -44,7 +45,7 @@ bool Control::Start(const std::string& path, std::string& error) {
     acceptor_.open();
     const mode_t before = ::umask(S_IRWXG | S_IRWXO);
     asio::error_code failure;
-    static_cast<void>(acceptor_.bind(endpoint, failure));
+    failure = acceptor_.bind(endpoint, failure);
     ::umask(before);
     if (failure) {
       throw std::system_error(failure);
@@ -63,7 +64,7 @@ void Control::Stop() {
   if (!path_.empty()) {
     ::unlink(std::exchange(path_, {}).c_str());
     asio::error_code ignored;
-    static_cast<void>(acceptor_.close(ignored));
+    ignored = acceptor_.close(ignored);
     accept_again_.cancel();
   }
 }
@@ -118,11 +119,18 @@ int RunControlClient(const std::string& path, const std::string& command,
     return 1;
   }
   try {
-    Protocol::iostream stream;
-    stream.expires_after(timeout);
-    stream.connect(Protocol::endpoint(path));
-    stream << command << '\n' << std::flush;
-    for (std::string line; std::getline(stream, line);) {
+    asio::io_context io;
+    Protocol::socket socket(io);
+    socket.connect(Protocol::endpoint(path));
+    asio::write(socket, asio::buffer(command + '\n'));
+    socket.shutdown(Protocol::socket::shutdown_send);
+    std::string reply;
+    asio::error_code end = asio::error::timed_out;
+    asio::async_read(socket, asio::dynamic_buffer(reply),
+                     [&end](const asio::error_code& error, std::size_t /*count*/) { end = error; });
+    io.run_for(timeout);
+    std::istringstream lines(reply);
+    for (std::string line; std::getline(lines, line);) {
       if (line == "ok") {
         return 0;
       }
@@ -132,7 +140,7 @@ int RunControlClient(const std::string& path, const std::string& command,
       }
       std::cout << line << '\n';
     }
-    throw std::system_error(stream.error());
+    throw std::system_error(end);
   } catch (const std::system_error& failure) {  // a path too long for a socket is one, too
     std::cerr << "error: no answer on " << path << ": " << failure.what() << '\n';
     return 2;

@@ -43,7 +43,7 @@ void Session::Start() {
 void Session::Close() {
   if (!std::exchange(closed_, true)) {
     asio::error_code ignored;
-    static_cast<void>(stream_.close(ignored));
+    ignored = stream_.close(ignored);
     pace_.cancel();
   }
 }

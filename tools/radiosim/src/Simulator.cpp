@@ -5,7 +5,6 @@
 #include "orka/codec/LinkControl.h"
 
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/ioctl.h>
 #include <termios.h>
 #include <unistd.h>
@@ -15,6 +14,7 @@
 #include <cerrno>
 #include <charconv>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -198,7 +198,7 @@ void Simulator::Accept() {
     }
     if (!error && !away_) {
       asio::error_code ignored;
-      socket.set_option(asio::ip::tcp::no_delay(true), ignored);
+      ignored = socket.set_option(asio::ip::tcp::no_delay(true), ignored);
       if (session_) {
         EndLink("another camera connects");
       }
@@ -284,7 +284,7 @@ void Simulator::Stop() {
   }
   DropSession();
   asio::error_code ignored;
-  static_cast<void>(acceptor_.close(ignored));
+  ignored = acceptor_.close(ignored);
   tick_.cancel();
   if (!options_.pty_link.empty()) {
     std::error_code absent;
@@ -346,8 +346,8 @@ void Simulator::OnFrame(const orka::pel::BaseMessage& header, ByteView payload) 
   auto decoded = orka::codec::DecodeToRadio(static_cast<FrameKind>(header.kind), payload);
   if (!decoded.message) {
     print_("not understood: " +
-           (decoded.row ? std::string(decoded.row->name)
-                        : Hex(orka::codec::ByteReader(payload).Take<std::uint16_t>())) +
+           (decoded.row != nullptr ? std::string(decoded.row->name)
+                                   : Hex(orka::codec::ByteReader(payload).Take<std::uint16_t>())) +
            ": " + decoded.error);
     return;
   }
@@ -420,13 +420,14 @@ void Simulator::OnLinkControl(const orka::pel::BaseMessage& header, ByteView pay
     greeted_ = true;
     print_("hello of \"" + hello->product_id + "\" version \"" + hello->version + "\", protocol " +
            std::to_string(hello->protocol_version) + ", camera " +
-           std::to_string(hello->identify_as_camera) + ", tethered " +
-           std::to_string(hello->use_tethered_connection));
+           (hello->identify_as_camera ? "1" : "0") + ", tethered " +
+           (hello->use_tethered_connection ? "1" : "0"));
     orka::codec::HelloAnswer answer;
     answer.in_service = options_.in_service;
-    answer.max_transfer_size = options_.max_transfer_size != 0 ? options_.max_transfer_size
-                               : options_.pty_link.empty()     ? 32768
-                                                               : 4096;
+    answer.max_transfer_size = options_.pty_link.empty() ? 32768 : 4096;
+    if (options_.max_transfer_size != 0) {
+      answer.max_transfer_size = options_.max_transfer_size;
+    }
     answer.name = options_.name;
     answer.descriptors = options_.descriptors;
     SendLinkControl("HelloAnswer", Encode(answer));
@@ -620,7 +621,7 @@ Simulator::Reply Simulator::Command(std::string_view line) {
   const auto [name, rest] = SplitWord(line);
   const auto row = std::ranges::find(kCommands, name, &CommandRow::name);
   if (row == kCommands.end()) {
-    return {false, "unknown command \"" + std::string(name) + "\"; \"help\" lists them"};
+    return {false, "unknown command \"" + std::string(name) + R"("; "help" lists them)"};
   }
   return (this->*row->run)(rest);
 }
@@ -645,7 +646,7 @@ Simulator::Reply Simulator::Notify(std::string_view rest) {
   const auto [name, json] = SplitWord(rest);
   const auto* row = FindRow(Direction::FromRadio, name);
   if (row == nullptr) {
-    return {false, "the radio sends no \"" + std::string(name) + "\"; see \"help notify\""};
+    return {false, "the radio sends no \"" + std::string(name) + R"("; see "help notify")"};
   }
   std::string error;
   const auto data = NotificationFromJson(row->alternative, json, error);
@@ -701,8 +702,8 @@ Simulator::Reply Simulator::AddFault(std::string_view rest) {
   return {ok, error};
 }
 
-Simulator::Reply Simulator::TellFaults(
-    std::string_view /*rest*/) {  // NOLINT(*-make-member-function-const): a row of kCommands
+// NOLINTNEXTLINE(readability-make-member-function-const): a row of kCommands
+Simulator::Reply Simulator::TellFaults(std::string_view /*rest*/) {
   return {true, FaultReport()};
 }
 
@@ -730,8 +731,8 @@ Simulator::Reply Simulator::Reboot(std::string_view /*rest*/) {
   return {};
 }
 
-Simulator::Reply Simulator::Quit(
-    std::string_view /*rest*/) {  // NOLINT(*-make-member-function-const): a row of kCommands
+// NOLINTNEXTLINE(readability-make-member-function-const): a row of kCommands
+Simulator::Reply Simulator::Quit(std::string_view /*rest*/) {
   if (on_quit) {
     on_quit();
   }

@@ -84,22 +84,29 @@ bool MakeModes(const UartSettings& settings, termios& modes, std::string& error)
 // Sets what the device can do, which is all that tcsetattr promises, and checks that it is
 // everything.
 bool SetModes(int fd, const termios& modes, std::string& error) {
+  static constexpr auto kChecked = std::to_array<std::pair<tcflag_t, const char*>>({
+      {CSIZE, "8 data bits"},
+      {CSTOPB, "this number of stop bits"},
+      {PARENB | PARODD, "this parity"},
+      {CRTSCTS, "this flow control"},
+  });
   termios done{};
   if (::tcgetattr(fd, &done) != 0 || ::tcsetattr(fd, TCSANOW, &modes) != 0 ||
       ::tcgetattr(fd, &done) != 0) {
     error = std::strerror(errno);
     return false;
   }
-  const auto differs = [&](tcflag_t flags) {
-    return ((done.c_cflag ^ modes.c_cflag) & flags) != 0;
-  };
-  error = ::cfgetospeed(&done) != ::cfgetospeed(&modes) ? "the device does not do this baud rate"
-          : differs(CSIZE)                              ? "the device does not do 8 data bits"
-          : differs(CSTOPB)          ? "the device does not do this number of stop bits"
-          : differs(PARENB | PARODD) ? "the device does not do this parity"
-          : differs(CRTSCTS)         ? "the device does not do this flow control"
-                                     : "";
-  return error.empty();
+  if (::cfgetospeed(&done) != ::cfgetospeed(&modes)) {
+    error = "the device does not do this baud rate";
+    return false;
+  }
+  for (const auto& [flags, what] : kChecked) {
+    if (((done.c_cflag ^ modes.c_cflag) & flags) != 0) {
+      error = std::string("the device does not do ") + what;
+      return false;
+    }
+  }
+  return true;
 }
 
 }  // namespace

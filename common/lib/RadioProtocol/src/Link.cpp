@@ -303,7 +303,7 @@ void Link::Close() {
     ReleaseSerialLine(stream_.native_handle());
   }
   asio::error_code ignored;
-  static_cast<void>(stream_.close(ignored));
+  ignored = stream_.close(ignored);
   timer_.cancel();
 }
 

@@ -497,6 +497,7 @@ class RadioProtocol::Impl {
   std::thread thread_;  // guarded by mutex_; from the first start on
 };
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): the interface's own signature
 RadioProtocol::RadioProtocol(std::shared_ptr<zelt::ServiceModel> /*model*/,
                              const std::string& version, const std::string& productId)
     : impl_(std::make_unique<Impl>(version, productId)) {}

@@ -325,7 +325,9 @@ TEST_F(LinkTest, InjectionTakesItsResponseAndNoOther) {
     from_callback.set_value(protocol_.InjectQRXMessage(message, {}).first);
   });
   radio_.Send(pel::FrameKind::Broadcast, codec::Bytes{0xB4, 0x06});
-  EXPECT_FALSE(from_callback.get_future().get()) << "the radio thread cannot wait for itself";
+  auto injected = from_callback.get_future();
+  ASSERT_EQ(injected.wait_for(10s), std::future_status::ready);
+  EXPECT_FALSE(injected.get()) << "the radio thread cannot wait for itself";
 
   auto stopped = inject({.transaction = 77});
   ASSERT_TRUE(radio_.Next(pel::FrameKind::Request));

@@ -237,4 +237,12 @@ std::optional<orka::RadioNotificationData> NotificationFromJson(std::size_t inde
   return data;
 }
 
+std::string ProtoName(std::string_view type) {
+  std::string name(type);
+  if (const std::size_t colons = name.find("::"); colons != std::string::npos) {
+    name.replace(colons, 2, ".");
+  }
+  return name;
+}
+
 }  // namespace radiosim

@@ -631,7 +631,7 @@ Simulator::Reply Simulator::Help(std::string_view rest) {
   if (rest == "notify") {
     for (const auto& row : orka::codec::kMessageTable) {
       if (row.direction == Direction::FromRadio) {
-        text << row.name << ' ' << row.type << '\n';
+        text << row.name << ' ' << ProtoName(row.type) << '\n';
       }
     }
   } else {

@@ -151,7 +151,7 @@ int main(int argc, char** argv) {
   }
   for (const std::string& fault : faults) {
     if (!plan.Add(fault, error)) {
-      return Fail("--fault \"" + fault + "\": " + error);
+      return Fail(std::string("--fault \"").append(fault).append("\": ").append(error));
     }
   }
   return Serve(std::move(options), std::move(plan), control_path);

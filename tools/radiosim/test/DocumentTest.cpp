@@ -1,3 +1,4 @@
+#include "ProtoJson.h"
 #include "orka/codec/MessageTable.h"
 
 #include <gmock/gmock.h>
@@ -78,11 +79,7 @@ TEST(RadioLinkDocument, TellsTheFieldsOfEveryBody) {
   }
   Rows rows;
   for (const auto& row : orka::codec::kMessageTable) {
-    std::string name(row.type);
-    if (const std::size_t colons = name.find("::"); colons != std::string::npos) {
-      name.replace(colons, 2, ".");
-    }
-    if (const auto* type = pool.FindMessageTypeByName(name)) {
+    if (const auto* type = pool.FindMessageTypeByName(ProtoName(row.type))) {
       rows.Add(*type);
     }
   }

@@ -6,10 +6,10 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 #include <asio/executor_work_guard.hpp>
 #include <asio/post.hpp>
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -24,7 +24,6 @@ namespace {
 
 using orka::RadioProtocol;
 using orka::SendResult;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using N = orka::NotifyMessage;
@@ -427,7 +426,7 @@ TEST_F(RadiosimTest, CommandsNameWhatWasWrong) {
       {R"(notify FileAccessResponse {"file":1})", "file: Cannot find field"},
       {R"(notify LedBrightnessResponse {"brightness":"Dim"})", "no code for brightness \"Dim\""},
       {"received many", "\"many\" is no number"},
-      {"silent maybe", "\"on\" or \"off\""},
+      {"silent maybe", R"("on" or "off")"},
       {"fault explode", "unknown fault \"explode\""},
       {"fault drop when=now", "unknown key \"when\""},
       {"fault drop after=x", "\"x\" makes no sense for after"},

@@ -146,11 +146,12 @@ TEST(RadioLinkDocument, ListsEveryMessageAndCode) {
   const auto expect_code = [&](const std::string& name, const std::string& code) {
     EXPECT_THAT(lines, testing::Contains("| " + name + " | " + code + " |"));
   };
-  for (const auto& [name, opcode] : kSubscriptionOpcodes) {
+  for (const auto& [name, code] : kSubscriptionOpcodes) {
+    const auto opcode = static_cast<unsigned>(code);
     expect_code(Kova::SubscriptionMsgCode_Name(name) + " | " + std::to_string(name),
-                Hex(static_cast<unsigned>(opcode), 4));
-    EXPECT_TRUE(std::ranges::any_of(kMessageTable, [opcode = opcode](const MessageRow& row) {
-      return row.direction == Direction::FromRadio && row.opcode == static_cast<unsigned>(opcode);
+                Hex(opcode, 4));
+    EXPECT_TRUE(std::ranges::any_of(kMessageTable, [opcode](const MessageRow& row) {
+      return row.direction == Direction::FromRadio && row.opcode == opcode;
     })) << "it subscribes to what the radio sends";
   }
   for (const auto& [name, code] : kGattDescriptorCodes) {
@@ -201,7 +202,7 @@ TEST(Codec, EveryRowComesBackAsItself) {
       if (row.message_case != 0) {  // the field of the case: a text, or with a field inside
         payload.clear();
         ByteWriter(payload).Put(row.opcode);
-        payload.push_back(static_cast<std::uint8_t>(row.message_case << 3U | 2U));
+        payload.push_back(static_cast<std::uint8_t>(unsigned{row.message_case} << 3U | 2U));
         payload.insert(payload.end(), {2, 'x', '1'});
       }
       const auto decoded = DecodeToRadio(row.kind, payload);

@@ -6,9 +6,9 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <future>
 #include <memory>
 #include <thread>

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <deque>
 #include <optional>
+#include <stdexcept>
 #include <utility>
 
 namespace orka::test {
@@ -43,9 +44,11 @@ class TestRadio {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     socklen_t size = sizeof(address);
-    ::bind(listener_.Get(), reinterpret_cast<sockaddr*>(&address), size);
-    ::getsockname(listener_.Get(), reinterpret_cast<sockaddr*>(&address), &size);
-    ::listen(listener_.Get(), 4);
+    auto* const where = reinterpret_cast<sockaddr*>(&address);
+    if (::bind(listener_.Get(), where, size) != 0 || ::listen(listener_.Get(), 4) != 0 ||
+        ::getsockname(listener_.Get(), where, &size) != 0) {
+      throw std::runtime_error("cannot listen");
+    }
     port_ = ntohs(address.sin_port);
   }
   explicit TestRadio(UniqueFd line) : line_(std::move(line)) {}
@@ -94,6 +97,7 @@ class TestRadio {
         continue;
       }
       std::array<std::uint8_t, 4096> buffer;
+      // NOLINTNEXTLINE(clang-analyzer-unix.BlockInCriticalSection): no lock is held here
       const ssize_t count = ::read(line_.Get(), buffer.data(), buffer.size());
       if (count <= 0) {
         return std::nullopt;

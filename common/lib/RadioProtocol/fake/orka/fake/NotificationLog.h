@@ -28,6 +28,7 @@ class NotificationLog {
     std::unique_lock lock(mutex_);
     changed_.wait_for(lock, kLong, [&] { return all_.size() >= count; });
     std::vector<NotifyMessage> kinds;
+    kinds.reserve(all_.size());
     for (const auto& [kind, data] : all_) {
       kinds.push_back(kind);
     }

@@ -224,13 +224,10 @@ TEST_F(ZeltcliTest, WhatArrivesIsPrintedUntilTheEndThatWasAskedFor) {
   Expect(0, {"watch", "--timeout", "0.1"}, "");
 
   auto upgrade = Start({"listen", "--as", "Upgrade"});
-  const auto send = [this] {
-    fake::ChildProcess tool({ZELTCLI, "send", "Upgrade", "RtVersionMsg", R"({"request":{}})"},
-                            bus_.Folder() / "send");
-    return tool.Wait();
-  };
-  while (send() == 4) {  // until the service is there
-  }
+  ASSERT_TRUE(upgrade.WaitForOutput("listening as Upgrade"));
+  fake::ChildProcess send({ZELTCLI, "send", "Upgrade", "RtVersionMsg", R"({"request":{}})"},
+                          bus_.Folder() / "send");
+  EXPECT_EQ(send.Wait(), 0) << send.Output();
   EXPECT_TRUE(upgrade.WaitForOutput(R"( > Kova.RtVersionMsg {"request":{}})"));
   upgrade.Signal(SIGINT);
   EXPECT_EQ(upgrade.Wait(), 0);

@@ -16,6 +16,7 @@
 #include <csignal>
 #include <exception>
 #include <future>
+#include <limits>
 #include <map>
 #include <mutex>
 #include <optional>
@@ -585,6 +586,12 @@ std::pair<bool, std::vector<std::uint8_t>> RadioProtocol::InjectQRXMessage(
 std::pair<bool, std::vector<std::uint8_t>> RadioProtocol::DoInject(
     gsl::span<const std::uint8_t> message, const pel::BaseMessage& header) {
   return impl_->Inject(codec::ByteView(message.data(), message.size()), header);
+}
+
+void RadioProtocol::HoldReceiving() {}
+void RadioProtocol::ContinueReceiving() {}
+std::size_t RadioProtocol::GetSendRoom() {
+  return std::numeric_limits<std::size_t>::max();
 }
 
 LinkCounters RadioProtocol::GetCounters() const {

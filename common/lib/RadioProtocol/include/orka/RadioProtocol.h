@@ -7,6 +7,7 @@
 
 #include <gsl/span>
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -137,6 +138,16 @@ class RadioProtocol {
   // radio thread. A response taken here is not notified.
   std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(gsl::span<const std::uint8_t> message,
                                                               const pel::BaseMessage& header);
+
+  // Stops taking bytes off the line, for a receiver that is behind, and goes on with it. What was
+  // read before is still notified, at most one read of 64 KiB. A line that is held is not taken for
+  // a silent radio. A second call of either does nothing; a new link is not held.
+  virtual void HoldReceiving();
+  virtual void ContinueReceiving();
+
+  // How many bytes of messages the link takes now before it answers QueueFull; the largest number
+  // when there is no link, whose answer is another.
+  virtual std::size_t GetSendRoom();
 
   LinkCounters GetCounters() const;
 

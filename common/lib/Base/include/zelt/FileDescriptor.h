@@ -23,6 +23,10 @@ class FileDescriptor {
   ~FileDescriptor() { Close(); }
 
   int Get() const { return descriptor_; }
+  explicit operator bool() const { return descriptor_ >= 0; }
+
+  // Gives the descriptor to the caller, who closes it.
+  int Release() { return std::exchange(descriptor_, -1); }
 
   void Close() {
     if (const int descriptor = std::exchange(descriptor_, -1); descriptor >= 0) {

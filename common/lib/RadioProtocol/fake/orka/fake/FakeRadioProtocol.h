@@ -2,7 +2,9 @@
 
 #include "orka/RadioProtocol.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,8 +14,9 @@
 
 namespace orka::fake {
 
-// What the code under test did to the radio protocol, one record a call, in order. The three
-// queries (GetMaxTransferDataSize, GetDeviceDescriptors, IsRadioConnected) are not recorded.
+// What the code under test did to the radio protocol, one record a call, in order. Not recorded are
+// the queries (GetMaxTransferDataSize, GetDeviceDescriptors, IsRadioConnected, GetSendRoom) and
+// whether receiving is held.
 struct StartSocketCall {
   SocketSettings settings;
   std::uint32_t link_address = 0;
@@ -60,6 +63,7 @@ struct Answers {
   qrx::DeviceDescriptors device_descriptors;
   bool radio_connected = false;
   std::pair<bool, std::vector<std::uint8_t>> inject{false, {}};
+  std::size_t send_room = std::numeric_limits<std::size_t>::max();  // GetSendRoom
 };
 
 // A radio protocol without a radio: no thread, no socket. Any thread may call any operation.
@@ -77,6 +81,12 @@ class FakeRadioProtocol : public RadioProtocol {
   void SetAnswers(Answers answers) {
     const std::lock_guard lock(mutex_);
     answers_ = std::move(answers);
+  }
+
+  // True between HoldReceiving and ContinueReceiving. Events are delivered all the same.
+  bool IsHeld() const {
+    const std::lock_guard lock(mutex_);
+    return held_;
   }
 
   // Returns the calls so far and forgets them.
@@ -119,6 +129,9 @@ class FakeRadioProtocol : public RadioProtocol {
   }
   qrx::DeviceDescriptors GetDeviceDescriptors() override { return Current().device_descriptors; }
   bool IsRadioConnected() override { return Current().radio_connected; }
+  void HoldReceiving() override { SetHeld(true); }
+  void ContinueReceiving() override { SetHeld(false); }
+  std::size_t GetSendRoom() override { return Current().send_room; }
 
  protected:
   std::pair<bool, std::vector<std::uint8_t>> DoInject(gsl::span<const std::uint8_t> message,
@@ -136,10 +149,15 @@ class FakeRadioProtocol : public RadioProtocol {
     const std::lock_guard lock(mutex_);
     return answers_;
   }
+  void SetHeld(bool held) {
+    const std::lock_guard lock(mutex_);
+    held_ = held;
+  }
 
   mutable std::mutex mutex_;
   Answers answers_;          // guarded by mutex_
   std::vector<Call> calls_;  // guarded by mutex_
+  bool held_ = false;        // guarded by mutex_
 };
 
 }  // namespace orka::fake

@@ -308,7 +308,7 @@ void Simulator::After(std::chrono::milliseconds delay, std::function<void()> act
 
 void Simulator::Tick() {
   const auto now = Session::Clock::now();
-  if (greeted_ && now >= session_->LastHeard() + orka::codec::kLostAfter) {
+  if (greeted_ && session_->IsSilent(now)) {
     EndLink("the camera is silent");
   }
   if (greeted_ &&

@@ -8,7 +8,7 @@ namespace orka {
 
 std::shared_ptr<Injections::Waiting> Injections::Begin(std::uint16_t transaction,
                                                        std::uint16_t answer_opcode) {
-  const auto waiting = std::make_shared<Waiting>();
+  auto waiting = std::make_shared<Waiting>();
   waiting->answer_opcode = answer_opcode;
   if (!waiting_.emplace(transaction, waiting).second) {
     return nullptr;

@@ -16,8 +16,8 @@ Link::Link(asio::io_context& io, Line line, LinkSettings settings, AtomicCounter
       stream_(io),
       timer_(io),
       logic_(std::move(settings), counters, std::move(events)) {
-  if (line_.ConnectTo()) {
-    connecting_.assign(line_.ConnectTo()->protocol(), line_.Fd());
+  if (const auto& endpoint = line_.ConnectTo()) {
+    connecting_.assign(endpoint->protocol(), line_.Fd());
   } else {
     stream_.assign(line_.Fd());
   }
@@ -40,8 +40,8 @@ void Link::Open() {
   }
   logic_.Open(Clock::now());
   ArmTimer();
-  if (line_.ConnectTo()) {
-    Connect(*line_.ConnectTo());
+  if (const auto& endpoint = line_.ConnectTo()) {
+    Connect(*endpoint);
   } else {
     Greet();
   }
@@ -54,7 +54,7 @@ void Link::Connect(const asio::ip::tcp::endpoint& endpoint) {
     }
     asio::error_code failure = error;
     if (!failure) {
-      self->stream_.assign(self->connecting_.release(), failure);
+      failure = self->stream_.assign(self->connecting_.release(), failure);
     }
     if (failure) {
       self->Fail(failure.message());

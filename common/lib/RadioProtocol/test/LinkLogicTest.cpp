@@ -34,6 +34,9 @@ Bytes MakeFrame(pel::FrameKind kind, codec::ByteView payload) {
 Bytes Control(codec::ByteView payload) {
   return MakeFrame(pel::FrameKind::LinkControl, payload);
 }
+Bytes Answer(std::string name, std::uint16_t version = 1) {
+  return Control(codec::Encode(codec::HelloAnswer{version, true, 100, std::move(name), {}}));
+}
 Bytes Broadcast(std::size_t payload) {
   return MakeFrame(pel::FrameKind::Broadcast, Bytes(payload, 7));
 }
@@ -57,7 +60,7 @@ class Bench {
   // A link that is connected at 0 ms.
   Bench& Connect() {
     Greet();
-    Bring(Control(codec::Encode(codec::HelloAnswer{1, true, 100, "radio", {}})));
+    Bring(Answer("radio"));
     return *this;
   }
 
@@ -112,6 +115,7 @@ class Bench {
   }
 
   LinkLogic& Logic() { return logic_; }
+  fake::Deadline deadline;
   zelt::fake::LogCapture log;
   AtomicCounters counters;
   std::vector<std::string> told;                  // events
@@ -170,9 +174,7 @@ struct LifeCase {
   std::optional<int> over_at;
 };
 
-class LinkLogicLife : public testing::TestWithParam<LifeCase> {
-  fake::Deadline deadline_;
-};
+using LinkLogicLife = testing::TestWithParam<LifeCase>;
 
 TEST_P(LinkLogicLife, ARadioIsLostInTimeAndNotBefore) {
   Bench bench(GetParam().byte_time);
@@ -326,17 +328,16 @@ TEST(LinkLogic, HelloIsRepeatedUntilItIsAnsweredButNotPiledUp) {
   EXPECT_EQ(bench.OverAt(), 30'000);
   EXPECT_THAT(bench.told, ElementsAre("failed"));
   EXPECT_TRUE(bench.log.Contains("no answer to the hello in time"));
+}
 
-  Bench unconnected;
-  EXPECT_EQ(unconnected.OverAt(), 30'000);
-  EXPECT_TRUE(unconnected.log.Contains("No link to the radio on the line: no connection in time"));
-  EXPECT_TRUE(unconnected.sent.empty());
+TEST(LinkLogic, NothingIsSentBeforeTheLineIsThere) {
+  Bench bench;
+  EXPECT_EQ(bench.OverAt(), 30'000);
+  EXPECT_TRUE(bench.log.Contains("No link to the radio on the line: no connection in time"));
+  EXPECT_TRUE(bench.sent.empty());
 }
 
 TEST(LinkLogic, OnlyTheFirstGoodAnswerBeginsASession) {
-  const auto answer = [](std::string name, std::uint16_t version) {
-    return Control(codec::Encode(codec::HelloAnswer{version, true, 100, std::move(name), {}}));
-  };
   Bench bench;
   bench.Greet();
   bench.Bring(Broadcast(10));
@@ -346,19 +347,21 @@ TEST(LinkLogic, OnlyTheFirstGoodAnswerBeginsASession) {
   bench.Bring(Control(cut));
   EXPECT_TRUE(bench.told.empty()) << "left over from an earlier session, or not to be read";
   EXPECT_EQ(bench.counters.dropped_malformed, 1);
-  bench.Bring(answer("first", 1));
-  bench.Bring(answer("second", 1));
+  bench.Bring(Answer("first"));
+  bench.Bring(Answer("second"));
   bench.Bring(Broadcast(10));
   EXPECT_THAT(bench.told, ElementsAre("first", "frame of 10"));
   bench.Bring(Control(codec::Encode(LinkControl::Goodbye)));
   EXPECT_THAT(bench.told, ElementsAre("first", "frame of 10", "lost"));
   EXPECT_EQ(bench.sent.back().second, LinkControl::Goodbye);
+}
 
-  Bench newer;
-  newer.Greet();
-  newer.Bring(answer("newer", 2));
-  EXPECT_THAT(newer.told, ElementsAre("failed"));
-  EXPECT_EQ(newer.sent.back().second, LinkControl::Hello) << "no Goodbye";
+TEST(LinkLogic, RadioOfAnotherVersionIsLeftWithoutAGoodbye) {
+  Bench bench;
+  bench.Greet();
+  bench.Bring(Answer("newer", 2));
+  EXPECT_THAT(bench.told, ElementsAre("failed"));
+  EXPECT_EQ(bench.sent.back().second, LinkControl::Hello);
 }
 
 TEST(LinkLogic, NothingIsToldAfterCloseAndTheGoodbyeIsLast) {

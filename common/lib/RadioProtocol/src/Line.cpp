@@ -1,5 +1,7 @@
 #include "Line.h"
 
+#include "zelt/Paths.h"
+
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -144,10 +146,11 @@ std::optional<Line> OpenSerialLine(const UartSettings& settings, std::string& er
   }
   Line line;
   line.name = settings.device;
-  line.fd = UniqueFd(::open(settings.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  const std::string path = zelt::PathUnderRoot(settings.device);
+  line.fd = UniqueFd(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   const int fd = line.fd.Get();
   if (!line.fd) {
-    error = SystemError("cannot open " + settings.device);
+    error = SystemError("cannot open " + path);
     return std::nullopt;
   }
   // TIOCEXCL keeps later openers out, the lock those that had it open before and heed it, too.

@@ -20,7 +20,7 @@ struct Line {
 // Nothing when the settings make no sense, or the system refuses; `error` then says what and why.
 std::optional<Line> MakeTcpLine(const SocketSettings& settings, std::string& error);
 
-// Opens the device, alone if asked for, sets it up and throws away what lies in its buffers. A
+// Opens the device (under ZELT_ROOT, as every path), alone if asked for, sets it up and throws away what lies in its buffers. A
 // pseudo-terminal will do.
 std::optional<Line> OpenSerialLine(const UartSettings& settings, std::string& error);
 

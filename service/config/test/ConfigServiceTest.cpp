@@ -64,13 +64,20 @@ TEST_F(ConfigServiceTest, SampleIsReadWhole) {
             "officers, current officer 4711");
   EXPECT_TRUE(parsed.record.officers.GetCurrentOfficer().collaborationEnabled);
   EXPECT_STREQ(parsed.record.officers.officers[1].name.data(), "B. Sample");
+  EXPECT_FALSE(parsed.record.officers.officers[1].collaborationEnabled);
+  EXPECT_EQ(parsed.record.tetheredStreaming, TetheredMode::Automatic);
+  EXPECT_EQ(parsed.record.tetheredUploading, TetheredMode::Never);
 }
 
-TEST_F(ConfigServiceTest, ConfigurationWithoutOfficersIsAssignedToNobody) {
-  const ParsedConfig parsed = Parse("working_mode = \"" + std::string(32, 'm') + "\"");
-  EXPECT_THAT(parsed.problems, IsEmpty());
-  EXPECT_THAT(Summary(parsed.record), HasSubstr("streaming automatic"));
-  EXPECT_FALSE(parsed.record.officers.GetCurrentOfficer().collaborationEnabled);
+TEST_F(ConfigServiceTest, ConfigurationWithoutCurrentOfficerIsAssignedToNobody) {
+  const std::string mode = "working_mode = \"" + std::string(32, 'm') + "\"\n";
+  for (const char* officers : {"", "[[officers]]\nid = \"1\"\ncollaboration_enabled = true"}) {
+    const ParsedConfig parsed = Parse(mode + "tethered_streaming = \"always\"\n" + officers);
+    EXPECT_THAT(parsed.problems, IsEmpty());
+    EXPECT_EQ(parsed.record.tetheredStreaming, TetheredMode::Always);
+    EXPECT_THAT(Summary(parsed.record), testing::EndsWith(" officers, current officer nobody"));
+    EXPECT_FALSE(parsed.record.officers.GetCurrentOfficer().collaborationEnabled);
+  }
 }
 
 TEST_F(ConfigServiceTest, AllProblemsOfAFileAreToldInItsOrder) {
@@ -90,7 +97,9 @@ TEST_F(ConfigServiceTest, AllProblemsOfAFileAreToldInItsOrder) {
                "collaboration_enabled = \"yes\"\n"
                "rank = 1\n"
                "[[officers]]\n"
-               "name = \"\"\n"),
+               "name = \"\\u007f\"\n"
+               "[[officers]]\n"
+               "id = \"\"\n"),
       ElementsAre(
           R"(1: tethered_streaming: expected "automatic", "never" or "always", found "sometimes")",
           R"(2: tethered_uploading: expected "automatic", "never" or "always", found integer)",
@@ -100,7 +109,8 @@ TEST_F(ConfigServiceTest, AllProblemsOfAFileAreToldInItsOrder) {
           HasSubstr("8: name: expected a text of 0 to 64 bytes without control characters"),
           R"(10: id: expected an id that no other officer has, found "1")",
           R"(11: collaboration_enabled: expected true or false, found "yes")",
-          HasSubstr("12: rank: unknown key"), HasSubstr("13: id: missing")));
+          HasSubstr("12: rank: unknown key"), HasSubstr("13: id: missing"),
+          HasSubstr("14: name: expected a text"), HasSubstr("16: id: expected a text of 1 to")));
 }
 
 TEST_F(ConfigServiceTest, ManyOrLongProblemsDoNotFloodTheReader) {

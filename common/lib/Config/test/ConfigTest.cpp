@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <sched.h>
 #include <sys/mman.h>
 #include <sys/mount.h>
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
@@ -26,6 +28,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace zelt {
 namespace {
@@ -83,7 +86,7 @@ class ConfigTest : public testing::Test {
 };
 
 TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
-  const auto expect = [this](int error, const char* reason) {
+  const auto expect = [this](int error, const std::string& reason) {
     const ConfigResult result = Get();
     EXPECT_FALSE(result.record);
     EXPECT_EQ(result.error, error);
@@ -95,6 +98,9 @@ TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
   expect(ENODATA, "nothing published yet");
   publisher.Publish(RecordOf('a'));
   EXPECT_EQ(Get().errorText, "");
+  EXPECT_FALSE(SharedMemoryReadPointer<ConfigRecord>(ConfigBlock::Open(path_).block, nullptr));
+  Overwrite(offsetof(ConfigBlock::Layout, size), 9);
+  expect(EPROTO, " of " + std::to_string(sizeof(ConfigBlock::Layout) / 256 * 256 + 9) + " bytes");
   Overwrite(offsetof(ConfigBlock::Layout, version), 9);
   expect(EPROTO, "has layout 9 of");
   Overwrite(offsetof(ConfigBlock::Layout, magic), 'x');
@@ -114,6 +120,14 @@ TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
     EXPECT_THAT(failure.what(), HasSubstr(path_ + ": Is a directory; it cannot be replaced"));
   }
   EXPECT_THROW(InterfaceFactory::Create<ConfigReaderIF>("OtherIF"), std::runtime_error);
+}
+
+TEST_F(ConfigTest, SpoiltOfficerListAssignsNobody) {
+  OfficerList list{};
+  list.officers.fill({.id = {}, .name = {}, .collaborationEnabled = true});
+  list.count = 40;
+  list.current = 35;
+  EXPECT_FALSE(list.GetCurrentOfficer().collaborationEnabled);
 }
 
 TEST_F(ConfigTest, DeathOfTheLockHolderLeavesAWholeRecord) {
@@ -216,8 +230,13 @@ TEST_F(ConfigTest, BlockOfAStrangerIsRefusedAndReplaced) {
   }
   EXPECT_EQ(Get().error, EPERM);
   EXPECT_THAT(Get().errorText, HasSubstr(path_ + ": belongs to user 4711, expected root, user 0"));
+  const std::string folder = std::filesystem::path(path_).parent_path();
+  ASSERT_EQ(chown(folder.c_str(), 4711, static_cast<gid_t>(-1)), 0);
+  EXPECT_EQ(Get().error, 0) << "the owner of the folder is none";
+  ASSERT_EQ(chown(folder.c_str(), 0, static_cast<gid_t>(-1)), 0);
   ConfigPublisher(path_).Publish(RecordOf('b'));
   EXPECT_EQ(ModeOf(Get()), "bb");
+  EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms{0660});
 }
 
 TEST_F(ConfigTest, LockThatIsHeldEndsTheWait) {
@@ -227,8 +246,41 @@ TEST_F(ConfigTest, LockThatIsHeldEndsTheWait) {
   const ConfigResult result = std::async(std::launch::async, Get).get();
   EXPECT_EQ(result.error, ETIMEDOUT);
   EXPECT_THAT(result.errorText, HasSubstr(path_ + ": cannot lock"));
-  EXPECT_THROW(ConfigPublisher{path_}, std::runtime_error) << "this thread holds it already";
+  EXPECT_THAT(result.errorText, HasSubstr("within 1 s"));
+  try {
+    const ConfigPublisher second(path_);
+    FAIL() << "this thread holds it already";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), EDEADLK);
+  }
   block->Unlock();
+}
+
+// The other process lets go as soon as somebody waits, which the kernel marks in the lock.
+TEST_F(ConfigTest, LockIsPassedOnToAWaitingProcess) {
+  ConfigPublisher(path_).Publish(RecordOf('a'));
+  const int file = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+  auto* const layout = static_cast<ConfigBlock::Layout*>(
+      mmap(nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+  close(file);
+  const std::atomic_ref<int> lock(*reinterpret_cast<int*>(&layout->mutex));
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);
+    const auto block = ConfigBlock::Open(path_).block;
+    block->Lock();
+    while ((static_cast<unsigned>(lock.load()) & FUTEX_WAITERS) == 0) {
+      sched_yield();
+    }
+    block->Unlock();
+    _exit(0);
+  }
+  while (lock.load() == 0) {
+    sched_yield();
+  }
+  EXPECT_EQ(Get().errorText, "");
+  waitpid(child, nullptr, 0);
+  munmap(layout, sizeof(ConfigBlock::Layout));
 }
 
 TEST_F(ConfigTest, BlockBeyondRepairIsReportedAndReplaced) {

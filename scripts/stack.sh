@@ -49,7 +49,7 @@ stack_stop() {
 
 stack_radio() {
   local where=(--listen "127.0.0.1:${RADIO_PORT:-0}" --port-file "$STACK/port")
-  [ "$stack_link" = tcp ] || where=(--pty "$STACK/radio-tty")
+  [ "$stack_link" = tcp ] || where=(--pty "$ZELT_ROOT/dev/ttyS2")
   rm -f "$STACK/port"
   stack_spawn radiosim "$BIN/radiosim" "${where[@]}" --control "$RADIO_CONTROL" \
     --store "$STACK/radio-files"
@@ -58,14 +58,12 @@ stack_radio() {
     stack_wait 10 'the radio to listen' test -s "$STACK/port"
     RADIO_PORT=$(cat "$STACK/port")
   else
-    stack_wait 10 'the radio to open its serial line' test -e "$STACK/radio-tty"
+    stack_wait 10 'the radio to open its serial line' test -e "$ZELT_ROOT/dev/ttyS2"
   fi
 }
 
 stack_kova() {
-  local command=(env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/kova")
-  [ "$stack_link" = tcp ] || command=(scripts/with-serial "$STACK/radio-tty" "${command[@]}")
-  stack_spawn kova "${command[@]}"
+  stack_spawn kova env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/kova"
   kova_pid=$stack_pid
   stack_wait 15 'Kova to be ready' stack_ready
 }

@@ -123,10 +123,9 @@ TEST(Link, NobodyListensIsAFailedHandshakeAndAStoppedRadioIsALostLink) {
 TEST(Link, SerialLineCarriesAnImageAndHealsFromDamage) {
   Stack stack;
   stack.StartConfig();
-  const auto tty = stack.Folder() / "tty";
-  stack.StartRadio(
-      {"--pty", tty.string(), "--fault", "corrupt message=HardwareIdResponse count=1"});
-  stack.StartKovaOnSerial(tty);
+  stack.StartRadio({"--pty", (stack.Root() / "dev/ttyS2").string(), "--fault",
+                    "corrupt message=HardwareIdResponse count=1"});
+  stack.StartKova();
   ASSERT_EQ(stack.Tool({"link", "up"}).status, 0) << stack.kova->Output();
   EXPECT_TRUE(stack.kova->Output().contains("Attempting to start radio via UART"));
   EXPECT_EQ(stack.Tool({"hardware-id", "--timeout", "1"}).status, 7);

@@ -68,13 +68,6 @@ void Stack::StartKova() {
   kova->WaitForLine("Kova service running..........");
 }
 
-void Stack::StartKovaOnSerial(const std::filesystem::path& pty) {
-  kova.reset();
-  kova = Run(std::string(KOVA_SOURCE_DIR) + "/scripts/with-serial",
-             {pty.string(), std::string(KOVA_BIN_DIR) + "/kova"});
-  kova->WaitForLine("Kova service running..........");
-}
-
 void Stack::StartAll(const std::vector<std::string>& radio_options) {
   StartConfig();
   StartRadio(radio_options);

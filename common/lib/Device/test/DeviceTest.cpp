@@ -47,10 +47,27 @@ TEST_F(DeviceTest, VersionTextSurvivesAHandEditedFile) {
 }
 
 TEST_F(DeviceTest, UnreadableFilesAreNamed) {
-  EXPECT_EQ(VersionInfo::GetVersionAndBuildNumberText(root_ + "/etc"), "unknown");
-  EXPECT_TRUE(log_.Contains(root_ + "/etc: Is a directory"));
+  const std::string path = VersionInfoFile();
+  const auto expect_reason = [&](const std::string& reason) {
+    EXPECT_EQ(VersionInfo::GetVersionAndBuildNumberText(path), "unknown");
+    EXPECT_EQ(log_.Lines().back().text,
+              "Software version is unknown: " + path + ": cannot be read: " + reason);
+    std::filesystem::remove(path);
+  };
+  expect_reason("No such file or directory");
+  std::filesystem::create_directory(path);
+  expect_reason("is no regular file");
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  expect_reason("is no regular file");
+  std::filesystem::create_symlink("/dev/zero", path);
+  expect_reason("is no regular file");
+  std::ofstream(path).flush();
+  std::filesystem::resize_file(path, 65537);
+  expect_reason("is larger than 65536 bytes");
+  EXPECT_EQ(VersionOf("VERSION=1" + std::string(65536 - 9, '\n')), "1") << "just small enough";
+
   EXPECT_EQ(TargetAttributes(false).ModelAsString(), "");
-  EXPECT_TRUE(log_.Contains(root_ + "/etc/zelt/target-attributes: No such file or directory"));
+  EXPECT_TRUE(log_.Contains(TargetAttributesFile() + ": cannot be read: No such file"));
   EXPECT_THROW(TargetAttributes(true), std::runtime_error);
   std::ofstream(TargetAttributesFile()) << "MODEL=OTTR\n";
   EXPECT_EQ(TargetAttributes(true).ModelAsString(), "OTTR");

@@ -1,6 +1,7 @@
 #include "Line.h"
 
 #include "Limits.h"
+#include "zelt/Paths.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -152,11 +153,11 @@ std::optional<Line> Line::OpenSerial(const UartSettings& settings, std::string& 
   }
   Line line;
   line.name_ = settings.device;
-  line.fd_ = zelt::FileDescriptor(
-      ::open(settings.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  const std::string path = zelt::PathUnderRoot(settings.device);
+  line.fd_ = zelt::FileDescriptor(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   const int fd = line.Fd();
   if (!line.fd_) {
-    error = SystemError("cannot open " + settings.device);
+    error = SystemError("cannot open " + path);
     return std::nullopt;
   }
   // TIOCEXCL keeps later openers out, the lock those that had it open before and heed it, too.

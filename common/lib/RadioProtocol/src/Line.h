@@ -20,8 +20,9 @@ namespace orka {
 class Line {
  public:
   // Nothing when the settings make no sense, or the system refuses; `error` then says what and why.
-  // A TCP line is still to be connected. A serial line is opened, alone if asked for, set up, and
-  // what lies in its buffers is thrown away; a pseudo-terminal will do.
+  // A TCP line is still to be connected. A serial line is opened (under ZELT_ROOT, as every path),
+  // alone if asked for, set up, and what lies in its buffers is thrown away; a pseudo-terminal will
+  // do.
   static std::optional<Line> MakeTcp(const SocketSettings& settings, std::string& error);
   static std::optional<Line> OpenSerial(const UartSettings& settings, std::string& error);
 

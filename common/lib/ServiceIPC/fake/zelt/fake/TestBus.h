@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -89,7 +90,8 @@ class ChildProcess {
     return text.str();
   }
 
-  // True once `part` stands in the output; false when it does not come.
+  // True once `part` stands in the output; false when it does not come, at once if the process has
+  // ended without it.
   bool WaitForOutput(const std::string& part) const {
     return Comes([&] { return Output().contains(part); });
   }
@@ -119,23 +121,28 @@ class ChildProcess {
   void Mark() { mark_ = Output().size(); }
 
  private:
-  // Looks whenever the output has grown.
+  // Looks whenever the output has grown, and for the last time when the process has ended.
   template <class Condition>
   bool Comes(Condition condition) const {
     using std::chrono::milliseconds;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    pollfd change{inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0};
-    inotify_add_watch(change.fd, output_.c_str(), IN_MODIFY);
+    pollfd changes[] = {
+        {inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0},
+        {static_cast<int>(syscall(SYS_pidfd_open, status_ ? -1 : pid_, 0)), POLLIN, 0}};
+    inotify_add_watch(changes[0].fd, output_.c_str(), IN_MODIFY);
+    bool has_ended = status_.has_value();
     bool come = false;
     auto left = milliseconds(1);
-    while (!(come = condition()) && left.count() > 0) {
+    while (!(come = condition()) && !has_ended && left.count() > 0) {
       left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-      poll(&change, 1, std::max(0, static_cast<int>(left.count())));
+      poll(changes, 2, std::max(0, static_cast<int>(left.count())));
+      has_ended = changes[1].revents != 0;
       char events[4096];  // which they are does not matter
-      while (read(change.fd, events, sizeof events) > 0) {
+      while (read(changes[0].fd, events, sizeof events) > 0) {
       }
     }
-    close(change.fd);
+    close(changes[0].fd);
+    close(changes[1].fd);
     return come;
   }
 

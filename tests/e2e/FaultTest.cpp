@@ -145,6 +145,9 @@ TEST(Peers, HungServiceHoldsNobodyElseUp) {
   hung->WaitForLine("listening");
   hung->Halt();
   stack.Radio({"notify", "EmergencyBroadcast", R"({"state":"RAISED"})"});
+  EXPECT_EQ(stack.Tool({"version"}).status, 0);
+  stack.kova->WaitForLine("[Collaboration] has acknowledged nothing for 5 s");
+  stack.Radio({"notify", "EmergencyBroadcast", R"({"state":"RAISED"})"});
   stack.kova->WaitForLine("Failed to send");
   EXPECT_EQ(stack.Tool({"version"}).status, 0);
 }

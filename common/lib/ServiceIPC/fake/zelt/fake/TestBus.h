@@ -157,17 +157,10 @@ class TestBus {
     folder_ = path;
     address_ = "unix:path=" + path + "/bus";
     setenv("ZELT_BUS_ADDRESS", address_.c_str(), 1);
-    const auto config = folder_ / "bus.conf";
-    std::ofstream(config) << "<busconfig><include>" KOVA_BUS_CONFIG
-                             "</include><policy context='default'>"
-                          << policy << "</policy></busconfig>";
-    daemon_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + config.string(), "--nofork",
-                                 "--nopidfile", "--print-address", "--address=" + address_},
-        folder_ / "bus.log");
-    if (!daemon_->WaitForOutput("guid=")) {
-      throw std::runtime_error("dbus-daemon does not start: " + daemon_->Output());
-    }
+    std::ofstream(folder_ / "bus.conf")
+        << "<busconfig><include>" KOVA_BUS_CONFIG "</include><policy context='default'>" << policy
+        << "</policy></busconfig>";
+    Start();
   }
   TestBus(const TestBus&) = delete;
   TestBus& operator=(const TestBus&) = delete;
@@ -180,7 +173,19 @@ class TestBus {
   const std::string& Address() const { return address_; }
   void Kill() { daemon_.reset(); }
   void Halt() const { daemon_->Halt(); }
+  // Starts it again after Kill(), at the same address.
+  void Start() {
+    daemon_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"dbus-daemon", "--config-file=" + (folder_ / "bus.conf").string(),
+                                 "--nofork", "--nopidfile", "--print-address",
+                                 "--address=" + address_},
+        folder_ / "bus.log");
+    if (!daemon_->WaitForOutput("guid=")) {  // written once it listens
+      throw std::runtime_error("dbus-daemon does not start: " + daemon_->Output());
+    }
+  }
 
+ private:
   std::filesystem::path folder_;
   std::string address_;
   std::unique_ptr<ChildProcess> daemon_;

@@ -80,8 +80,7 @@ BusConnectionImpl::BusConnectionImpl(std::string_view service)
                .on_respond =
                    [this](const auto& connection, auto request, auto type, auto payload) {
                      return requests_.Accept(connection, request, type, payload);
-                   },
-               .before_state = [this] { courier_.Pump(); }}),
+                   }}),
       watches_(names_, courier_) {
   const bool is_service = !service.empty() && !service.starts_with("zeltcli-");
   bus_ = ConnectToBus(address_, is_service);

@@ -121,9 +121,7 @@ void BusObject::TellState(std::uint32_t state) {
 
 int BusObject::GetState(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,
                         void* self, sd_bus_error*) noexcept {
-  auto& object = *static_cast<BusObject*>(self);
-  object.hooks_.before_state();
-  return sd_bus_message_append(reply, "u", object.state_);
+  return sd_bus_message_append(reply, "u", static_cast<BusObject*>(self)->state_);
 }
 
 int BusObject::GetLogLevel(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply,

@@ -26,8 +26,6 @@ class BusObject {
                                                     std::uint64_t request, std::string_view type,
                                                     std::string_view payload)>
         on_respond;
-    // Somebody reads the state: what was set so far is told first.
-    UniqueFunction<void()> before_state;
   };
 
   BusObject(const NameMap& names, LineLimit& lines, Hooks hooks);

@@ -56,7 +56,7 @@ TEST_F(BusConnectionTest, SubscriptionBelievesItsPublisherAndNobodyElse) {
   Settle(*subscriber, "Upgrade");
   other.Publish("say", "P", 1, 'x');
   EXPECT_EQ(inbox_.Next(), "any Battery:x");
-  EXPECT_TRUE(log_.WaitFor("[Battery] is not believed to publish [P]"));
+  EXPECT_TRUE(Logs("[Battery] is not believed to publish [P]"));
   EXPECT_EQ(other.Send("zelt.service.Upgrade", "P", "y"), "true") << "one of the two takes it";
   EXPECT_EQ(inbox_.Next(), "any Battery:y");
   EXPECT_TRUE(log_.Contains("[Battery] may not send [P]"));
@@ -82,7 +82,7 @@ TEST_F(BusConnectionTest, AnswersReachTheRequestTheyBelongToAndStrangersAreRefus
   const auto quick = Get(asker->RequestImpl("Kova", "now", "2", 1h));
   EXPECT_EQ(quick.outcome, Outcome::Answered) << quick.error;
   EXPECT_EQ(quick.type + quick.payload, "A2");
-  EXPECT_TRUE(log_.WaitFor("Response [B] to [zeltcli-1] failed: the asker does not await it"));
+  EXPECT_TRUE(Logs("Response [B] to [zeltcli-1] failed: the asker does not await it"));
   EXPECT_TRUE(log_.Contains("Refused response [B] from [Kova]: request "));
 
   const auto envelope = Get(first.get_future());
@@ -140,7 +140,7 @@ TEST_F(BusConnectionTest, CallbackMaySendToItsOwnProcess) {
   });
   EXPECT_TRUE(service->SendImpl("Kova", "first", "").get());
   EXPECT_EQ(inbox_.Next(), "second Kova:x");
-  EXPECT_TRUE(log_.WaitFor("Send [third] to [Kova] failed: the receiver has no callback for it"));
+  EXPECT_TRUE(Logs("Send [third] to [Kova] failed: the receiver has no callback for it"));
 }
 
 TEST_F(BusConnectionTest, LimitsAreNamedAndWhatFitsPasses) {
@@ -201,8 +201,8 @@ TEST_F(BusConnectionTest, MalformedMessagesGetAnErrorReplyAndFewLines) {
   stranger.Publish("say", "P", 1, 'x');
   EXPECT_EQ(inbox_.Next(), "P Upgrade:x");
   EXPECT_TRUE(log_.Contains("Refused a message from [Upgrade]: a type or topic has 1 to 255"));
-  EXPECT_TRUE(log_.WaitFor(" more such lines were not written"));
-  EXPECT_LE(log_.Texts(kLogWarning).size(), 20U) << "of 54";
+  EXPECT_TRUE(Logs("[refused or dropped messages]: "));
+  EXPECT_TRUE(Logs(" more such lines were not written"));
 }
 
 TEST_F(BusConnectionTest, LatestRegistrationTakesTheMessageUnlessItThrowsOrIsBusy) {

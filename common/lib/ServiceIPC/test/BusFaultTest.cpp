@@ -33,7 +33,7 @@ TEST_F(BusFaultTest, PeerThatIsAbsentOrHangsOrLeavesEndsTheRequest) {
   EXPECT_FALSE(log_.Contains("acknowledged nothing")) << "a request has less time";
   EXPECT_EQ(Get(asker->QueryState("Hung", 1h)).error,
             "the receiver has acknowledged nothing for 5 s");
-  EXPECT_TRUE(log_.Contains("[Hung] has acknowledged nothing for 5 s: 0 messages for it are"));
+  EXPECT_TRUE(Logs("[Hung] has acknowledged nothing for 5 s: 0 messages for it are"));
   EXPECT_FALSE(asker->SendImpl("Hung", "T", "").get());
   EXPECT_FALSE(asker->SendImpl(hung.Name(), "T", "").get()) << "by any name";
   EXPECT_EQ(Get(asker->RequestImpl("Hung", "T", "", 1h)).outcome, Outcome::TimedOut);
@@ -49,7 +49,8 @@ TEST_F(BusFaultTest, PeerThatIsAbsentOrHangsOrLeavesEndsTheRequest) {
     EXPECT_TRUE(peer->SendImpl("Upgrade", "here", "").get());
     auto sender = inbox_.Next();
     sender.pop_back();  // the colon
-    EXPECT_EQ(Get(asker->RequestImpl(sender, "T", "", 100ms)).error, "no answer within 100 ms");
+    EXPECT_EQ(Get(asker->RequestImpl(sender, "T", "", 1s)).outcome, Outcome::TimedOut);
+    EXPECT_TRUE(Logs("Send [T] to [" + sender + "] failed: no answer within 1000 ms"));
     auto left = asker->RequestImpl(sender, "T", "", 1h);
     inbox_.Next();
     inbox_.Next();
@@ -58,7 +59,7 @@ TEST_F(BusFaultTest, PeerThatIsAbsentOrHangsOrLeavesEndsTheRequest) {
   }
 }
 
-TEST(BusLimitTest, HungReceiverByAllItsNamesMutesTheSenderTowardsNobodyElse) {
+TEST(BusLimitTest, HungReceiversByAllTheirNamesMuteTheSenderTowardsNobodyElse) {
   const TestBus bus(
       "</policy><limit name='max_replies_per_connection'>128</limit><policy context='default'>");
   const LogCapture log;
@@ -67,6 +68,11 @@ TEST(BusLimitTest, HungReceiverByAllItsNamesMutesTheSenderTowardsNobodyElse) {
   const auto asker = BusConnection::Open("Upgrade");
   const auto healthy = BusConnection::Open("Kova");
   const auto peer = BusConnection::Open("Hung");
+  std::vector<std::unique_ptr<Stranger>> others;
+  for (char letter = 'A'; letter < 'K'; ++letter) {
+    others.push_back(
+        std::make_unique<Stranger>(std::vector{std::string("zelt.service.") + letter}));
+  }
   const auto back = asker->RegisterCallbackImpl(
       "back", std::nullopt,
       [&](const Envelope& envelope, auto) { inbox.Put(envelope.connection); });
@@ -77,17 +83,25 @@ TEST(BusLimitTest, HungReceiverByAllItsNamesMutesTheSenderTowardsNobodyElse) {
   EXPECT_TRUE(peer->SendImpl("Upgrade", "back", "").get());
   const std::string unique_name = inbox.Next();
   EXPECT_TRUE(asker->SendImpl("Hung", "hang", "").get());
+  const auto send = [&](int count, const std::string& to) {
+    for (; count > 0; --count) {
+      EXPECT_TRUE(asker->SendImpl(to, "T", "late").get());
+    }
+  };
   for (int count = 0; count < 100; ++count) {
-    EXPECT_TRUE(asker->SendImpl("Hung", "T", "late").get());
-    EXPECT_TRUE(asker->SendImpl(unique_name, "T", "late").get());
-    EXPECT_TRUE(asker->SendImpl("Kova", "T", "").get());
+    send(1, "Hung");
+    send(1, unique_name);
   }
+  for (const auto& hung : others) {
+    send(20, hung->Name());
+  }
+  send(100, "Kova");
   EXPECT_EQ(Get(asker->RequestImpl("Kova", "T", "", 0ms)).outcome, Outcome::Delivered);
   EXPECT_EQ(asker->GetCounters().delivered, 101U);
   EXPECT_TRUE(log.WaitFor(
       "[Hung] has acknowledged nothing for 5 s: 185 messages for it are dropped, 16 may still",
       kDeadline));
-  EXPECT_EQ(asker->GetCounters().timed_out, 201U);
+  EXPECT_GE(asker->GetCounters().timed_out, 201U);
   EXPECT_FALSE(asker->SendImpl("Hung", "T", "").get());
   EXPECT_EQ(Get(asker->RequestImpl("Kova", "T", "", 0ms)).outcome, Outcome::Delivered);
 
@@ -108,8 +122,9 @@ TEST_F(BusFaultTest, WhatWaitsForTheFormerOwnerOfANameIsDropped) {
     EXPECT_TRUE(asker->SendImpl("Hung", "T", "old").get());
   }
   auto request = asker->RequestImpl("Hung", "T", "", 1h);
+  Settle(*asker, "Upgrade");  // what goes at once has gone
   Check(sd_bus_release_name(hung.Bus(), "zelt.service.Hung"), "release");
-  EXPECT_TRUE(log_.WaitFor("[Hung] has another owner or none: 5 messages for the former one"));
+  EXPECT_TRUE(Logs("[Hung] has another owner or none: 5 messages for the former one"));
   EXPECT_EQ(Get(std::move(request)).outcome, Outcome::NoSuchService);
   const auto heir = BusConnection::Open("Hung");
   const auto callback = heir->RegisterCallbackImpl("T", std::nullopt, inbox_.Note());
@@ -140,11 +155,11 @@ TEST_F(BusFaultTest, WhatWasAcceptedIsHandedOverAtTheEnd) {
   const auto receiver = BusConnection::Open("Kova");
   const auto callback = receiver->RegisterCallbackImpl("T", std::nullopt, inbox_.Note());
   Settle(*sender, "Upgrade");
-  for (int count = 0; count < 100; ++count) {
+  for (int count = 0; count < 20; ++count) {
     EXPECT_TRUE(sender->SendImpl("Kova", "T", std::to_string(count)).get());
   }
   sender.reset();
-  for (int count = 0; count < 100; ++count) {
+  for (int count = 0; count < 20; ++count) {
     EXPECT_EQ(inbox_.Next(), "Upgrade:" + std::to_string(count));
   }
   EXPECT_NO_THROW(BusConnection::Open("Upgrade")) << "its name is free";
@@ -180,31 +195,30 @@ TEST_F(BusFaultTest, ClosedHandleMeansTheCallbackHasEnded) {
   timer.Close();
 }
 
-TEST_F(BusFaultTest, HandleWhoseCallbackOwnsTheConnectionMayBeClosedAnywhere) {
-  for (const bool from_inside : {false, true}) {
-    auto service = BusConnection::Open("Kova");
-    BusConnection& connection = *service;
-    AsyncCallbackHandle handle;
-    std::promise<void> closed;
-    handle = connection.RegisterCallbackImpl("T", std::nullopt,
-                                             [&, owner = std::move(service)](const auto&, auto) {
-                                               handle.Close();
-                                               closed.set_value();
-                                             });
-    if (from_inside) {
-      connection.SendImpl("Kova", "T", "").get();
-    } else {
-      std::thread([&] {
-        handle.Close();
-        closed.set_value();
-      }).detach();  // which may not come back
-    }
-    ASSERT_EQ(closed.get_future().wait_for(kDeadline), std::future_status::ready) << from_inside;
-    Stranger next;
-    while (sd_bus_request_name(next.Bus(), "zelt.service.Kova", 0) == -EEXIST) {
-      std::this_thread::yield();  // until the connection has gone, on a thread of its own
-    }
-  }
+TEST_F(BusFaultTest, HandleWhoseCallbackOwnsTheConnectionMayBeClosedWhileItIsToBeCalled) {
+  std::latch entered(1);
+  std::latch destroyed(1);
+  auto service = BusConnection::Open("Kova");
+  BusConnection& connection = *service;
+  const auto first = connection.SubscribeImpl("P", "", [&](const auto&, auto) {
+    entered.count_down();
+    destroyed.wait();  // then the second one is due, on this thread
+  });
+  std::shared_ptr<void> last(nullptr, [&, service](void*) { destroyed.count_down(); });
+  const auto second = std::make_shared<AsyncCallbackHandle>(
+      connection.SubscribeImpl("P", "", [last](const auto&, auto) {}));
+  connection.SendImpl("Kova", "P", "").get();
+  entered.wait();
+  last.reset();
+  service.reset();
+  std::promise<void> closed;
+  std::thread([&, second] {  // which may not come back
+    second->Close();
+    closed.set_value();
+  })
+      .detach();
+  ASSERT_EQ(closed.get_future().wait_for(kDeadline), std::future_status::ready);
+  EXPECT_NO_THROW(BusConnection::Open("Kova")) << "it is gone";
 }
 
 TEST_F(BusFaultTest, EveryStateIsToldInItsOrder) {
@@ -253,7 +267,7 @@ TEST_F(BusFaultTest, HungServiceIsAskedForItsStateAgainWhenItReacts) {
   Settle(*watcher, "zeltcli-1");
   const auto watch = watcher->WatchState(
       "Kova", [this](std::uint32_t state) { inbox_.Put(std::to_string(state)); });
-  EXPECT_TRUE(log_.WaitFor("[zelt.service.Kova] does not tell its state", kDeadline));
+  EXPECT_TRUE(Logs("[zelt.service.Kova] does not tell its state"));
   awake.count_down();
   EXPECT_EQ(inbox_.Next(), "5");
 }
@@ -328,18 +342,17 @@ TEST_F(BusFaultTest, OpeningSaysWhatIsWrong) {
   setenv("DBUS_SYSTEM_BUS_ADDRESS", bus_.Address().c_str(), 1);
   EXPECT_EQ(error(""), "no error");
   unsetenv("DBUS_SYSTEM_BUS_ADDRESS");
-  setenv("ZELT_BUS_ADDRESS", bus_.Address().c_str(), 1);
+
+  const auto later = bus_.Folder() / "later";
+  setenv("ZELT_BUS_ADDRESS", ("unix:path=" + later.string()).c_str(), 1);
+  const auto start = Clock::now();
+  EXPECT_THAT(error("Upgrade"), testing::HasSubstr("cannot connect to the bus at unix:path="));
+  EXPECT_GE(Clock::now() - start, 2s) << "a service waits for a bus that is being started";
+  auto waiting = std::async(std::launch::async, error, "Upgrade");
+  std::filesystem::create_symlink(bus_.Folder() / "bus", later);
+  EXPECT_EQ(Get(std::move(waiting)), "no error");
   bus_.Halt();
   EXPECT_THAT(error(""), testing::HasSubstr("accepts connections but does not answer"));
-  bus_.Kill();
-  const auto start = Clock::now();
-  EXPECT_THAT(error("Upgrade"), testing::HasSubstr("cannot connect to the bus at "));
-  EXPECT_GE(Clock::now() - start, 2s) << "a service waits for a bus that is being started";
-  EXPECT_THAT(error("zeltcli-1"), testing::HasSubstr("cannot connect to the bus at "));
-  std::filesystem::remove(bus_.Folder() / "bus");
-  auto late = std::async(std::launch::async, error, "Upgrade");
-  bus_.Start();
-  EXPECT_EQ(Get(std::move(late)), "no error");
 }
 
 TEST(BusPolicyTest, WhatItForbidsIsNotPermitted) {

@@ -12,6 +12,7 @@
 #include <deque>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace zelt::test {
 
@@ -40,11 +41,14 @@ class Inbox {
     texts_.push_back(std::move(text));
     changed_.notify_all();
   }
+  // Waits once in vain, not each time.
   std::string Next() {
     std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, kDeadline, [this] { return !texts_.empty(); })) {
+    const auto patience = std::exchange(patience_, 0s);
+    if (!changed_.wait_for(lock, patience, [this] { return !texts_.empty(); })) {
       return "nothing came";
     }
+    patience_ = patience;
     auto text = std::move(texts_.front());
     texts_.pop_front();
     return text;
@@ -59,6 +63,7 @@ class Inbox {
   std::mutex mutex_;
   std::condition_variable changed_;
   std::deque<std::string> texts_;
+  std::chrono::seconds patience_ = kDeadline;
 };
 
 // A peer that is none of ours and speaks D-Bus by hand. It answers nothing by itself: as long as
@@ -142,6 +147,9 @@ class BusTest : public testing::Test {
   static void Settle(BusConnection& connection, std::string_view name) {
     Get(connection.QueryState(name, kDeadline));
   }
+
+  // True once some line of the log has `part`.
+  bool Logs(std::string_view part) const { return log_.WaitFor(part, kDeadline); }
 
   TestBus bus_;
   LogCapture log_;

@@ -70,22 +70,21 @@ TEST_F(OutboxTest, OrderIsThatOfPuttingAndOnlyABroadcastPassesWhatHasToWait) {
 
 TEST_F(OutboxTest, WhoeverDoesNotAnswerLeavesRoomForEverybodyElse) {
   const auto calls = [&](const std::string& connection, bool has_name) {
-    for (std::size_t i = 0; i < kMaxCalls; ++i) {
+    for (int i = 0; i < 100; ++i) {
       Put(connection, "T", 0, has_name);
     }
     return TakeAll().size();
   };
-  EXPECT_EQ(calls(":nameless", false), kMaxCallsOfNameless);
+  EXPECT_EQ(calls(":nameless", false), 2U);
   EXPECT_EQ(Put(":nameless"), "go") << "now it has a name";
-  EXPECT_EQ(TakeAll().size(), kMaxCallsOfOne - kMaxCallsOfNameless);
-  std::size_t all = kMaxCallsOfOne;
-  for (; all < kMaxCalls - kScarceCalls; all += kMaxCallsOfOne) {
-    EXPECT_EQ(calls(":" + std::to_string(all), true), kMaxCallsOfOne);
+  EXPECT_EQ(TakeAll().size(), 14U);
+  for (const auto* hung : {":1", ":2", ":3"}) {
+    EXPECT_EQ(calls(hung, true), 16U);
   }
-  for (; all < kMaxCalls; ++all) {
-    EXPECT_EQ(calls(":" + std::to_string(all), true), 1U) << "scarce";
+  for (int scarce = 0; scarce < 32; ++scarce) {
+    EXPECT_EQ(calls(":s" + std::to_string(scarce), true), 1U);
   }
-  EXPECT_EQ(calls(":last", true), 0U);
+  EXPECT_EQ(calls(":last", true), 0U) << "96 are on their way";
   Answer(":nameless");
   EXPECT_THAT(TakeAll(), testing::ElementsAre(":last T"));
 }

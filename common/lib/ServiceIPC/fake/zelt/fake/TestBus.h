@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,11 +75,18 @@ class ChildProcess {
     waitpid(pid_, &status, WUNTRACED);  // until then, its threads may still do something
   }
 
-  // Waits for its end: the exit status, or 128 + signal.
+  // Waits for its end: the exit status, or 128 + signal. One that does not end is killed: -1.
   int Wait() {
     int status = 0;
+    pollfd end{static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)), POLLIN, 0};
+    const bool hangs = !status_ && end.fd >= 0 && poll(&end, 1, kDeadlineMilliseconds) == 0;
+    close(end.fd);
+    if (hangs) {
+      Signal(SIGKILL);
+    }
     if (!status_ && waitpid(pid_, &status, 0) == pid_) {
-      status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+      const int exit = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+      status_ = hangs ? -1 : exit;
     }
     return status_.value_or(-1);
   }
@@ -119,11 +127,13 @@ class ChildProcess {
   void Mark() { mark_ = Output().size(); }
 
  private:
+  static constexpr int kDeadlineMilliseconds = 60'000;
+
   // Looks whenever the output has grown.
   template <class Condition>
   bool Comes(Condition condition) const {
     using std::chrono::milliseconds;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto deadline = std::chrono::steady_clock::now() + milliseconds(kDeadlineMilliseconds);
     pollfd change{inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0};
     inotify_add_watch(change.fd, output_.c_str(), IN_MODIFY);
     bool come = false;
@@ -160,7 +170,14 @@ class TestBus {
     std::ofstream(folder_ / "bus.conf")
         << "<busconfig><include>" KOVA_BUS_CONFIG "</include><policy context='default'>" << policy
         << "</policy></busconfig>";
-    Start();
+    daemon_ = std::make_unique<ChildProcess>(
+        std::vector<std::string>{"dbus-daemon", "--config-file=" + (folder_ / "bus.conf").string(),
+                                 "--nofork", "--nopidfile", "--print-address",
+                                 "--address=" + address_},
+        folder_ / "bus.log");
+    if (!daemon_->WaitForOutput("guid=")) {  // written once it listens
+      throw std::runtime_error("dbus-daemon does not start: " + daemon_->Output());
+    }
   }
   TestBus(const TestBus&) = delete;
   TestBus& operator=(const TestBus&) = delete;
@@ -173,17 +190,6 @@ class TestBus {
   const std::string& Address() const { return address_; }
   void Kill() { daemon_.reset(); }
   void Halt() const { daemon_->Halt(); }
-  // Starts it again after Kill(), at the same address.
-  void Start() {
-    daemon_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + (folder_ / "bus.conf").string(),
-                                 "--nofork", "--nopidfile", "--print-address",
-                                 "--address=" + address_},
-        folder_ / "bus.log");
-    if (!daemon_->WaitForOutput("guid=")) {  // written once it listens
-      throw std::runtime_error("dbus-daemon does not start: " + daemon_->Output());
-    }
-  }
 
  private:
   std::filesystem::path folder_;

@@ -89,7 +89,7 @@ stack_start() {
 
   stack_spawn bus dbus-daemon --config-file=packaging/zelt-bus.conf \
     --address="$ZELT_BUS_ADDRESS" --nofork --nopidfile
-  stack_wait 10 'the bus' test -S "$STACK_SOCKETS/bus"
+  stack_wait 10 'the bus' "$BIN/zeltcli" services  # its socket is there before it listens
   stack_spawn config env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/zelt-config"
   config_pid=$stack_pid
   stack_radio

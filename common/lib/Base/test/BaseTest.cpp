@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <future>
 #include <memory>
 #include <thread>
 #include <utility>
@@ -62,6 +64,29 @@ TEST(RevocableCallback, RevokedFromInsideReturnsAtOnceAndReleasesItsCaptures) {
   EXPECT_FALSE(callback());
   EXPECT_EQ(*token, 1);
   EXPECT_EQ(token.use_count(), 1);
+}
+
+TEST(RevocableCallback, CapturesThatGoMayRevokeItAgain) {
+  for (const bool from_inside : {false, true}) {
+    auto* const self = new RevocableCallback<>*;  // which a thread that hangs still needs
+    std::shared_ptr<void> last(nullptr, [self](void*) { (*self)->Revoke(); });
+    *self = new RevocableCallback<>([self, from_inside, last = std::move(last)] {
+      if (from_inside) {
+        (*self)->Revoke();
+      }
+    });
+    auto* const done = new std::promise<void>;
+    std::thread([self, done] {
+      (**self)();
+      (*self)->Revoke();
+      done->set_value();
+    }).detach();
+    ASSERT_EQ(done->get_future().wait_for(std::chrono::seconds(60)), std::future_status::ready)
+        << from_inside;
+    delete *self;
+    delete self;
+    delete done;
+  }
 }
 
 }  // namespace

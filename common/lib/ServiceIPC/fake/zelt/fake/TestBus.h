@@ -75,11 +75,18 @@ class ChildProcess {
     waitpid(pid_, &status, WUNTRACED);  // until then, its threads may still do something
   }
 
-  // Waits for its end: the exit status, or 128 + signal.
+  // Waits for its end: the exit status, or 128 + signal. One that does not end is killed: -1.
   int Wait() {
     int status = 0;
+    pollfd end{static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)), POLLIN, 0};
+    const bool hangs = !status_ && end.fd >= 0 && poll(&end, 1, kDeadlineMilliseconds) == 0;
+    close(end.fd);
+    if (hangs) {
+      Signal(SIGKILL);
+    }
     if (!status_ && waitpid(pid_, &status, 0) == pid_) {
-      status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+      const int exit = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+      status_ = hangs ? -1 : exit;
     }
     return status_.value_or(-1);
   }
@@ -121,11 +128,13 @@ class ChildProcess {
   void Mark() { mark_ = Output().size(); }
 
  private:
+  static constexpr int kDeadlineMilliseconds = 60'000;
+
   // Looks whenever the output has grown, and for the last time when the process has ended.
   template <class Condition>
   bool Comes(Condition condition) const {
     using std::chrono::milliseconds;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+    const auto deadline = std::chrono::steady_clock::now() + milliseconds(kDeadlineMilliseconds);
     pollfd changes[] = {
         {inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0},
         {static_cast<int>(syscall(SYS_pidfd_open, status_ ? -1 : pid_, 0)), POLLIN, 0}};
@@ -164,15 +173,15 @@ class TestBus {
     folder_ = path;
     address_ = "unix:path=" + path + "/bus";
     setenv("ZELT_BUS_ADDRESS", address_.c_str(), 1);
-    const auto config = folder_ / "bus.conf";
-    std::ofstream(config) << "<busconfig><include>" KOVA_BUS_CONFIG
-                             "</include><policy context='default'>"
-                          << policy << "</policy></busconfig>";
+    std::ofstream(folder_ / "bus.conf")
+        << "<busconfig><include>" KOVA_BUS_CONFIG "</include><policy context='default'>" << policy
+        << "</policy></busconfig>";
     daemon_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + config.string(), "--nofork",
-                                 "--nopidfile", "--print-address", "--address=" + address_},
+        std::vector<std::string>{"dbus-daemon", "--config-file=" + (folder_ / "bus.conf").string(),
+                                 "--nofork", "--nopidfile", "--print-address",
+                                 "--address=" + address_},
         folder_ / "bus.log");
-    if (!daemon_->WaitForOutput("guid=")) {
+    if (!daemon_->WaitForOutput("guid=")) {  // written once it listens
       throw std::runtime_error("dbus-daemon does not start: " + daemon_->Output());
     }
   }
@@ -188,6 +197,7 @@ class TestBus {
   void Kill() { daemon_.reset(); }
   void Halt() const { daemon_->Halt(); }
 
+ private:
   std::filesystem::path folder_;
   std::string address_;
   std::unique_ptr<ChildProcess> daemon_;

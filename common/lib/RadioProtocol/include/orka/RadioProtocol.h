@@ -76,6 +76,9 @@ class RadioProtocol {
  public:
   using NotificationCallback = std::function<void(NotifyMessage, RadioNotificationData)>;
 
+  // What one message takes of GetSendRoom() beside the bytes of its body.
+  static constexpr std::size_t kSendOverhead = 64;
+
   // `version` and `productId` are told to the radio at each handshake. Starts no thread and opens
   // nothing. `model` may be empty in tests.
   RadioProtocol(std::shared_ptr<zelt::ServiceModel> model, const std::string& version,

@@ -1,6 +1,7 @@
 #include "zelt/ServiceRunner.h"
 
 #include "ServiceModelImpl.h"
+#include "zelt/FreeMemory.h"
 #include "zelt/LogClient.h"
 #include "zelt/RunGuarded.h"
 
@@ -286,6 +287,7 @@ void Runner::GiveUp() {
 int ServiceRunner::RunService(const Factory& factory, std::string_view name,
                               gsl::span<const std::string_view> dependencies,
                               gsl::span<const std::string_view> shutdownDependencies) {
+  KeepLittleFreeMemory();
   std::string identifier(name);
   std::ranges::transform(identifier, identifier.begin(),
                          [](unsigned char c) { return static_cast<char>(std::tolower(c)); });

@@ -1,6 +1,6 @@
 #include "ConfigFile.h"
 
-#include "zelt/ReadFile.h"
+#include "zelt/RegularFile.h"
 
 #include <toml++/toml.h>
 

@@ -1,7 +1,7 @@
 #include "FaultPlan.h"
 
 #include "orka/codec/MessageTable.h"
-#include "zelt/ReadFile.h"
+#include "zelt/RegularFile.h"
 
 #include <toml++/toml.h>
 

@@ -1,6 +1,6 @@
 #include "KeyValueFile.h"
 
-#include "zelt/ReadFile.h"
+#include "zelt/RegularFile.h"
 
 #include <sstream>
 

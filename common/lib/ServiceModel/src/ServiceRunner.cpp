@@ -2,6 +2,7 @@
 
 #include "ProcessSetup.h"
 #include "ServiceModelImpl.h"
+#include "zelt/FreeMemory.h"
 #include "zelt/LogClient.h"
 #include "zelt/RunGuarded.h"
 #include "zelt/StartThread.h"
@@ -353,6 +354,7 @@ int ServiceRunner::RunService(const Factory& factory, std::string_view name,
                               gsl::span<const std::string_view> dependencies,
                               gsl::span<const std::string_view> shutdownDependencies) {
   SetUpProcess();
+  KeepLittleFreeMemory();
   std::string identifier(name);
   std::ranges::transform(identifier, identifier.begin(),
                          [](unsigned char c) { return static_cast<char>(std::tolower(c)); });

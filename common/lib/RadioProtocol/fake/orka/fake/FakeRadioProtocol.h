@@ -14,9 +14,8 @@
 
 namespace orka::fake {
 
-// What the code under test did to the radio protocol, one record a call, in order. Not recorded are
-// the queries (GetMaxTransferDataSize, GetDeviceDescriptors, IsRadioConnected, GetSendRoom) and
-// whether receiving is held.
+// What the code under test did to the radio protocol, one record a call, in order. The queries
+// (GetMaxTransferDataSize, GetDeviceDescriptors, IsRadioConnected, GetSendRoom) are not recorded.
 struct StartSocketCall {
   SocketSettings settings;
   std::uint32_t link_address = 0;
@@ -50,9 +49,11 @@ struct InjectCall {
   std::vector<std::uint8_t> message;
   pel::BaseMessage header;
 };
+struct HoldCall {};
+struct ContinueCall {};
 using Call = std::variant<StartSocketCall, StartUartCall, StopCall, SendCall, TransferCall,
                           SetIdentifyAsCameraCall, SetUseTetheredConnectionCall,
-                          MakeFileHandleResponseCall, InjectCall>;
+                          MakeFileHandleResponseCall, InjectCall, HoldCall, ContinueCall>;
 
 // What the substitute answers. Changes hold from the next call on.
 struct Answers {
@@ -62,8 +63,8 @@ struct Answers {
   std::uint16_t max_transfer_data_size = 4096;
   qrx::DeviceDescriptors device_descriptors;
   bool radio_connected = false;
+  std::size_t send_room = std::numeric_limits<std::size_t>::max();
   std::pair<bool, std::vector<std::uint8_t>> inject{false, {}};
-  std::size_t send_room = std::numeric_limits<std::size_t>::max();  // GetSendRoom
 };
 
 // A radio protocol without a radio: no thread, no socket. Any thread may call any operation.
@@ -81,12 +82,6 @@ class FakeRadioProtocol : public RadioProtocol {
   void SetAnswers(Answers answers) {
     const std::lock_guard lock(mutex_);
     answers_ = std::move(answers);
-  }
-
-  // True between HoldReceiving and ContinueReceiving. Events are delivered all the same.
-  bool IsHeld() const {
-    const std::lock_guard lock(mutex_);
-    return held_;
   }
 
   // Returns the calls so far and forgets them.
@@ -129,8 +124,8 @@ class FakeRadioProtocol : public RadioProtocol {
   }
   qrx::DeviceDescriptors GetDeviceDescriptors() override { return Current().device_descriptors; }
   bool IsRadioConnected() override { return Current().radio_connected; }
-  void HoldReceiving() override { SetHeld(true); }
-  void ContinueReceiving() override { SetHeld(false); }
+  void HoldReceiving() override { Record(HoldCall{}); }
+  void ContinueReceiving() override { Record(ContinueCall{}); }
   std::size_t GetSendRoom() override { return Current().send_room; }
 
  protected:
@@ -149,15 +144,10 @@ class FakeRadioProtocol : public RadioProtocol {
     const std::lock_guard lock(mutex_);
     return answers_;
   }
-  void SetHeld(bool held) {
-    const std::lock_guard lock(mutex_);
-    held_ = held;
-  }
 
   mutable std::mutex mutex_;
   Answers answers_;          // guarded by mutex_
   std::vector<Call> calls_;  // guarded by mutex_
-  bool held_ = false;        // guarded by mutex_
 };
 
 }  // namespace orka::fake

@@ -63,6 +63,7 @@ class ExitGuard {
     if (!changed_.wait_for(lock, kExitTime, [this] { return is_over_; })) {
       ZELT_LOG_AS("RunService", kLogError, kModelLogCategory)
           << name_ << " does not come to its end, ending at once";
+      FlushLog();
       std::_Exit(1);
     }
   }
@@ -345,6 +346,7 @@ void Runner::WaitForShutdownDependencies() {
 void Runner::GiveUp() {
   model_->SetMyServiceState(State::Failed);
   connection_->Flush();
+  FlushLog();
   std::_Exit(1);
 }
 

@@ -56,7 +56,9 @@ bool RunNetworkGadgetScript() {
     const char* const reason = strerrordesc_np(errno);  // strerror() may take a lock
     for (const char* const part :
          {"Failed to execute ", kNetworkGadgetScript, ": ", reason, "\n"}) {
-      static_cast<void>(write(STDERR_FILENO, part, std::strlen(part)));
+      if (write(STDERR_FILENO, part, std::strlen(part)) < 0) {
+        break;
+      }
     }
     _Exit(1);
   });

@@ -49,7 +49,7 @@ stack_stop() {
 
 stack_radio() {
   local where=(--listen "127.0.0.1:${RADIO_PORT:-0}" --port-file "$STACK/port")
-  [ "$stack_link" = tcp ] || where=(--pty "$STACK/radio-tty")
+  [ "$stack_link" = tcp ] || where=(--pty "$ZELT_ROOT/dev/ttyS2")
   rm -f "$STACK/port"
   stack_spawn radiosim "$BIN/radiosim" "${where[@]}" --control "$RADIO_CONTROL" \
     --store "$STACK/radio-files"
@@ -58,14 +58,12 @@ stack_radio() {
     stack_wait 10 'the radio to listen' test -s "$STACK/port"
     RADIO_PORT=$(cat "$STACK/port")
   else
-    stack_wait 10 'the radio to open its serial line' test -e "$STACK/radio-tty"
+    stack_wait 10 'the radio to open its serial line' test -e "$ZELT_ROOT/dev/ttyS2"
   fi
 }
 
 stack_kova() {
-  local command=(env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/kova")
-  [ "$stack_link" = tcp ] || command=(scripts/with-serial "$STACK/radio-tty" "${command[@]}")
-  stack_spawn kova "${command[@]}"
+  stack_spawn kova env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/kova"
   kova_pid=$stack_pid
   stack_wait 15 'Kova to be ready' stack_ready
 }
@@ -77,7 +75,7 @@ stack_start() {
   BIN=$2
   stack_link=${3:-tcp}
   rm -rf "$STACK"
-  mkdir -p "$STACK/root/etc/zelt" "$STACK/root/var/lib/zelt" "$STACK/root/dev/shm"
+  mkdir -p "$STACK/root/etc/zelt" "$STACK/root/var/lib/zelt"
   # Sockets have short paths only, so they do not go below the checkout.
   STACK_SOCKETS=$(mktemp -d "${TMPDIR:-/tmp}/kova.XXXXXX")
   cp service/config/config.toml "$STACK/root/etc/zelt/config.toml"
@@ -91,7 +89,7 @@ stack_start() {
 
   stack_spawn bus dbus-daemon --config-file=packaging/zelt-bus.conf \
     --address="$ZELT_BUS_ADDRESS" --nofork --nopidfile
-  stack_wait 10 'the bus' test -S "$STACK_SOCKETS/bus"
+  stack_wait 10 'the bus' "$BIN/zeltcli" services  # its socket is there before it listens
   stack_spawn config env ZELT_LOG_LEVEL="${ZELT_LOG_LEVEL:-7}" "$BIN/zelt-config"
   config_pid=$stack_pid
   stack_radio

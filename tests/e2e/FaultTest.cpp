@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
 #include <ostream>
 #include <string>
@@ -123,10 +124,9 @@ TEST(Link, NobodyListensIsAFailedHandshakeAndAStoppedRadioIsALostLink) {
 TEST(Link, SerialLineCarriesAnImageAndHealsFromDamage) {
   Stack stack;
   stack.StartConfig();
-  const auto tty = stack.Folder() / "tty";
-  stack.StartRadio(
-      {"--pty", tty.string(), "--fault", "corrupt message=HardwareIdResponse count=1"});
-  stack.StartKovaOnSerial(tty);
+  stack.StartRadio({"--pty", (stack.Root() / "dev/ttyS2").string(), "--fault",
+                    "corrupt message=HardwareIdResponse count=1"});
+  stack.StartKova();
   ASSERT_EQ(stack.Tool({"link", "up"}).status, 0) << stack.kova->Output();
   EXPECT_TRUE(stack.kova->Output().contains("Attempting to start radio via UART"));
   EXPECT_EQ(stack.Tool({"hardware-id", "--timeout", "1"}).status, 7);
@@ -145,8 +145,22 @@ TEST(Peers, HungServiceHoldsNobodyElseUp) {
   hung->WaitForLine("listening");
   hung->Halt();
   stack.Radio({"notify", "EmergencyBroadcast", R"({"state":"RAISED"})"});
+  EXPECT_EQ(stack.Tool({"version"}).status, 0);
+  stack.kova->WaitForLine("[Collaboration] has acknowledged nothing for 5 s");
+  stack.Radio({"notify", "EmergencyBroadcast", R"({"state":"RAISED"})"});
   stack.kova->WaitForLine("Failed to send");
   EXPECT_EQ(stack.Tool({"version"}).status, 0);
+
+  const auto another = stack.Run("zeltcli", {"listen", "--as", "Battery"});
+  another->WaitForLine("listening");
+  another->Halt();
+  stack.Radio({"notify", "BatteryLevelBroadcast", R"({"percent":51})"});
+  stack.kova->WaitForLine("Handle BatteryLevel");
+  const auto start = std::chrono::steady_clock::now();
+  stack.kova->Signal(SIGTERM);
+  EXPECT_EQ(stack.kova->Wait(), 0);
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(4))
+      << "half a second for the hung one";
 }
 
 TEST(Peers, HungKovaIsATimeOutThatScriptsCanRead) {

@@ -36,6 +36,8 @@ constexpr ToRadio kToRadio[] = {
 TEST(Relay, MessagesReachTheRadio) {
   Stack stack;
   stack.StartAll();
+  stack.Radio({"notify", "FileHandleOpenRequest", R"({"file_name":"a","handle_id":9})"});
+  stack.kova->WaitForLine("Publishing [Kova.FileHandleOpenRequest]");
   for (const ToRadio& row : kToRadio) {
     SCOPED_TRACE(row.type);
     stack.radio->Mark();

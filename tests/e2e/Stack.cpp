@@ -30,7 +30,7 @@ std::string ReadFile(const std::filesystem::path& path) {
 }
 
 Stack::Stack() {
-  for (const char* directory : {"etc/zelt", "var/lib/zelt", "dev/shm"}) {
+  for (const char* directory : {"etc/zelt", "var/lib/zelt"}) {
     std::filesystem::create_directories(Root() / directory);
   }
   WriteFile(Root() / "etc/zelt/version", "VERSION=1.2.3\nBUILD_NUMBER=45\n");
@@ -65,13 +65,6 @@ void Stack::StartRadio(const std::vector<std::string>& options) {
 void Stack::StartKova() {
   kova.reset();
   kova = Run("kova", {});
-  kova->WaitForLine("Kova service running..........");
-}
-
-void Stack::StartKovaOnSerial(const std::filesystem::path& pty) {
-  kova.reset();
-  kova = Run(std::string(KOVA_SOURCE_DIR) + "/scripts/with-serial",
-             {pty.string(), std::string(KOVA_BIN_DIR) + "/kova"});
   kova->WaitForLine("Kova service running..........");
 }
 

@@ -27,8 +27,6 @@ class Stack {
   // `options` are those of radiosim, e.g. {"--faults", file}.
   void StartRadio(const std::vector<std::string>& options = {});
   void StartKova();
-  // With the radio's pseudo-terminal (--pty) as /dev/ttyS2; needs the right to make namespaces.
-  void StartKovaOnSerial(const std::filesystem::path& pty);
   // All of them, each ready, and the link up.
   void StartAll(const std::vector<std::string>& radio_options = {});
   // Tells Kova the radio's address, starts the link and waits until it is up.

@@ -1,28 +1,28 @@
 #include "ConfigFile.h"
 
-#include "zelt/FileSize.h"
+#include "zelt/RegularFile.h"
 
 #include <toml++/toml.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
-#include <fstream>
 #include <iterator>
 #include <map>
 #include <optional>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string_view>
 #include <utility>
 
 namespace zelt {
 namespace {
 
-constexpr std::uint64_t kMaxFileSize = std::uint64_t{1024} * 1024;
+constexpr std::size_t kMaxTold = 20;
+constexpr std::size_t kMaxQuoted = 80;  // bytes
 constexpr std::array<std::string_view, 3> kTetheredModes = {"automatic", "never", "always"};
 
 template <std::size_t Size>
@@ -33,6 +33,14 @@ std::string_view TextOf(const std::array<char, Size>& field) {
 bool HasControl(std::string_view text) {
   return std::ranges::any_of(
       text, [](char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; });
+}
+
+// What a problem shows of a text from the file: without what would disturb a terminal, and no more
+// than one can read.
+std::string Quoted(std::string_view text) {
+  std::string shown(text.substr(0, kMaxQuoted));
+  std::ranges::replace_if(shown, [](char c) { return HasControl({&c, 1}); }, '?');
+  return text.size() > kMaxQuoted ? shown + "..." : shown;
 }
 
 // Turns one parsed file into a record, and takes note of everything that is wrong on the way.
@@ -78,8 +86,13 @@ class Checker {
   }
 
   ParsedConfig Finish() {
-    ParsedConfig result{.record = record_, .problems = {}};
+    ParsedConfig result{.record = record_, .problems = {}, .problem_count = problems_.size()};
     for (const auto& [line, text] : problems_) {
+      if (result.problems.size() == kMaxTold) {
+        result.problems.push_back(path_ + ": " + std::to_string(problems_.size() - kMaxTold) +
+                                  " more problems");
+        break;
+      }
       result.problems.push_back(path_ + ":" + (line == 0 ? "" : std::to_string(line) + ":") + " " +
                                 text);
     }
@@ -88,18 +101,15 @@ class Checker {
 
  private:
   void Unknown(const toml::key& key, const char* known) {
-    Problem(key.source().begin.line,
-            std::string(key.str()) + ": unknown key, expected one of " + known);
+    Problem(key.source().begin.line, Quoted(key.str()) + ": unknown key, expected one of " + known);
   }
 
   void Expected(std::string_view key, const toml::node& node, std::string_view what) {
     std::ostringstream text;
     text << key << ": expected " << what << ", found ";
     const auto value = node.value_exact<std::string>();
-    if (value && HasControl(*value)) {
-      text << "some";
-    } else if (value) {
-      text << '"' << *value << '"';
+    if (value) {
+      text << '"' << Quoted(*value) << '"';
     } else {
       text << node.type();
     }
@@ -193,27 +203,13 @@ class Checker {
 
 ParsedConfig ReadConfigFile(const std::string& path) {
   Checker checker(path);
-  const auto unreadable = [&checker](const std::string& reason) {
-    checker.Problem(0, "cannot be read: " + reason);
-    return checker.Finish();
-  };
-  errno = 0;
-  const auto size = GetFileSize(path);  // first: to open a FIFO would wait for its writer
-  if (!size) {
-    return unreadable(errno == 0 ? "not a regular file" : std::strerror(errno));
-  }
-  if (*size > kMaxFileSize) {
-    return unreadable("larger than 1 MiB");
-  }
-  std::ifstream file(path);
-  if (!file) {
-    return unreadable(std::strerror(errno));
-  }
   try {
-    return checker.Check(toml::parse(file, path));
+    return checker.Check(toml::parse(ReadTomlFile(path), path));
   } catch (const toml::parse_error& error) {
     checker.Problem(error.source().begin.line, std::string(error.description()));
     return checker.Finish();
+  } catch (const std::runtime_error& error) {
+    return {.record = {}, .problems = {error.what()}, .problem_count = 1};
   }
 }
 

@@ -64,7 +64,7 @@ void ConfigService::Reload() const {
   }
   if (!parsed.problems.empty()) {
     ZELT_LOG(kLogError, kCategory) << "The configuration that is in force stays, because of "
-                                   << parsed.problems.size() << " problem(s) in " << file_;
+                                   << parsed.problem_count << " problem(s) in " << file_;
     return;
   }
   try {

@@ -36,7 +36,7 @@ int Run(const std::string& path) {
   }
   if (!parsed.problems.empty()) {
     ZELT_LOG(zelt::kLogError, kCategory)
-        << "Cannot start with " << parsed.problems.size() << " problem(s) in " << path;
+        << "Cannot start with " << parsed.problem_count << " problem(s) in " << path;
     return EXIT_FAILURE;
   }
   return zelt::ServiceRunner::RunService(
@@ -54,7 +54,10 @@ int main(int argc, char** argv) {
   std::string path = zelt::ConfigFile();
   std::string check;
   app.add_option("--file", path, "The configuration file")->capture_default_str();
-  app.add_option("--check", check, "Check FILE and exit: 0 when nothing is wrong with it")
+  app.add_option(
+         "--check", check,
+         "Check FILE (at most 1 MiB) and exit: 0 when nothing is wrong with it, else the first "
+         "20 problems are told")
       ->type_name("FILE");
   CLI11_PARSE(app, argc, argv);
   return app.count("--check") == 0 ? Run(path) : Check(check);

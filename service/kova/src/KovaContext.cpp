@@ -9,7 +9,9 @@
 
 #include "zelt.pb.h"
 
+#include <algorithm>
 #include <cstring>
+#include <limits>
 #include <stdexcept>
 
 namespace zelt {
@@ -18,6 +20,15 @@ namespace {
 constexpr std::string_view kSerialDevice = "/dev/ttyS2";
 constexpr std::uint32_t kLinkAddress = 0;
 constexpr std::uint32_t kHandshakeTimeoutSeconds = 30;
+
+// How much of the radio may wait: above the first it is held back, below the second it goes on. A
+// message that was decoded takes up to thirty times these bytes.
+constexpr std::size_t kHoldReceivingAbove = std::size_t{1} << 20U;
+constexpr std::size_t kContinueReceivingBelow = kHoldReceivingAbove / 2;
+
+// No frame has a longer body: the link refuses what is longer.
+constexpr std::size_t kLongestBody =
+    std::numeric_limits<decltype(orka::pel::BaseMessage::length)>::max();
 
 orka::UartSettings SerialPortSettings() {
   return {.device = std::string(kSerialDevice),
@@ -49,7 +60,9 @@ KovaContext::KovaContext(std::shared_ptr<ServiceModel> model,
       service_ipc(service_model->GetServiceIPC()),
       config_reader(std::move(configReader)) {}
 
-KovaContext::~KovaContext() = default;
+KovaContext::~KovaContext() {
+  registration_handles.clear();  // before the radio, which their callbacks ask for room
+}
 
 void KovaContext::Init(std::unique_ptr<orka::RadioProtocol> radio,
                        std::unique_ptr<TargetAttributesIF> target) {
@@ -65,6 +78,10 @@ void KovaContext::Init(std::unique_ptr<orka::RadioProtocol> radio,
 }
 
 void KovaContext::Deinit() {
+  {
+    const std::lock_guard lock(link_mutex);
+    link_is_over = true;
+  }
   StopRadioProtocol();
 }
 
@@ -148,6 +165,17 @@ void KovaContext::SendGenericResponse(const MessageEnvelope& envelope, bool succ
   SendIpcResponse(envelope, response);
 }
 
+PromisedRoom KovaContext::PromiseRoom(std::size_t bytes) {
+  // Counted before the link is asked: what is handed over meanwhile may count twice, but never not
+  // at all.
+  PromisedRoom room(promised_to_radio,
+                    std::min(bytes, kLongestBody) + orka::RadioProtocol::kSendOverhead);
+  if (promised_to_radio > radio_protocol->GetSendRoom()) {
+    throw Busy("the link to the radio has no room");
+  }
+  return room;
+}
+
 AsyncCallbackHandle KovaContext::StartTimer(std::string_view name,
                                             UniqueFunction<void()> on_expiry) {
   struct Expiry {  // touched by the service thread only
@@ -158,7 +186,7 @@ AsyncCallbackHandle KovaContext::StartTimer(std::string_view name,
   auto timer = service_model->AddTimer(
       name,
       [this, expiry] {
-        task_queue.Push([expiry] {
+        task_queue.PushAlways([expiry] {
           if (!expiry->withdrawn) {
             expiry->handler();
           }
@@ -183,10 +211,14 @@ void KovaContext::HandleRtConnectionAction(const Kova::RtConnectionAction& messa
 
 void KovaContext::StartRadioProtocol() {
   KOVA_LOG(kLogInfo) << "Start RadioProtocol";
-  const RtConnectionState state = connection_state;
-  if (state != RtConnectionState::Disconnected) {
+  const std::lock_guard lock(link_mutex);
+  if (connection_state != RtConnectionState::Disconnected) {
     KOVA_LOG(kLogError) << "Radio protocol current connection status "
-                        << RtConnectionStateText(state);
+                        << RtConnectionStateText(connection_state);
+    return;
+  }
+  if (link_is_over) {
+    KOVA_LOG(kLogInfo) << "Radio protocol is not started, the service is shutting down";
     return;
   }
   RegisterRadioProtocolCallback();
@@ -221,7 +253,9 @@ void KovaContext::RegisterRadioProtocolCallback() {
 
 void KovaContext::StopRadioProtocol() {
   KOVA_LOG(kLogInfo) << "Stop RadioProtocol";
+  const std::lock_guard lock(link_mutex);
   radio_protocol->Stop();
+  ++link_session;  // nothing comes of the old one any more
   SetConnectionState(__func__, RtConnectionState::Disconnected);
 }
 
@@ -245,9 +279,9 @@ void KovaContext::PublishKovaConnectionStatus(RtConnectionState state) {
 }
 
 void KovaContext::RtConnectionStatusSubscribeHandler(std::string_view subscriber) {
-  const RtConnectionState state = connection_state;
-  KOVA_LOG(kLogInfo) << "RtConnection status: " << RtConnectionStateText(state);
-  SendMessage(StatusMessage(state), subscriber);
+  const std::lock_guard lock(link_mutex);  // no newer status is published before this one is sent
+  KOVA_LOG(kLogInfo) << "RtConnection status: " << RtConnectionStateText(connection_state);
+  SendMessage(StatusMessage(connection_state), subscriber);
 }
 
 void KovaContext::RadioConnectionSubscribeHandler(std::string_view subscriber) {
@@ -281,7 +315,24 @@ void KovaContext::HandleRtUpgradeInProcess() {
 void KovaContext::HandleIgFailed() {
   KOVA_LOG(kLogError) << "Fatal error - IG failed";
   UpdateConnectionStatus(RtConnectionState::IgFailed);
-  task_queue.Push([this] { UpdateConnectionStatus(RtConnectionState::Connected); });
+  task_queue.PushAlways(
+      LinkEvent([this] { UpdateConnectionStatus(RtConnectionState::Connected); }));
+}
+
+void KovaContext::HoldReceivingWhenBehind() {
+  const std::lock_guard lock(receiving_mutex);
+  if (task_queue.Waiting(kRadioSource).bytes > kHoldReceivingAbove) {
+    radio_protocol->HoldReceiving();  // again and again, since a new link is not held
+    receiving_held = true;
+  }
+}
+
+void KovaContext::ContinueReceivingWhenCaughtUp() {
+  const std::lock_guard lock(receiving_mutex);
+  if (receiving_held && task_queue.Waiting(kRadioSource).bytes < kContinueReceivingBelow) {
+    radio_protocol->ContinueReceiving();
+    receiving_held = false;
+  }
 }
 
 bool KovaContext::HandleRadioConnection(const Collaboration::RadioConnectionMsg& message) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "FirmwareTransfer.h"
+#include "PromisedRoom.h"
 #include "RtConnectionState.h"
 
 #include "orka/RadioProtocol.h"
@@ -40,8 +41,12 @@ const std::string& TypeName() {
 //
 // The IPC threads, the timers and the radio thread only push tasks onto the queue; the service
 // thread, which drains it, is the only one that runs handlers and touches the state below, so none
-// of it is locked. Exceptions: the queue itself, the connection status (atomic, since the thread
-// that stops the service writes it too), and the socket settings (written under their own mutex).
+// of it is locked. What more threads touch stands first, each with its lock.
+//
+// Whoever pushes is bounded. A message of a service is refused (Busy) when it would not fit into
+// the queue, or, if it is for the radio, into what the link takes now. The radio is held back
+// while too much of it waits. What was pushed runs, unless it belongs to something that is over: a
+// timer that was closed, or a link that was stopped.
 //
 // Where the 48 messages and the 3 kinds of new subscribers go stands in KovaContextCatalogue.cpp,
 // where the 56 notifications go in KovaContextDispatch.cpp.
@@ -60,16 +65,19 @@ class KovaContext {
   // stand for the real objects. A second call keeps the radio-protocol object that is there.
   virtual void Init(std::unique_ptr<orka::RadioProtocol> radio,
                     std::unique_ptr<TargetAttributesIF> target);
-  // Stops the link. May be called on any thread.
+  // Stops the link for good: a later start is refused. Any thread.
   virtual void Deinit();
+  // Starts the link, unless it is not stopped. Service thread.
   virtual void StartRadioProtocol();
+  // Stops the link; what it has reported and is not handled yet does nothing any more. Any thread.
   virtual void StopRadioProtocol();
   // Makes every registration of the catalogue. Once, after Init.
   virtual void RegisterIpcCallbacks();
 
-  // Sends to a named service and waits until it is done, at most 1 s. False when it failed.
+  // Sends to a named service. True when the platform has accepted it, which ours says at once;
+  // whether the receiver takes it is not waited for.
   virtual bool SendMessage(const google::protobuf::MessageLite& message, std::string_view service);
-  // Answers a received message, perhaps long after it came; the same waiting and result.
+  // Answers a received message, perhaps long after it came; the same result.
   virtual bool SendIpcResponse(const MessageEnvelope& envelope,
                                const google::protobuf::MessageLite& message);
   virtual void SendGenericResponse(const MessageEnvelope& envelope, bool success,
@@ -82,7 +90,7 @@ class KovaContext {
   static std::string_view ConvertModelToProductId(std::string_view model);
   void ReadConfig();
 
-  // Called on the radio thread.
+  // Called on the radio thread. Never refuses, but holds the radio back when too much waits.
   void HandleRadioProtocolNotification(orka::NotifyMessage kind, orka::RadioNotificationData data);
 
  private:
@@ -98,6 +106,7 @@ class KovaContext {
   void HandleRtConnectionAction(const Kova::RtConnectionAction& message);
   void RtConnectionStatusSubscribeHandler(std::string_view subscriber);
   void RadioConnectionSubscribeHandler(std::string_view subscriber);
+  // Events of the link: called with link_mutex held, see LinkEvent().
   void HandleRtHandshakeCompleted();
   void HandleConnectionIsLost();
   void HandleRtHandshakeFailed();
@@ -105,6 +114,7 @@ class KovaContext {
   void HandleIgFailed();
   bool HandleRadioConnection(const Collaboration::RadioConnectionMsg& message);
 
+  // With link_mutex held.
   void RegisterRadioProtocolCallback();
   void SetConnectionState(const char* function, RtConnectionState state);
   void UpdateConnectionStatus(RtConnectionState state);
@@ -251,6 +261,36 @@ class KovaContext {
     static_cast<void>(service_ipc->PublishImpl(TypeName<T>(), message.SerializeAsString()));
   }
 
+  // Counts a message of `bytes` bytes for the radio against what the link takes, for as long as the
+  // result lives. Throws Busy when the link has no room for it.
+  PromisedRoom PromiseRoom(std::size_t bytes);
+
+  // Makes the task of something that the link reports. It runs `handler` with link_mutex held,
+  // unless the link has been stopped since this was called.
+  auto LinkEvent(UniqueFunction<void()> handler) {
+    return [this, session = link_session.load(), handler = std::move(handler)]() mutable {
+      const std::lock_guard lock(link_mutex);
+      if (session == link_session) {
+        handler();
+      }
+    };
+  }
+
+  // Queues what the radio reported, with a payload of `bytes` bytes, and holds the radio back when
+  // much waits; it goes on as soon as half of that has been taken.
+  template <class Task>
+  void PushFromRadio(Task task, std::size_t bytes) {
+    task_queue.PushAlways(
+        [this, task = std::move(task)]() mutable {
+          ContinueReceivingWhenCaughtUp();
+          task();
+        },
+        kRadioSource, kTaskBytes + bytes);
+    HoldReceivingWhenBehind();
+  }
+  void HoldReceivingWhenBehind();
+  void ContinueReceivingWhenCaughtUp();
+
   // A one-shot timer of 5 s whose expiry runs as a task of the service thread. Closing the handle
   // also withdraws an expiry that is queued already. Service thread only.
   AsyncCallbackHandle StartTimer(std::string_view name, UniqueFunction<void()> on_expiry);
@@ -270,15 +310,41 @@ class KovaContext {
                        const std::string& text);
 
   template <class Traits>
-  void ReceiveFileRequest(const char* function, const typename Traits::Request& request);
+  void ReceiveFileRequest(const char* function, const typename Traits::Request& request,
+                          UniqueFunction<void()> on_timeout);
   template <class Traits>
   Sent AnswerFileRequest(const char* function, const typename Traits::Response& response);
   template <class Traits>
   void FailFileRequest(const char* function);
 
   // --- State -----------------------------------------------------------------------------------
-  ConcurrentQueue<UniqueFunction<void()>> task_queue;
-  std::atomic<RtConnectionState> connection_state{RtConnectionState::Disconnected};
+  // How many tasks wait before a message is refused; of one sender, a quarter of it.
+  static constexpr QueueLoad kTaskLimit{.number = 16384, .bytes = std::size_t{64} << 20U};
+  // What a task takes beside its message: queue, closure, envelope.
+  static constexpr std::size_t kTaskBytes = 512;
+  static constexpr std::string_view kRadioSource = "the radio";  // no sender's name has a blank
+
+  // What more threads touch. First, so that it outlives the radio and the timers, which use it.
+
+  std::atomic<std::size_t> promised_to_radio{0};  // bytes; tasks that wait hold shares of it
+  ConcurrentQueue<UniqueFunction<void()>> task_queue{kTaskLimit};
+
+  // Held while the link is started and stopped, and from the look whether something belongs to its
+  // session to the publication of the status that comes of it: so whoever stops it has the last
+  // word. No callback of the platform or the radio takes it.
+  std::mutex link_mutex;
+  RtConnectionState connection_state = RtConnectionState::Disconnected;  // guarded by link_mutex
+  bool link_is_over = false;                                             // guarded by link_mutex
+  // Changes when the link has been stopped, under link_mutex. The radio thread reads it, but not
+  // while it changes: the link's own stop waits until no notification is running.
+  std::atomic<std::uint64_t> link_session{0};
+
+  // Held from the look at what waits of the radio to the call that comes of it.
+  std::mutex receiving_mutex;
+  bool receiving_held = false;  // guarded by receiving_mutex
+
+  // Service thread only.
+
   bool radio_connected = false;  // what the radio said last
   std::optional<std::string> rt_version_requester;
   std::optional<std::string> hardware_id_requester;
@@ -291,7 +357,7 @@ class KovaContext {
   std::shared_ptr<ServiceIPC> service_ipc;
   std::unique_ptr<ConfigReaderIF> config_reader;
   std::string version_text;
-  std::mutex socket_settings_mutex;
+  std::mutex socket_settings_mutex;                     // held while they are written
   std::optional<orka::SocketSettings> socket_settings;  // empty: the serial port is used
   std::optional<std::string> led_brightness_requester;
   std::optional<std::string> set_date_time_requester;

@@ -3,8 +3,11 @@
 #include "KovaContext.h"
 #include "Log.h"
 
+#include <google/protobuf/arena.h>
+
 #include <algorithm>
 #include <array>
+#include <set>
 #include <string_view>
 
 namespace zelt {
@@ -20,6 +23,9 @@ struct Catalogue {
     Subscription,  // the handler takes the name of a new subscriber of the topic
   };
 
+  // Where a message goes: only what is for the radio needs room at the link.
+  enum class Goes { ToRadio, NoFurther };
+
   struct Entry {
     Form form;
     std::string_view message;  // tells the types apart when this is compiled
@@ -31,14 +37,23 @@ struct Catalogue {
     return __PRETTY_FUNCTION__;
   }
 
-  // The work of a typed registration: parse, log, queue a task with copies.
-  template <Form form, class T, auto handler>
+  // A message in an arena, which knows what memory it takes: many empty parts take thirty times
+  // what they took on the bus.
+  template <class T>
+  struct Parsed {
+    google::protobuf::Arena arena;
+    T& message = *google::protobuf::Arena::CreateMessage<T>(&arena);
+  };
+
+  // The work of a typed registration: parse, log, queue a task with copies. Busy leaves through
+  // here when there is no room for it.
+  template <Form form, Goes goes, class T, auto handler>
   static AsyncCallbackHandle RegisterTyped(KovaContext& context) {
     return context.service_ipc->RegisterCallbackImpl(
         TypeName<T>(), std::nullopt,
         [&context](const Envelope& envelope, std::string_view payload) {
-          T message;
-          if (!message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
+          auto parsed = std::make_unique<Parsed<T>>();
+          if (!parsed->message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
             ZELT_LOG_AS("RegisterCallback", kLogError, kIpcLog)
                 << "Failed to unpack IPC message of type " << TypeName<T>();
             return;
@@ -47,42 +62,67 @@ struct Catalogue {
               << "Calling ipc callback for " << TypeName<T>();
           ZELT_LOG_AS("RegisterCallback", kLogDebug, kIpcLog)
               << "Received [" << TypeName<T>() << "] from [" << envelope.sender << "]";
+          if (form == Form::ToolOnly && !envelope.sender.starts_with("zeltcli-")) {
+            return;
+          }
+          auto room = goes == Goes::ToRadio ? context.PromiseRoom(payload.size())
+                                            : PromisedRoom(context.promised_to_radio, 0);
+          const std::size_t bytes =
+              KovaContext::kTaskBytes + payload.size() + parsed->arena.SpaceAllocated();
+          const auto push = [&](auto task) {
+            context.task_queue.Push(std::move(task), envelope.sender, bytes);
+          };
           if constexpr (form == Form::Message) {
-            context.task_queue.Push(
-                [&context, message = std::move(message)] { (context.*handler)(message); });
-          } else {
-            if (form == Form::ToolOnly && !envelope.sender.starts_with("zeltcli-")) {
-              return;
-            }
-            // `envelope = envelope`: a plain copy would be const, and copied again by every move.
-            context.task_queue.Push([&context, envelope = envelope, message = std::move(message)] {
-              (context.*handler)(envelope, message);
+            push([&context, parsed = std::move(parsed), room = std::move(room)] {
+              (context.*handler)(parsed->message);
             });
+          } else {
+            // `envelope = envelope`: a plain copy would be const, and copied again by every move.
+            push([&context, envelope = envelope, parsed = std::move(parsed),
+                  room = std::move(room)] { (context.*handler)(envelope, parsed->message); });
           }
         });
   }
 
+  // Subscribers whose announcement waits: telling them twice would tell them the same.
+  struct Announced {
+    std::mutex mutex;
+    std::set<std::string, std::less<>> names;  // guarded by mutex
+  };
+
+  // Never refused: one task for each subscriber is bounded by the bus, and nobody could tell him.
   template <class T, auto handler>
   static AsyncCallbackHandle RegisterSubscription(KovaContext& context) {
     return context.service_ipc->AddSubscribeHandlerImpl(
-        [&context](std::string_view payload) {
-          context.task_queue.Push(
-              [&context, subscriber = std::string(payload)] { (context.*handler)(subscriber); });
+        [&context, announced = std::make_shared<Announced>()](std::string_view payload) {
+          {
+            const std::lock_guard lock(announced->mutex);
+            if (!announced->names.emplace(payload).second) {
+              return;
+            }
+          }
+          context.task_queue.PushAlways([&context, announced, subscriber = std::string(payload)] {
+            {
+              const std::lock_guard lock(announced->mutex);
+              announced->names.erase(subscriber);
+            }
+            (context.*handler)(subscriber);
+          });
         },
         TypeName<T>());
   }
 
-  template <class T, auto handler>
+  template <class T, auto handler, Goes goes = Goes::ToRadio>
   static constexpr Entry Message() {
-    return {Form::Message, Distinct<T>(), &RegisterTyped<Form::Message, T, handler>};
+    return {Form::Message, Distinct<T>(), &RegisterTyped<Form::Message, goes, T, handler>};
   }
-  template <class T, auto handler>
+  template <class T, auto handler, Goes goes = Goes::ToRadio>
   static constexpr Entry WithEnvelope() {
-    return {Form::Envelope, Distinct<T>(), &RegisterTyped<Form::Envelope, T, handler>};
+    return {Form::Envelope, Distinct<T>(), &RegisterTyped<Form::Envelope, goes, T, handler>};
   }
-  template <class T, auto handler>
+  template <class T, auto handler, Goes goes = Goes::ToRadio>
   static constexpr Entry ToolOnly() {
-    return {Form::ToolOnly, Distinct<T>(), &RegisterTyped<Form::ToolOnly, T, handler>};
+    return {Form::ToolOnly, Distinct<T>(), &RegisterTyped<Form::ToolOnly, goes, T, handler>};
   }
   template <class T, auto handler>
   static constexpr Entry Subscription() {
@@ -95,7 +135,7 @@ struct Catalogue {
 // clang-format off: one line an entry
 constexpr std::array<Catalogue::Entry, 51> Catalogue::Entries() {
   return {{
-      Message<Kova::RtConnectionAction, &Context::HandleRtConnectionAction>(),
+      Message<Kova::RtConnectionAction, &Context::HandleRtConnectionAction, Goes::NoFurther>(),
       Message<Kova::ShutdownResponse, &Context::SendShutdownResponse>(),
       Message<Kova::ShutdownRequest, &Context::SendShutdownRequest>(),
       Message<Kova::SerialNumberMsg, &Context::SendSerialNumberMsg>(),
@@ -114,8 +154,8 @@ constexpr std::array<Catalogue::Entry, 51> Catalogue::Entries() {
       WithEnvelope<Kova::BluetoothConfigMsg, &Context::SendBluetoothConfigRequest>(),
       WithEnvelope<Kova::BluetoothStatusMsg, &Context::SendBluetoothStatusRequest>(),
       WithEnvelope<Kova::GattConfigMsg, &Context::SendGattConfigMsg>(),
-      ToolOnly<Kova::SetSocketParams, &Context::HandleSetSocketParams>(),
-      ToolOnly<Kova::ClearSocketParams, &Context::HandleClearSocketParams>(),
+      ToolOnly<Kova::SetSocketParams, &Context::HandleSetSocketParams, Goes::NoFurther>(),
+      ToolOnly<Kova::ClearSocketParams, &Context::HandleClearSocketParams, Goes::NoFurther>(),
       ToolOnly<Kova::RtFactoryResetRequest, &Context::SendRtFactoryResetRequest>(),
       ToolOnly<Kova::InjectQrxRequest, &Context::HandleInjectQrxRequest>(),
       Message<Collaboration::RadioEmergencyMsg, &Context::SendRadioEmergencyRequest>(),

@@ -24,33 +24,44 @@ struct Dispatch {
     void (*post)(KovaContext&, Data&&);  // queues the handler; nullptr: there is none
   };
 
+  // What a payload takes beside its record.
+  static std::size_t Bytes(const google::protobuf::MessageLite& message) {
+    return message.ByteSizeLong();
+  }
+  static std::size_t Bytes(const orka::qrx::FileAccessResponse& response) {
+    return response.file_name.size();
+  }
+  static std::size_t Bytes(const orka::qrx::TransferDataResponse&) { return 0; }
+
   // Queues the handler with the payload, which must be of the alternative.
   template <std::size_t alternative, auto handler>
   static void PostWithPayload(KovaContext& context, Data&& data) {
-    context.task_queue.Push([&context, message = std::get<alternative>(std::move(data))] {
-      (context.*handler)(message);
-    });
+    auto message = std::get<alternative>(std::move(data));
+    const std::size_t bytes = Bytes(message);
+    context.PushFromRadio([&context, message = std::move(message)] { (context.*handler)(message); },
+                          bytes);
   }
 
   template <auto handler>
-  static void PostWithoutPayload(KovaContext& context, Data&&) {
-    context.task_queue.Push([&context] { (context.*handler)(); });
+  static void PostLinkEvent(KovaContext& context, Data&&) {
+    context.PushFromRadio(context.LinkEvent([&context] { (context.*handler)(); }), 0);
   }
 
   static void PostRadioConnected(KovaContext& context, Data&&) {
     Collaboration::RadioConnectionMsg message;
     message.set_connected(true);
     message.set_link_connected(false);
-    context.task_queue.Push([&context, message] { context.HandleRadioConnection(message); });
+    context.PushFromRadio([&context, message] { context.HandleRadioConnection(message); }, 0);
   }
 
   template <std::size_t alternative, auto handler>
   static constexpr Row To(std::uint32_t kind, const char* text = nullptr) {
     return {kind, alternative, kLogInfo, text, &PostWithPayload<alternative, handler>};
   }
+  // What the link itself reports: not handled any more once the link has been stopped.
   template <auto handler>
   static constexpr Row Event(std::uint32_t kind) {
-    return {kind, kNotRead, kLogInfo, nullptr, &PostWithoutPayload<handler>};
+    return {kind, kNotRead, kLogInfo, nullptr, &PostLinkEvent<handler>};
   }
   static constexpr Row LoggedOnly(std::uint32_t kind, int level, const char* text) {
     return {kind, kNotRead, level, text, nullptr};

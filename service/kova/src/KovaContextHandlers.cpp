@@ -4,6 +4,7 @@
 #include "zelt/FileSize.h"
 #include "zelt/ForkAndExec.h"
 #include "zelt/Paths.h"
+#include "zelt/RegularFile.h"
 
 #include <unistd.h>
 
@@ -55,7 +56,9 @@ bool RunNetworkGadgetScript() {
     const char* const reason = strerrordesc_np(errno);  // strerror() may take a lock
     for (const char* const part :
          {"Failed to execute ", kNetworkGadgetScript, ": ", reason, "\n"}) {
-      static_cast<void>(write(STDERR_FILENO, part, std::strlen(part)));
+      if (write(STDERR_FILENO, part, std::strlen(part)) < 0) {
+        break;
+      }
     }
     _Exit(1);
   });
@@ -242,20 +245,16 @@ void KovaContext::HandleTransferFirmwareRequest(const MessageEnvelope& envelope,
   RememberTool(__func__, envelope);
   KOVA_LOG(kLogInfo) << "Handle TransferFirmware request from  " << envelope.sender;
 
-  // What exists but has no size (a FIFO, a device) is not opened: that could block the service
-  // until somebody writes to it.
+  // What exists but has no size (a FIFO, a device, a directory) is not opened: that could hold the
+  // service up.
   const std::string& path = request.source_file_path();
+  std::ifstream stream = OpenRegularFile(path);
   const auto size = GetFileSize(path);
   std::error_code ignored;
-  const bool special = !size && std::filesystem::exists(path, ignored);
-  std::ifstream stream;
-  if (!special) {
-    stream.open(path, std::ios::in | std::ios::binary);
-    if (!stream.is_open()) {
-      KOVA_LOG(kLogError) << "Error: Could not open source file " << path;
-      SendTransferFirmwareResponse(false);
-      return;
-    }
+  if (!stream.is_open() && (size || !std::filesystem::exists(path, ignored))) {
+    KOVA_LOG(kLogError) << "Error: Could not open source file " << path;
+    SendTransferFirmwareResponse(false);
+    return;
   }
   if (!size) {
     KOVA_LOG(kLogError) << "Failed to get size of provided firmware image : " << path;
@@ -389,7 +388,6 @@ struct KovaContext::FileAccessWrite {
   using Response = Kova::FileAccessWriteResponse;
   static constexpr auto kPending = &KovaContext::pending_file_access_write;
   static constexpr auto kTimer = &KovaContext::file_access_write_timer;
-  static constexpr auto kTimeout = &KovaContext::HandleFileAccessWriteResponseTimeout;
   static constexpr int kPublishLevel = kLogDebug;
   static constexpr std::string_view kTimerName = "File access write response timer";
   static constexpr std::string_view kNothingPending =
@@ -418,7 +416,6 @@ struct KovaContext::FileAccessCreate {
   using Response = Kova::FileAccessCreateResponse;
   static constexpr auto kPending = &KovaContext::pending_file_access_create;
   static constexpr auto kTimer = &KovaContext::file_access_create_timer;
-  static constexpr auto kTimeout = &KovaContext::HandleFileAccessCreateResponseTimeout;
   static constexpr int kPublishLevel = kLogInfo;
   static constexpr std::string_view kTimerName = "File access create response timer";
   static constexpr std::string_view kNothingPending =
@@ -441,13 +438,13 @@ struct KovaContext::FileAccessCreate {
 };
 
 template <class Traits>
-void KovaContext::ReceiveFileRequest(const char* function,
-                                     const typename Traits::Request& request) {
+void KovaContext::ReceiveFileRequest(const char* function, const typename Traits::Request& request,
+                                     UniqueFunction<void()> on_timeout) {
   Publish(request);
   ZELT_LOG_AS(function, Traits::kPublishLevel, kContextLog)
       << "Publishing [" << request.GetTypeName() << "]";
   this->*Traits::kPending = request;
-  this->*Traits::kTimer = StartTimer(Traits::kTimerName, [this] { (this->*Traits::kTimeout)(); });
+  this->*Traits::kTimer = StartTimer(Traits::kTimerName, std::move(on_timeout));
 }
 
 template <class Traits>
@@ -482,7 +479,8 @@ void KovaContext::FailFileRequest(const char* function) {
 }
 
 void KovaContext::HandleFileAccessWriteRequest(const Kova::FileAccessWriteRequest& request) {
-  ReceiveFileRequest<FileAccessWrite>(__func__, request);
+  ReceiveFileRequest<FileAccessWrite>(__func__, request,
+                                      [this] { HandleFileAccessWriteResponseTimeout(); });
 }
 
 KovaContext::Sent KovaContext::SendFileAccessWriteResponse(
@@ -495,7 +493,8 @@ void KovaContext::HandleFileAccessWriteResponseTimeout() {
 }
 
 void KovaContext::HandleFileAccessCreateRequest(const Kova::FileAccessCreateRequest& request) {
-  ReceiveFileRequest<FileAccessCreate>(__func__, request);
+  ReceiveFileRequest<FileAccessCreate>(__func__, request,
+                                       [this] { HandleFileAccessCreateResponseTimeout(); });
 }
 
 KovaContext::Sent KovaContext::SendFileAccessCreateResponse(

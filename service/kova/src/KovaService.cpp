@@ -3,8 +3,8 @@
 #include "Log.h"
 
 #include "zelt/Paths.h"
+#include "zelt/RegularFile.h"
 
-#include <fstream>
 #include <string_view>
 #include <utility>
 
@@ -26,14 +26,6 @@ void LogBanner(const char* function, const char* text) {
   }
 }
 
-void WriteCollaborationTestKey() {
-  std::ofstream file(EnableCollaborationTestKeyConfigFile(), std::ios::out);
-  if (file.is_open()) {
-    file << kCollaborationTestKey;
-    file.close();
-  }
-}
-
 }  // namespace
 
 KovaService::KovaService(std::shared_ptr<ServiceModel> model, int,
@@ -49,7 +41,9 @@ void KovaService::DoRun() {
   context_->RegisterIpcCallbacks();
   SetMyServiceState(service_state::State::Ready);
   LogBanner(__func__, " Kova service READY!                    ");
-  WriteCollaborationTestKey();
+  // Nobody minds a failure.
+  static_cast<void>(
+      WriteRegularFile(EnableCollaborationTestKeyConfigFile(), kCollaborationTestKey));
   SetRunning(true);
   ZELT_LOG(kLogInfo, kServiceLog) << "Kova service running..........";
   while (running_) {
@@ -66,7 +60,7 @@ void KovaService::DoDie() {
     std::unique_lock lock(state_mutex_);
     state_condition_.wait(lock, [this] { return running_.load(); });
   }
-  context_->TaskQueue().Push([this] { running_ = false; });
+  context_->TaskQueue().Close([this] { running_ = false; });
   context_->Deinit();
   {
     std::unique_lock lock(state_mutex_);

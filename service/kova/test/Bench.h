@@ -118,6 +118,8 @@ struct RadioLine {
     return Line("tethered", call.value);
   }
   std::string operator()(const orka::fake::StopCall&) const { return "stop"; }
+  std::string operator()(const orka::fake::HoldCall&) const { return "hold"; }
+  std::string operator()(const orka::fake::ContinueCall&) const { return "continue"; }
   std::string operator()(const orka::fake::MakeFileHandleResponseCall&) const { return "convert"; }
 };
 
@@ -206,6 +208,8 @@ class TracedModel : public fake::FakeServiceModel {
       using Kind = fake::FakeServiceIPC::Kind;
       const std::string what = Describe(record.type, record.payload);
       if (record.kind == Kind::Publish) {
+        const auto hook = before_publish;
+        hook();
         journal_.Add(Line("publish", what));
       } else if (record.kind == Kind::Send) {
         journal_.Add(Line("send", record.peer, what));
@@ -228,6 +232,7 @@ class TracedModel : public fake::FakeServiceModel {
     journal_.Add(Line("state", static_cast<std::uint32_t>(state)));
   }
 
+  std::function<void()> before_publish = [] {};
   bool sends_work = true;
   bool publish_fails = false;  // by an exception, so that a test sees what was done before
 
@@ -273,9 +278,10 @@ class Bench : public testing::Test {
   }
   ~Bench() override { journal.Watch(nullptr); }
 
-  // What arrives, and is queued.
-  void Post(std::string_view sender, const MessageLite& message, std::uint64_t request = 1) {
-    model->Ipc().Deliver(message.GetTypeName(), sender, message.SerializeAsString(), request);
+  // What arrives, and is queued; false when it is refused.
+  bool Post(std::string_view sender, const MessageLite& message, std::uint64_t request = 1) {
+    return model->Ipc().Deliver(message.GetTypeName(), sender, message.SerializeAsString(),
+                                request);
   }
   void Post(std::uint32_t kind, const Data& data = {}) {
     context.HandleRadioProtocolNotification(orka::NotifyMessage{kind}, data);
@@ -283,8 +289,8 @@ class Bench : public testing::Test {
   void Wait(double seconds) { model->Advance(ServiceModel::Seconds(seconds)); }
   // Runs what is queued; tells what was done, without the lines of the IPC layer.
   Trace Drain() {
-    while (auto task = context.TaskQueue().TryPop()) {
-      (*task)();
+    while (context.TaskQueue().Size() > 0) {
+      context.TaskQueue().Pop()();
     }
     Trace trace = journal.Take();
     std::erase_if(trace, [](const std::string& line) { return line.contains(" 32790 Register"); });

@@ -1,7 +1,9 @@
-// Random requests, right and wrong answers, expiring timers and failing sends, against a small
-// model of what the bridge should do. The seed is printed; KOVA_TEST_SEED sets it.
+// Random requests, right and wrong answers, expiring timers, failing sends and a link that comes
+// and goes, against a small model of what the bridge should do. The seed is printed; KOVA_TEST_SEED
+// sets it.
 
 #include "Bench.h"
+#include "RtConnectionState.h"
 
 #include <sys/stat.h>
 
@@ -226,8 +228,47 @@ struct Model {
     Do(Radio(37, 0, orka::FileHandleRespWrapper()));
     guards.erase("handle " + name);
   }
+
+  // --- The link
+  void Become(const char* function, const std::string& words, int status) {
+    link = status;
+    trace = std::move(trace) + test::State(function, (words + RtConnectionStateText(RtConnectionState(status))).c_str(), status);
+  }
+  void Begin() {
+    const char* function = "StartRadioProtocol";
+    Say(6, function, "Start RadioProtocol");
+    if (link != 0) { Say(3, function, "Radio protocol current connection status ", RtConnectionStateText(RtConnectionState(link))); return; }
+    Say(6, "RegisterRadioProtocolCallback", "Register to Radio Protocol notifications");
+    Say(6, function, "Attempting to start radio via UART");
+    Do(Line("start", "/dev/ttyS2", 1500000, 1, 8, 0, 0, 5, false, true, 0, 30));
+    Say(6, function, "Radio protocol started");
+    Become(function, "RtConnection status: ", 1);
+  }
+  void End() {
+    Say(6, "StopRadioProtocol", "Stop RadioProtocol");
+    Do("stop");
+    ++session;
+    Become("StopRadioProtocol", "RtConnection status: ", 0);
+  }
+  void Event(std::uint32_t kind, int reported_in) {
+    if (reported_in != session) return;
+    switch (kind) {
+      case 1: Become("HandleRtHandshakeCompleted", "RtConnection status: ", 4); break;
+      case 3: Become("HandleConnectionIsLost", "RtConnection status: ", 2); break;
+      case 5: Become("HandleRtHandshakeFailed", "RtConnection status: ", 3); break;
+      case 44: Become("HandleRtUpgradeInProcess", "RtConnection status: ", 5); break;
+      default:
+        Say(3, "HandleIgFailed", "Fatal error - IG failed");
+        Become("UpdateConnectionStatus", "Updating RtConnection status to : ", 6);
+        queue.emplace_back([this, reported_in] {
+          if (reported_in == session) Become("UpdateConnectionStatus", "Updating RtConnection status to : ", 4);
+        });
+    }
+  }
   // clang-format on
 
+  int link = 0;             // its status
+  int session = 0;          // how often it has been stopped
   bool bus = true;          // takes what is sent
   std::uint32_t limit = 4;  // bytes in a chunk
   std::deque<std::function<void()>> queue;
@@ -283,7 +324,7 @@ TEST_F(Randomised, BridgeDoesWhatTheModelDoes) {
     const auto id = pick({1U, 2U, 3U});
     const std::string name = pick({"x", "y"});
     // clang-format off: one line an action
-    switch (random() % 16) {
+    switch (random() % 18) {
       case 0: case 1: {
         const std::string image = pick({std::string("six"), std::string("nine"), std::next(images.begin(), static_cast<std::ptrdiff_t>(random() % images.size()))->first});
         const std::string path = folder.path / image;
@@ -320,6 +361,16 @@ TEST_F(Randomised, BridgeDoesWhatTheModelDoes) {
       }
       case 13: from_peer(With<Kova::FileHandleOpenResponse>([&](auto& m) { m.set_file_name(name); }), [=, &expected] { expected.AnswerHandle(name); }); break;
       case 14: from_peer(Kova::GetDateTimeReq(), [=, &expected] { expected.AskDate(sender, step); }); break;
+      case 15: {
+        const auto action = pick({Kova::RtConnectionAction::START, Kova::RtConnectionAction::STOP});
+        from_peer(With<Kova::RtConnectionAction>([&](auto& m) { m.set_action(action); }), [=, &expected] { action == Kova::RtConnectionAction::START ? expected.Begin() : expected.End(); });
+        break;
+      }
+      case 16: {
+        const auto kind = pick({1U, 3U, 5U, 44U, 47U});
+        from_radio(kind, {}, [&expected, kind, session = expected.session] { expected.Event(kind, session); });
+        break;
+      }
       default: from_radio(34, Kova::GetDateTimeResp(), [&expected] { expected.Date(); });
     }
     // clang-format on

@@ -5,6 +5,10 @@
 
 #include "zelt/InterfaceFactory.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <latch>
 #include <thread>
 
@@ -163,14 +167,15 @@ TEST_F(Life, EverythingInItsOrderAndWhatIsQueuedBehindTheStopNeverRuns) {
 
   std::latch stop_is_queued(1);
   std::vector<int> ran;
-  context->TaskQueue().Push([&] { stop_is_queued.wait(); });
-  context->TaskQueue().Push([&] { ran.push_back(1); });
-  context->TaskQueue().Push([&] {  // still at work when all else is done
+  context->TaskQueue().PushAlways([&] { stop_is_queued.wait(); });
+  context->TaskQueue().PushAlways([&] { ran.push_back(1); });
+  context->TaskQueue().PushAlways([&] {  // still at work when all else is done
     journal.WaitFor(Publish(Status(0)));
     journal.Add("last task");
   });
   context->on_deinit = [&] {
-    context->TaskQueue().Push([&] { ran.push_back(2); });
+    context->TaskQueue().PushAlways([&] { ran.push_back(2); });
+    EXPECT_THROW(context->TaskQueue().Push([] {}, "A", 0), Busy);
     stop_is_queued.count_down();
   };
   service.DoDie();
@@ -194,9 +199,30 @@ TEST_F(Life, StopThatComesBeforeTheLoopWaitsForIt) {
   EXPECT_EQ(trace.back(), Banner("DoDie", "").back());
 }
 
+TEST_F(Life, KeyFileThatIsAFifoIsNeitherWaitedForNorWritten) {
+  std::filesystem::create_directories(folder.path / "var/lib/zelt");
+  const auto path = folder.path / "var/lib/zelt/collaboration_test_key";
+  ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+  const auto open_reader = [&] { return open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); };
+  for (const bool has_reader : {true, false}) {
+    context = std::make_shared<PreparedContext>(model, journal);
+    KovaService service(model, 1000, context);
+    int reader = has_reader ? open_reader() : -1;
+    std::thread runner([&] { service.DoRun(); });
+    EXPECT_TRUE(journal.WaitFor(running)) << has_reader;
+    reader = has_reader ? reader : open_reader();  // so that it ends in any case
+    char byte = 0;
+    EXPECT_LE(::read(reader, &byte, 1), 0);
+    service.DoDie();
+    runner.join();
+    close(reader);
+    journal.Take();
+  }
+}
+
 TEST_F(Life, ExceptionOfATaskLeavesTheLoop) {
   KovaService service(model, 1000, context);
-  context->TaskQueue().Push([] { throw std::runtime_error("handler"); });
+  context->TaskQueue().PushAlways([] { throw std::runtime_error("handler"); });
   EXPECT_THROW(service.DoRun(), std::runtime_error);
 }
 

@@ -230,9 +230,8 @@ TEST_F(Dock, StandardCableIsIgnoredOnlyWhenItsScriptSucceeds) {
   folder.File("etc/zelt/do_ignore_dock_for_standard_cable", "");
   g_notes = folder.path / "notes";
   const std::vector<std::pair<const char*, bool>> scripts = {
-      {"exit 0", true},    {"exit 1", false},
-      {"exit 128", false}, {"kill -9 $$", false},
-      {nullptr, false},    {"head -c 300000 /dev/zero; head -c 300000 /dev/zero >&2", true}};
+      {"exit 0", true},      {"exit 1", false}, {"exit 128", false},
+      {"kill -9 $$", false}, {nullptr, false},  {"head -c 300000 /dev/zero", true}};
   for (const auto& [script, succeeds] : scripts) {
     std::string notes = "/usr/sbin/rndis.sh /usr/sbin/rndis.sh\n";
     g_script = folder.path / "missing";

@@ -1,5 +1,4 @@
-// The firmware transfer, and the files that the radio asks for: what ModelTest cannot try, and the
-// orders of events that are the easiest to get wrong.
+// The firmware transfer: what ModelTest cannot try.
 
 #include "Bench.h"
 
@@ -54,80 +53,6 @@ TEST_F(Firmware, ChunkNumbersWrap) {
     ASSERT_EQ(Notify(43, Acknowledged(chunk)), (Trace{Chunk((chunk + 1) % 65536, "a"), sent}));
   }
   EXPECT_EQ(Acknowledge(1), Outcome(0));
-}
-
-TEST_F(Firmware, LateAcknowledgementOfAnEarlierChunkIsIgnored) {
-  Begin("abcdefgh", 4);
-  Acknowledge(0);
-  EXPECT_EQ(WithoutLog(Notify(43, Acknowledged(0))), Trace());
-  EXPECT_EQ(Acknowledge(1), Outcome(0));
-  EXPECT_EQ(WithoutLog(Notify(43, Acknowledged(1))), Trace());
-}
-
-TEST_F(Firmware, ChunkTimerOfTheEarlierTransferAbortsTheOneThatTookOver) {
-  Begin("abcdef", 4);
-  Wait(1);
-  From("Upgrade", Request(folder.path / "image", "fw2"));
-  EXPECT_EQ(After(4).front(), Log(3, "HandleTransferDataTimeout",
-                                  "FileTransferResponse was not received from RT for fw2"));
-  EXPECT_EQ(After(1).front(),
-            Log(3, "HandleFileAccessTimeout", "FileAccessResponse was not received from RT for "));
-}
-
-TEST_F(Firmware, TimeoutThatIsQueuedBehindItsAnswerNeverRuns) {
-  From("Upgrade", Request(folder.File("image", "abc")));
-  Post("Upgrade", Request(folder.path / "image"));
-  Wait(5);
-  EXPECT_EQ(Drain().back(), Timer("File Access timer"));
-  Post(41, Granted(3));
-  Wait(5);
-  EXPECT_EQ(Drain().back(), sent);
-  Post(43, Acknowledged(0));
-  Wait(5);
-  EXPECT_EQ(Drain().back(), Outcome(0));
-}
-
-// --- Files that the radio asks for ---------------------------------------------------------------
-
-using Files = Bench;
-
-TEST_F(Files, SecondWriteRequestReplacesTheFirstAndFailsOnce) {
-  const auto request = [](std::uint32_t id) {
-    return With<Kova::FileAccessWriteRequest>([&](auto& m) { m.set_request_id(id); });
-  };
-  const auto response = [](std::uint32_t id, std::uint32_t status = 0) {
-    return With<Kova::FileAccessWriteResponse>(
-        [&](auto& m) { m.set_request_id(id), m.set_status(status); });
-  };
-  Notify(38, request(1));
-  Post(38, request(2));
-  Wait(5);  // the first one is due, behind the second
-  EXPECT_EQ(Drain().back(), Timer("File access write response timer"));
-  EXPECT_EQ(WithoutLog(From("Peer", response(1))), Trace());
-  EXPECT_EQ(WithoutLog(After(5)), Trace{Radio(26, 0, response(2, 19))});
-  EXPECT_EQ(WithoutLog(From("Peer", response(2))), Trace());
-}
-
-TEST_F(Files, TwoHandlesOfOneNameFailOnceAndAnAnswerEndsItEvenWhenDue) {
-  const auto request = [](std::uint32_t id) {
-    return With<Kova::FileHandleOpenRequest>(
-        [&](auto& m) { m.set_file_name("a"), m.set_handle_id(id); });
-  };
-  const auto response = With<Kova::FileHandleOpenResponse>([](auto& m) { m.set_file_name("a"); });
-  const Trace answered = {"convert", Radio(37, 0, orka::FileHandleRespWrapper())};
-  Notify(51, request(1));
-  Wait(1);
-  Notify(51, request(0x10003));
-  EXPECT_EQ(After(4), Trace());
-  EXPECT_EQ(
-      WithoutLog(After(1)),
-      Trace{Radio(37, 0,
-                  orka::FileHandleRespWrapper{.handle_id = 3, .status = 17925276, .data = {}})});
-  EXPECT_EQ(WithoutLog(From("Peer", response)), answered);
-  Notify(51, request(1));
-  Post("Peer", response);
-  Wait(5);
-  EXPECT_EQ(WithoutLog(Drain()), answered);
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "FaultPlan.h"
 
 #include "orka/codec/MessageTable.h"
+#include "zelt/RegularFile.h"
 
 #include <toml++/toml.h>
 
@@ -8,6 +9,7 @@
 #include <array>
 #include <charconv>
 #include <sstream>
+#include <stdexcept>
 #include <utility>
 
 namespace radiosim {
@@ -161,11 +163,14 @@ bool FaultPlan::Add(std::string_view words, std::string& error) {
 bool FaultPlan::Load(const std::string& path, std::string& error) {
   toml::table file;
   try {
-    file = toml::parse_file(path);
+    file = toml::parse(zelt::ReadTomlFile(path), path);
   } catch (const toml::parse_error& failure) {
     std::ostringstream text;
     text << path << ':' << failure.source().begin.line << ": " << failure.description();
     error = text.str();
+    return false;
+  } catch (const std::runtime_error& failure) {
+    error = failure.what();
     return false;
   }
   const auto refuse = [&](const toml::node& node, const std::string& why) {

@@ -15,7 +15,6 @@ using orka::codec::FindRow;
 using orka::pel::FrameKind;
 using orka::qrx::Result;
 
-constexpr std::uint16_t kResponseBit = 0x8000;
 constexpr std::size_t kDebugLogLimit = 32UL * 1024;
 constexpr std::size_t kDebugLogPart = 4096;
 constexpr int kOk = 0;
@@ -169,7 +168,7 @@ void Radio::Handle(const Received& received) {
 }
 
 void Radio::Respond(const Received& received, const orka::RadioNotificationData& data) {
-  const auto opcode = static_cast<std::uint16_t>(received.row->opcode | kResponseBit);
+  const auto opcode = static_cast<std::uint16_t>(received.row->opcode | orka::codec::kResponseBit);
   outside_.send(*FindRow(Direction::FromRadio, opcode, FrameKind::Response), data,
                 received.header.transaction, received.header.destination);
 }

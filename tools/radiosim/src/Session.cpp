@@ -10,7 +10,7 @@ namespace radiosim {
 namespace {
 
 constexpr std::chrono::milliseconds kStep{10};
-constexpr double kBitsPerByte = 10;
+constexpr int kBitsPerByte = 10;
 
 }  // namespace
 
@@ -18,19 +18,23 @@ Session::Session(asio::io_context& io, int fd, std::uint32_t bits_per_second, Ev
     : events_(std::move(events)),
       stream_(io, fd),
       pace_(io),
-      bytes_per_step_(bits_per_second / kBitsPerByte *
+      byte_time_(bits_per_second == 0
+                     ? std::chrono::nanoseconds(0)
+                     : std::chrono::nanoseconds(std::chrono::seconds(kBitsPerByte)) /
+                           bits_per_second),
+      bytes_per_step_(static_cast<double>(bits_per_second) / kBitsPerByte *
                       std::chrono::duration<double>(kStep).count()),
       deframer_(
           [this](const orka::pel::BaseMessage& header, orka::codec::ByteView payload) {
-            damaged_ = false;
-            last_heard_ = Clock::now();
-            events_.frame(header, payload);
+            if (header.kind > static_cast<std::uint8_t>(orka::pel::FrameKind::LinkControl)) {
+              events_.drop(orka::codec::Drop::Malformed, payload.size());
+            } else {
+              last_good_ = Clock::now();
+              events_.frame(header, payload);
+            }
             return !closed_;
           },
-          [this](orka::codec::Drop drop, std::size_t bytes) {
-            damaged_ = true;
-            events_.drop(drop, bytes);
-          }) {}
+          [this](orka::codec::Drop drop, std::size_t bytes) { events_.drop(drop, bytes); }) {}
 
 void Session::Start() {
   stream_.non_blocking(true);
@@ -78,9 +82,6 @@ void Session::Read() {
         self->may_read_ -= static_cast<double>(count);
         self->bytes_ += count;
         self->deframer_.Feed(orka::codec::ByteView(self->buffer_).first(count));
-        if (self->deframer_.InFrame() && !self->damaged_) {
-          self->last_heard_ = Clock::now();
-        }
         self->Read();
       });
 }

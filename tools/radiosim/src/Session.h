@@ -1,6 +1,7 @@
 #pragma once
 
 #include "orka/codec/Frame.h"
+#include "orka/codec/LinkControl.h"
 
 #include <asio/io_context.hpp>
 #include <asio/posix/stream_descriptor.hpp>
@@ -35,7 +36,11 @@ class Session : public std::enable_shared_from_this<Session> {
   void Send(orka::codec::ByteView bytes);
 
   std::uint64_t Bytes() const { return bytes_; }  // both ways
-  Clock::time_point LastHeard() const { return last_heard_; }
+
+  // No good frame has come for so long that the camera is lost, by the rule that both sides keep.
+  bool IsSilent(Clock::time_point now) const {
+    return now >= last_good_ + orka::codec::LostAfter(byte_time_);
+  }
   Clock::time_point LastSent() const { return last_sent_; }
 
  private:
@@ -47,18 +52,18 @@ class Session : public std::enable_shared_from_this<Session> {
   Events events_;
   asio::posix::stream_descriptor stream_;
   asio::steady_timer pace_;
-  const double bytes_per_step_;  // 0: no limit
+  const std::chrono::nanoseconds byte_time_;  // 0: no limit
+  const double bytes_per_step_;               // 0: no limit
   double may_read_ = 0;
   double may_write_ = 0;
   bool reading_ = false;
   bool awaiting_room_ = false;
   bool closed_ = false;
-  bool damaged_ = false;  // a frame was dropped since the last good one
   std::array<std::uint8_t, 64UL * 1024> buffer_{};
   orka::codec::Bytes out_;
   std::uint64_t bytes_ = 0;
   orka::codec::Deframer deframer_;
-  Clock::time_point last_heard_ = Clock::now();
+  Clock::time_point last_good_ = Clock::now();
   Clock::time_point last_sent_ = Clock::now();
 };
 

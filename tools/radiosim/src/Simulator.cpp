@@ -308,7 +308,7 @@ void Simulator::After(std::chrono::milliseconds delay, std::function<void()> act
 
 void Simulator::Tick() {
   const auto now = Session::Clock::now();
-  if (greeted_ && now >= session_->LastHeard() + orka::codec::kLostAfter) {
+  if (greeted_ && session_->IsSilent(now)) {
     EndLink("the camera is silent");
   }
   if (greeted_ &&
@@ -656,9 +656,15 @@ Simulator::Reply Simulator::Notify(std::string_view rest) {
   if (!greeted_) {
     return {false, "no camera is connected"};
   }
-  const auto request = static_cast<std::uint16_t>(row->opcode & 0x7FFFU);
-  const std::uint16_t transaction =
-      row->kind == FrameKind::Response ? last_transactions_[request] : std::uint16_t{0};
+  std::uint16_t transaction = 0;
+  if (row->kind == FrameKind::Response) {
+    transaction =
+        last_transactions_[static_cast<std::uint16_t>(row->opcode & ~orka::codec::kResponseBit)];
+  } else if (row->kind == FrameKind::Request) {
+    last_request_ = last_request_ == UINT16_MAX ? std::uint16_t{1}
+                                                : static_cast<std::uint16_t>(last_request_ + 1);
+    transaction = last_request_;
+  }
   error = SendMessage(*row, *data, transaction, 0);
   return {error.empty(), error};
 }

@@ -132,7 +132,8 @@ class Simulator {
   std::uint16_t address_ = 0;    // the camera's, repeated in every frame
   orka::codec::Bytes held_;      // a frame that waits for the next one
   std::uint64_t held_number_ = 0;
-  std::map<std::uint16_t, std::uint16_t> last_transactions_;  // by opcode of the request
+  std::map<std::uint16_t, std::uint16_t> last_transactions_;  // by opcode of the camera's request
+  std::uint16_t last_request_ = 0;                            // the number of the radio's own
 
   std::uint64_t received_count_ = 0;
   std::deque<std::string> received_;  // as JSON

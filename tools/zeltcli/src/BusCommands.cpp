@@ -1,7 +1,9 @@
+#include "Accepted.h"
 #include "CommandFunctions.h"
 #include "Session.h"
 #include "TypesText.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -51,9 +53,11 @@ void Print(const Cli& cli, Session& session) {
   }
 }
 
+// What Kova publishes is taken from Kova alone; whoever wants to see all sees who sent it.
 void Follow(const Cli& cli, const std::string& topic) {
+  const bool is_kovas = std::ranges::find(kTopicsOfKova, topic) != kTopicsOfKova.end();
   Session session;
-  session.Subscribe(topic);
+  session.Subscribe(topic, is_kovas ? kKova : "");
   cli.output.Notice("subscribed to " + (topic.empty() ? "everything" : topic));
   Print(cli, session);
 }

@@ -13,7 +13,7 @@ enum class Exit : int {
   Usage = 2,         // wrong command line, type, JSON or file
   NoBus = 3,         // not reached, or lost on the way
   NoService = 4,     // nobody owns the service's name
-  NotTaken = 5,      // the service is there and does not take this message
+  NotTaken = 5,      // the service is there and does not take this message, or not now
   NotPermitted = 6,  // the bus policy forbids it
   TimedOut = 7,      // no answer in time
 };

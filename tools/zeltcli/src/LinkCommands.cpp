@@ -24,7 +24,7 @@ class Link {
 
   // The status as Kova tells it when asked, after everything that was sent to it before.
   std::int64_t Ask() {
-    session_.Subscribe(kLinkStatus);
+    session_.Subscribe(kLinkStatus, kKova);
     while (true) {
       const auto [status, published] = Next();
       if (!published) {
@@ -63,7 +63,7 @@ class Link {
  private:
   std::pair<std::int64_t, bool> Next() {
     while (const auto message = session_.Next(deadline_)) {
-      if (const auto value = message->type == kLinkStatus
+      if (const auto value = message->type == kLinkStatus && message->sender == kKova
                                  ? cli_.types.Parse(message->type, message->payload)
                                  : std::nullopt) {
         last_ = value->Number("status");

@@ -51,6 +51,9 @@ void ThrowUnlessTimedOut(const ServiceIPC::Reply& reply, const std::string& serv
     case Outcome::NotTaken:
       throw CliError(Exit::NotTaken, service + " did not take " + type + ": " + reply.error,
                      "zeltcli types shows what Kova accepts");
+    case Outcome::Busy:
+      throw CliError(Exit::NotTaken, service + " has no room for " + type + " now: " + reply.error,
+                     "try again in a moment");
     case Outcome::NotPermitted:
       throw CliError(Exit::NotPermitted, "the bus does not permit it: " + reply.error,
                      "run it as a user whom the policy of the bus allows to talk to " + service);
@@ -144,9 +147,10 @@ void Session::Inbox::Put(Incoming message) {
   filled.NotifyOne();
 }
 
-std::optional<Incoming> Session::Inbox::Take(Clock::time_point deadline, bool addressed_only) {
-  const auto wanted = [addressed_only](const Incoming& message) {
-    return !addressed_only || !message.published;
+std::optional<Incoming> Session::Inbox::Take(Clock::time_point deadline, std::string_view sender) {
+  const auto wanted = [sender](const Incoming& message) {
+    return sender.empty() ||
+           (!message.published && (message.sender == sender || message.connection == sender));
   };
   Lock lock(mutex);
   auto found = std::ranges::find_if(messages, wanted);
@@ -186,7 +190,8 @@ ServiceIPC::MessageCallback Session::ToInbox(bool published) const {
     inbox->Put({.sender = envelope.sender,
                 .type = envelope.type,
                 .payload = std::string(payload),
-                .published = published});
+                .published = published,
+                .connection = envelope.connection});
   };
 }
 
@@ -209,7 +214,7 @@ Incoming Session::Request(const std::string& service, const std::string& type,
   while (true) {
     // A message wakes the inbox; the reply is looked at, the less often the longer it takes.
     poll = std::min(poll * 2, ended ? milliseconds(0) : kLongestPoll);
-    if (auto message = inbox_->Take(Clock::now() + poll, true)) {
+    if (auto message = inbox_->Take(Clock::now() + poll, service)) {
       return std::move(*message);
     }
     if (ended) {
@@ -232,19 +237,24 @@ Incoming Session::Request(const std::string& service, const std::string& type,
   }
 }
 
-void Session::Subscribe(const std::string& topic) {
+void Session::Subscribe(const std::string& topic, std::string_view publisher) {
+  own_name_.Close();
   subscription_.Close();
   if (!topic.empty()) {
     // What is sent to this tool alone is not what was published.
-    addressed_ = ipc_->RegisterCallbackImpl(topic, std::nullopt, ToInbox(false));
+    std::optional<gsl::span<std::string_view>> allowed;
+    if (!publisher.empty()) {
+      allowed.emplace(&publisher, 1);
+    }
+    addressed_ = ipc_->RegisterCallbackImpl(topic, allowed, ToInbox(false));
   }
-  subscription_ = ipc_->SubscribeImpl(topic, ToInbox(true));
+  subscription_ = ipc_->SubscribeImpl(topic, publisher, ToInbox(true));
 }
 
 std::optional<Incoming> Session::Next(Clock::time_point deadline) {
   while (!Interrupted()) {
     const auto now = Clock::now();
-    if (auto message = inbox_->Take(std::min(deadline, now + kTick), false)) {
+    if (auto message = inbox_->Take(std::min(deadline, now + kTick))) {
       return message;
     }
     if (now >= deadline) {

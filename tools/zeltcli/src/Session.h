@@ -33,10 +33,11 @@ std::vector<std::string> ServiceNames();
 
 // A received message.
 struct Incoming {
-  std::string sender;
+  std::string sender;  // its name or, without one, its connection
   std::string type;
   std::string payload;
-  bool published = false;  // false: sent to this tool alone, or the answer to its request
+  bool published = false;    // false: sent to this tool alone, or the answer to its request
+  std::string connection{};  // the sender's; empty for an answer
 };
 
 // The tool on the bus under a name, with everything that arrives for it in one inbox.
@@ -52,14 +53,16 @@ class Session {
   // Returns once a callback of the receiver has taken the message, for which it has 1 s.
   void Send(const std::string& service, const std::string& type, std::string_view payload);
 
-  // Sends, and returns the answer: a response to the request or a message to this tool's own name,
-  // whichever comes first. Calls `tick` now and then while it waits; what that throws ends it.
+  // Sends, and returns the answer: a response to the request or a message from that service to this
+  // tool's own name, whichever comes first. Calls `tick` now and then while it waits; what that
+  // throws ends it.
   Incoming Request(const std::string& service, const std::string& type, std::string_view payload,
                    Seconds timeout, const std::function<void()>& tick = {});
 
-  // Takes what is published under `topic` (empty: everything). Again: announces this tool anew, so
-  // that whoever keeps a state tells it.
-  void Subscribe(const std::string& topic);
+  // Takes what `publisher` publishes under `topic`, or sends to this tool alone; an empty topic is
+  // everything, an empty publisher everybody. Nothing else is taken from then on. Again: announces
+  // this tool anew, so that whoever keeps a state tells it.
+  void Subscribe(const std::string& topic, std::string_view publisher);
 
   // The next message, oldest first; nothing when none comes in time. Throws when the bus is lost.
   std::optional<Incoming> Next(Clock::time_point deadline);
@@ -68,7 +71,8 @@ class Session {
   // Shared with the callbacks, which may outlive this object by a moment.
   struct Inbox {
     void Put(Incoming message) ZELT_EXCLUDES(mutex);
-    std::optional<Incoming> Take(Clock::time_point deadline, bool addressed_only)
+    // The oldest; with `sender`, the oldest that this service has sent to this tool alone.
+    std::optional<Incoming> Take(Clock::time_point deadline, std::string_view sender = {})
         ZELT_EXCLUDES(mutex);
 
     Mutex mutex;

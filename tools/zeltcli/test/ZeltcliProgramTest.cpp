@@ -34,6 +34,7 @@ class FakeKova {
     Respond("Kova.InjectQrxRequest", "Kova.InjectQrxResponse", R"({"payload":"hAE="})");
     Respond("Kova.VideoControlRequest", "Kova.GetDateTimeResp", "{}");
     On("Kova.RtVersionMsg", [this](const auto& envelope, const MessageValue& message) {
+      before_telling_(envelope.sender);
       if (message.Has("request")) {
         Send(envelope.sender, "Kova.RtVersionMsg",
              R"({"response":{"version":"1.2","build_number":3}})");
@@ -44,6 +45,7 @@ class FakeKova {
       Answer(envelope, "Kova.TransferFirmwareResponse", refused ? R"({"result":1})" : "{}");
     });
     On("Kova.BatteryLevelRequest", [](const auto&, const MessageValue&) {});
+    On("Kova.UsbStatus", [](const auto&, const MessageValue&) { throw Busy("64 MiB wait"); });
     On("Kova.RtConnectionAction", [this](const auto& envelope, const MessageValue& message) {
       const bool start = message.Number("action") == 0;
       if (start) {  // told as if another service had become ready, and at once out of date
@@ -54,6 +56,7 @@ class FakeKova {
     });
     handles_.push_back(ipc_->AddSubscribeHandlerImpl(
         [this](std::string_view subscriber) {
+          before_telling_(std::string(subscriber));
           Send(std::string(subscriber), "Kova.RTConnectionStatus", Status());
         },
         "Kova.RTConnectionStatus"));
@@ -62,6 +65,13 @@ class FakeKova {
 
   // What the next start leads to.
   void StartsTo(const char* status) { starts_to_ = status; }
+  // Does something before a tool is told the status or the version. Once, before any tool.
+  void BeforeTelling(std::function<void(const std::string& tool)> what) {
+    before_telling_ = std::move(what);
+  }
+  std::string Bytes(const std::string& type, const std::string& json) const {
+    return types_.FromJson(types_.Find(type), json).Bytes();
+  }
 
  private:
   using Handler =
@@ -76,9 +86,6 @@ class FakeKova {
   void Respond(const std::string& request, const std::string& answer, const std::string& json) {
     On(request,
        [=, this](const auto& envelope, const MessageValue&) { Answer(envelope, answer, json); });
-  }
-  std::string Bytes(const std::string& type, const std::string& json) const {
-    return types_.FromJson(types_.Find(type), json).Bytes();
   }
   void Answer(const ServiceIPC::MessageEnvelope& envelope, const std::string& type,
               const std::string& json) {
@@ -97,6 +104,7 @@ class FakeKova {
   std::shared_ptr<ServiceIPC> ipc_;
   std::atomic<const char*> status_ = "CONNECTED";
   std::atomic<const char*> starts_to_ = "CONNECTED";
+  std::function<void(const std::string&)> before_telling_ = [](const std::string&) {};
   std::vector<AsyncCallbackHandle> handles_;
 };
 
@@ -158,6 +166,8 @@ TEST_F(ZeltcliTest, EachKindOfFailureHasItsStatusAndAnAdvice) {
          R"({"ok":false,"exit":4,"error":"there is no service)");
   Expect(4, {"send", "Upgrade", "RtVersionMsg"}, "zeltcli services shows who is there");
   Expect(5, {"send", "Kova", "RtVersionRequest"}, "did not take Kova.RtVersionRequest");
+  Expect(5, {"send", "Kova", "UsbStatus"}, "no room for Kova.UsbStatus now: 64 MiB wait");
+  Expect(5, {"request", "Kova", "UsbStatus"}, "try again in a moment");
   Expect(7, {"--timeout", "0.1", "request", "Kova", "BatteryLevelRequest"}, "goes to Battery");
   Expect(7, {"--timeout", "0.1", "request", "Kova", "RtConnectionAction", R"({"action":1})"},
          "Kova answers no Kova.RtConnectionAction");
@@ -201,6 +211,29 @@ TEST_F(ZeltcliTest, LinkIsFollowedToItsEnd) {
   kova_.StartsTo("UPGRADE_IN_PROCESS");
   Expect(1, {"link", "up"}, "the radio upgrades itself");
   Expect(1, {"link", "up"}, "the link is UPGRADE_IN_PROCESS");
+}
+
+TEST_F(ZeltcliTest, StrangerIsNotBelievedThoughItIsFirst) {
+  const auto stranger = ServiceModel::Create()->GetServiceIPC();
+  const auto status = kova_.Bytes("Kova.RTConnectionStatus", R"({"status":"CONNECTED"})");
+  const auto version = kova_.Bytes("Kova.RtVersionMsg", R"({"response":{"version":"forged"}})");
+  kova_.BeforeTelling([=](const std::string& tool) {
+    stranger->PublishImpl("Kova.RTConnectionStatus", status);
+    for (const auto& [type, payload] :
+         {std::pair("Kova.RTConnectionStatus", status), std::pair("Kova.RtVersionMsg", version)}) {
+      stranger->RequestImpl(tool, type, payload, std::chrono::milliseconds(0)).get();
+    }
+  });
+  Expect(0, {"link", "down"}, "the link is DISCONNECTED");
+  kova_.StartsTo("HANDSHAKE_FAILED");
+  Expect(1, {"link", "up"}, "the link is HANDSHAKE_FAILED");
+  const std::string told = R"(Kova > Kova.RTConnectionStatus {"status":"HANDSHAKE_FAILED"})";
+  Expect(0, {"link", "watch", "--count", "1"}, told);
+  Expect(0, {"subscribe", "RTConnectionStatus", "--count", "1"}, told);
+  kova_.StartsTo("CONNECTED");
+  Expect(0, {"link", "up"}, "the link is CONNECTED");
+  Expect(0, {"version"}, "radio software 1.2 build 3");
+  Expect(0, {"request", "Kova", "RtVersionMsg", R"({"request":{}})"}, R"("version": "1.2")");
 }
 
 TEST_F(ZeltcliTest, FirmwareIsCheckedBeforeItIsPushed) {

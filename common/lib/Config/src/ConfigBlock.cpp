@@ -31,6 +31,16 @@ void* Map(int fd) {
   return mmap(nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
 }
 
+// Makes sure that all of a block has a place in memory: to write into a page that has none would
+// end the process when the file system is full. False with errno.
+bool Reserve(int fd) {
+  int result = 0;
+  do {
+    result = fallocate(fd, 0, 0, sizeof(ConfigBlock::Layout));
+  } while (result != 0 && errno == EINTR);
+  return result == 0 || errno == EOPNOTSUPP;
+}
+
 void CheckLock(int error, const std::string& path, const char* what) {
   if (error != 0) {
     throw std::system_error(
@@ -64,7 +74,8 @@ bool IsTrusted(uid_t owner, const std::string& path) {
           owner == folder.st_uid);
 }
 
-void Initialise(void* memory, const std::string& path) {
+// Gives an errno value, 0 on success.
+int Initialise(void* memory) {
   auto* const layout = new (memory) ConfigBlock::Layout{};
   layout->magic = ConfigBlock::kMagic;
   layout->version = ConfigBlock::kVersion;
@@ -76,7 +87,7 @@ void Initialise(void* memory, const std::string& path) {
   pthread_mutexattr_settype(&attributes, PTHREAD_MUTEX_ERRORCHECK);
   const int error = pthread_mutex_init(&layout->mutex, &attributes);
   pthread_mutexattr_destroy(&attributes);
-  CheckLock(error, path, "make the lock of");
+  return error;
 }
 
 }  // namespace
@@ -100,7 +111,7 @@ ConfigBlock::OpenResult ConfigBlock::Open(const std::string& path) {
                              ", expected root, user " + std::to_string(geteuid()) +
                              " or the owner of the folder");
   }
-  void* const memory = Map(file.Get());
+  void* const memory = Reserve(file.Get()) ? Map(file.Get()) : MAP_FAILED;
   if (memory == MAP_FAILED) {
     const int error = errno;
     return failed(error, std::string("cannot be mapped: ") + std::strerror(error));
@@ -131,16 +142,18 @@ void ConfigBlock::Create(const std::string& path) {
     errno = error;
     ThrowErrno(path);
   };
-  if (ftruncate(file.Get(), sizeof(Layout)) != 0 || fchmod(file.Get(), kFileMode) != 0) {
+  if (ftruncate(file.Get(), sizeof(Layout)) != 0 || fchmod(file.Get(), kFileMode) != 0 ||
+      !Reserve(file.Get())) {
     give_up();
   }
   void* const memory = Map(file.Get());
   if (memory == MAP_FAILED) {
     give_up();
   }
-  Initialise(memory, path);
+  const int error = Initialise(memory);
   munmap(memory, sizeof(Layout));
-  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+  errno = error;
+  if (error != 0 || std::rename(temporary.c_str(), path.c_str()) != 0) {
     give_up();
   }
 }

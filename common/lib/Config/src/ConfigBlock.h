@@ -5,9 +5,11 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 namespace zelt {
@@ -39,7 +41,27 @@ class ConfigBlock : public SharedMemoryBlockReaderIF {
   static_assert(std::atomic<std::uint32_t>::is_always_lock_free);
 
   static constexpr std::uint64_t kMagic = 0x31464E4F43544C5A;  // "ZLTCONF1" in memory
-  static constexpr std::uint32_t kVersion = 1;  // raise it with every change of Layout
+
+  // Raise it with every change of Layout. Each assertion that has to be changed is one.
+  static constexpr std::uint32_t kVersion = 1;
+  static_assert(offsetof(OfficerRecord, name) == 33);
+  static_assert(offsetof(OfficerRecord, collaborationEnabled) == 98);
+  static_assert(sizeof(OfficerRecord) == 99);
+  static_assert(offsetof(OfficerList, current) == 4 && offsetof(OfficerList, officers) == 8);
+  static_assert(sizeof(OfficerList) == 8 + 32 * sizeof(OfficerRecord));
+  static_assert(offsetof(ConfigRecord, reserved) == 33 && offsetof(ConfigRecord, officers) == 36);
+  static_assert(offsetof(ConfigRecord, tetheredStreaming) == 3212);
+  static_assert(offsetof(ConfigRecord, tetheredUploading) == 3213);
+  static_assert(offsetof(ConfigRecord, reservedAtEnd) == 3214 && sizeof(ConfigRecord) == 3216);
+  static_assert(std::has_unique_object_representations_v<ConfigRecord>, "no padding");
+  static_assert(offsetof(Layout, version) == 8 && offsetof(Layout, size) == 12);
+  static_assert(offsetof(Layout, mutex) == 16);
+  static constexpr std::size_t kAfterMutex = 16 + sizeof(pthread_mutex_t);
+  static_assert(offsetof(Layout, published) == kAfterMutex);
+  static_assert(offsetof(Layout, committed) == kAfterMutex + 4);
+  static_assert(offsetof(Layout, record) == kAfterMutex + 8);
+  static_assert(offsetof(Layout, staging) == kAfterMutex + 8 + sizeof(ConfigRecord));
+  static_assert(sizeof(Layout) == kAfterMutex + 8 + 2 * sizeof(ConfigRecord));
 
   struct OpenResult {
     std::shared_ptr<ConfigBlock> block;

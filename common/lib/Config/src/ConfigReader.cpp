@@ -3,12 +3,22 @@
 #include "zelt/Paths.h"
 
 #include <cerrno>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
 namespace zelt {
 namespace {
+
+// One configuration, copied under one lock. Nobody changes it, so there is nothing to lock.
+struct Snapshot : SharedMemoryBlockReaderIF {
+  explicit Snapshot(const ConfigRecord& from) : record(from) {}
+  void Lock() override {}
+  void Unlock() override {}
+
+  const ConfigRecord record;
+};
 
 class ConfigReader : public ConfigReaderIF {
  public:
@@ -20,16 +30,15 @@ class ConfigReader : public ConfigReaderIF {
     }
     try {
       // The lock first: it brings what a dead writer committed into force.
-      block->Lock();
-      const bool published = block->IsPublished();
-      block->Unlock();
-      if (!published) {
+      const auto access = SharedMemoryReadPointer<ConfigRecord>(block, &block->Record()).Lock();
+      if (!block->IsPublished()) {
         return {.record = {}, .error = ENODATA, .errorText = path + ": nothing published yet"};
       }
+      const auto snapshot = std::make_shared<Snapshot>(*access);
+      return {.record = {snapshot, &snapshot->record}, .error = 0, .errorText = {}};
     } catch (const std::system_error& failure) {
       return {.record = {}, .error = failure.code().value(), .errorText = failure.what()};
     }
-    return {.record = {block, &block->Record()}, .error = 0, .errorText = {}};
   }
 };
 

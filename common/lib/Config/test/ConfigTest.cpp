@@ -7,14 +7,20 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <linux/futex.h>
+#include <sched.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <cstddef>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -22,6 +28,7 @@
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace zelt {
 namespace {
@@ -79,7 +86,7 @@ class ConfigTest : public testing::Test {
 };
 
 TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
-  const auto expect = [this](int error, const char* reason) {
+  const auto expect = [this](int error, const std::string& reason) {
     const ConfigResult result = Get();
     EXPECT_FALSE(result.record);
     EXPECT_EQ(result.error, error);
@@ -91,6 +98,9 @@ TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
   expect(ENODATA, "nothing published yet");
   publisher.Publish(RecordOf('a'));
   EXPECT_EQ(Get().errorText, "");
+  EXPECT_FALSE(SharedMemoryReadPointer<ConfigRecord>(ConfigBlock::Open(path_).block, nullptr));
+  Overwrite(offsetof(ConfigBlock::Layout, size), 9);
+  expect(EPROTO, " of " + std::to_string(sizeof(ConfigBlock::Layout) / 256 * 256 + 9) + " bytes");
   Overwrite(offsetof(ConfigBlock::Layout, version), 9);
   expect(EPROTO, "has layout 9 of");
   Overwrite(offsetof(ConfigBlock::Layout, magic), 'x');
@@ -112,6 +122,14 @@ TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
   EXPECT_THROW(InterfaceFactory::Create<ConfigReaderIF>("OtherIF"), std::runtime_error);
 }
 
+TEST_F(ConfigTest, SpoiltOfficerListAssignsNobody) {
+  OfficerList list{};
+  list.officers.fill({.id = {}, .name = {}, .collaborationEnabled = true});
+  list.count = 40;
+  list.current = 35;
+  EXPECT_FALSE(list.GetCurrentOfficer().collaborationEnabled);
+}
+
 TEST_F(ConfigTest, DeathOfTheLockHolderLeavesAWholeRecord) {
   // The steps of a writer done before it died, and the record that the next to lock finds.
   const std::array outcomes = {"oo", "oo", "nn", "nn", "nn"};
@@ -124,30 +142,85 @@ TEST_F(ConfigTest, DeathOfTheLockHolderLeavesAWholeRecord) {
   for (std::size_t steps = 0; steps < outcomes.size(); ++steps) {
     SCOPED_TRACE(steps);
     publisher.Publish(RecordOf('o'));
-    const ConfigResult early_reader = Get();
     DieHoldingLock([steps](ConfigBlock& block) {
       if (steps > 0) block.Stage(RecordOf('n'));
       if (steps > 1) block.Commit();
       if (steps == 3) const_cast<ConfigRecord&>(block.Record()).workingMode.front() = 'n';
       if (steps > 3) block.Finish();
     });
-    EXPECT_EQ(ModeOf(early_reader), outcomes.at(steps));
     EXPECT_EQ(ModeOf(Get()), outcomes.at(steps));
     publisher.Publish(RecordOf('z'));
-    EXPECT_EQ(ModeOf(early_reader), "zz");
+    EXPECT_EQ(ModeOf(Get()), "zz");
   }
 }
 
-TEST_F(ConfigTest, ReadersKeepTheirRecordAcrossARestartOfTheService) {
-  std::make_unique<ConfigPublisher>(path_)->Publish(RecordOf('a'));
+TEST_F(ConfigTest, ReaderKeepsOneConfigurationWhileOthersArePublished) {
+  ConfigPublisher publisher(path_);
+  publisher.Publish(RecordOf('a'));
   const ConfigResult one = Get();
-  const ConfigResult other = Get();
+  publisher.Publish(RecordOf('b'));
+  EXPECT_EQ(ModeOf(Get()), "bb");
   ConfigPublisher restarted(path_);
-  EXPECT_EQ(ModeOf(one), "aa");
-  restarted.Publish(RecordOf('b'));
-  EXPECT_EQ(ModeOf(one) + ModeOf(other), "bbbb");
+  EXPECT_EQ(ModeOf(Get()), "bb");
+  restarted.Publish(RecordOf('c'));
+  publisher.Publish(RecordOf('d'));
+  EXPECT_EQ(ModeOf(Get()), "dd") << "the block was taken over, not replaced";
   std::filesystem::remove(path_);
-  EXPECT_EQ(ModeOf(one), "bb");
+  EXPECT_EQ(ModeOf(one), "aa");
+}
+
+// What happens in a process with a file system of its own for the block, with one page of room.
+class FullFileSystem : public ConfigTest {
+ protected:
+  // `act` gives a text; "" when all went well.
+  static std::string InChild(const std::function<std::string()>& act) {
+    std::array<int, 2> ends{};
+    EXPECT_EQ(pipe(ends.data()), 0);
+    const pid_t child = fork();
+    if (child == 0) {
+      const std::string text = act();
+      _exit(write(ends[1], text.data(), text.size()) < 0 ? 1 : 0);
+    }
+    close(ends[1]);
+    std::string text(1000, '\0');
+    text.resize(static_cast<std::size_t>(std::max<ssize_t>(read(ends[0], text.data(), 1000), 0)));
+    close(ends[0]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return status == 0 ? text : "ended with " + std::to_string(status);
+  }
+  std::string Mount() const {
+    const std::string folder = std::filesystem::path(path_).parent_path();
+    std::filesystem::create_directories(folder);
+    const bool done = unshare(CLONE_NEWNS | (geteuid() == 0 ? 0 : CLONE_NEWUSER)) == 0 &&
+                      mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                      mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=4k") == 0;
+    return done ? "" : "no right to mount: " + std::string(std::strerror(errno));
+  }
+};
+
+TEST_F(FullFileSystem, IsToldAndLeavesNothingBehind) {
+  if (const std::string why = InChild([this] { return Mount(); }); !why.empty()) {
+    GTEST_SKIP() << why;
+  }
+  EXPECT_THAT(InChild([this]() -> std::string {
+                Mount();
+                try {
+                  ConfigPublisher{path_};
+                  return "published";
+                } catch (const std::runtime_error& error) {
+                  const auto folder = std::filesystem::path(path_).parent_path();
+                  return std::filesystem::is_empty(folder) ? error.what() : "left a file";
+                }
+              }),
+              HasSubstr(path_ + ": No space left on device"));
+  EXPECT_THAT(InChild([this] {
+                Mount();
+                std::ofstream(path_).flush();
+                std::filesystem::resize_file(path_, sizeof(ConfigBlock::Layout));
+                return Get().errorText;
+              }),
+              HasSubstr(path_ + ": cannot be mapped: No space left on device"));
 }
 
 TEST_F(ConfigTest, BlockOfAStrangerIsRefusedAndReplaced) {
@@ -157,18 +230,57 @@ TEST_F(ConfigTest, BlockOfAStrangerIsRefusedAndReplaced) {
   }
   EXPECT_EQ(Get().error, EPERM);
   EXPECT_THAT(Get().errorText, HasSubstr(path_ + ": belongs to user 4711, expected root, user 0"));
+  const std::string folder = std::filesystem::path(path_).parent_path();
+  ASSERT_EQ(chown(folder.c_str(), 4711, static_cast<gid_t>(-1)), 0);
+  EXPECT_EQ(Get().error, 0) << "the owner of the folder is none";
+  ASSERT_EQ(chown(folder.c_str(), 0, static_cast<gid_t>(-1)), 0);
   ConfigPublisher(path_).Publish(RecordOf('b'));
   EXPECT_EQ(ModeOf(Get()), "bb");
+  EXPECT_EQ(std::filesystem::status(path_).permissions(), std::filesystem::perms{0660});
 }
 
 TEST_F(ConfigTest, LockThatIsHeldEndsTheWait) {
   ConfigPublisher(path_).Publish(RecordOf('a'));
-  const auto access = Get().record.Lock();
-  EXPECT_EQ(access->workingMode.front(), 'a') << "keeps alive what it came from";
+  const auto block = ConfigBlock::Open(path_).block;
+  block->Lock();
   const ConfigResult result = std::async(std::launch::async, Get).get();
   EXPECT_EQ(result.error, ETIMEDOUT);
   EXPECT_THAT(result.errorText, HasSubstr(path_ + ": cannot lock"));
-  EXPECT_THROW(ConfigPublisher{path_}, std::runtime_error) << "this thread holds it already";
+  EXPECT_THAT(result.errorText, HasSubstr("within 1 s"));
+  try {
+    const ConfigPublisher second(path_);
+    FAIL() << "this thread holds it already";
+  } catch (const std::system_error& error) {
+    EXPECT_EQ(error.code().value(), EDEADLK);
+  }
+  block->Unlock();
+}
+
+// The other process lets go as soon as somebody waits, which the kernel marks in the lock.
+TEST_F(ConfigTest, LockIsPassedOnToAWaitingProcess) {
+  ConfigPublisher(path_).Publish(RecordOf('a'));
+  const int file = open(path_.c_str(), O_RDWR | O_CLOEXEC);
+  auto* const layout = static_cast<ConfigBlock::Layout*>(
+      mmap(nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
+  close(file);
+  const std::atomic_ref<int> lock(*reinterpret_cast<int*>(&layout->mutex));
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);
+    const auto block = ConfigBlock::Open(path_).block;
+    block->Lock();
+    while ((static_cast<unsigned>(lock.load()) & FUTEX_WAITERS) == 0) {
+      sched_yield();
+    }
+    block->Unlock();
+    _exit(0);
+  }
+  while (lock.load() == 0) {
+    sched_yield();
+  }
+  EXPECT_EQ(Get().errorText, "");
+  waitpid(child, nullptr, 0);
+  munmap(layout, sizeof(ConfigBlock::Layout));
 }
 
 TEST_F(ConfigTest, BlockBeyondRepairIsReportedAndReplaced) {

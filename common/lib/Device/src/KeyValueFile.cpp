@@ -1,13 +1,13 @@
 #include "KeyValueFile.h"
 
-#include <cerrno>
-#include <cstring>
-#include <fstream>
-#include <stdexcept>
+#include "zelt/RegularFile.h"
+
+#include <sstream>
 
 namespace zelt {
 namespace {
 
+constexpr std::size_t kMaxSize = std::size_t{64} * 1024;
 constexpr std::string_view kBlanks = " \t\r";
 
 std::string Trim(std::string_view text) {
@@ -32,16 +32,12 @@ std::string_view WithoutComment(std::string_view line) {
 std::map<std::string, std::string> ReadKeyValueFile(std::string_view path) {
   std::map<std::string, std::string> values;
   std::string line;
-  errno = 0;
-  std::ifstream file{std::string(path)};
+  std::istringstream file(ReadSmallFile(std::string(path), kMaxSize));
   while (std::getline(file, line)) {
     const std::string_view content = WithoutComment(line);
     if (const auto equals = content.find('='); equals != std::string_view::npos) {
       values.insert_or_assign(Trim(content.substr(0, equals)), Trim(content.substr(equals + 1)));
     }
-  }
-  if (!file.eof()) {
-    throw std::runtime_error("cannot read " + std::string(path) + ": " + std::strerror(errno));
   }
   return values;
 }

@@ -2,6 +2,7 @@
 
 #include "zelt/FileDescriptor.h"
 #include "zelt/LogClient.h"
+#include "zelt/StartThread.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -13,18 +14,28 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstddef>
 #include <cstring>
+#include <ranges>
+#include <string>
+#include <string_view>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace zelt {
 namespace {
 
+using Clock = std::chrono::steady_clock;
+using std::chrono::milliseconds;
+
 constexpr std::uint32_t kCategory = 0x800A;
 constexpr std::size_t kKept = std::size_t{64} * 1024;
 constexpr int kCannotRun = 127;  // as shells have it
+constexpr std::size_t kLoggedLines = 20;
+constexpr int kRoomForOthers = 1024 * 1024;
 
 // One output of the child: the pipe, and the last of what came through it.
 class Output {
@@ -35,24 +46,37 @@ class Output {
       ThrowErrno("pipe2");
     }
     read_ = FileDescriptor(ends[0]);
+    FileDescriptor end(ends[1]);
+    // Whoever has this end can read, too, so that the pipe never is without a reader. Without /proc
+    // it is an end for writing as any other.
+    const std::string name = "/proc/self/fd/" + std::to_string(end.Get());
+    if (FileDescriptor both(open(name.c_str(), O_RDWR | O_CLOEXEC)); both) {
+      end = std::move(both);
+    }
     // Above the standard three, so that in the child no dup2 overwrites it.
-    write_ =
-        FileDescriptor(fcntl(FileDescriptor(ends[1]).Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
+    write_ = FileDescriptor(fcntl(end.Get(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
     capacity_ = fcntl(read_.Get(), F_GETPIPE_SZ);
-    if (write_.Get() < 0 || capacity_ < 0 || fcntl(read_.Get(), F_SETFL, O_NONBLOCK) != 0) {
+    if (!write_ || capacity_ < 0 || fcntl(read_.Get(), F_SETFL, O_NONBLOCK) != 0) {
       ThrowErrno("fcntl");
     }
   }
 
-  int ReadEnd() const { return read_.Get(); }  // negative once all has been read
+  bool IsOpen() const { return static_cast<bool>(read_); }  // false once nobody has the other end
+  int ReadEnd() const { return read_.Get(); }
   int WriteEnd() const { return write_.Get(); }
-  void CloseWriteEnd() { write_.Close(); }
+
+  // From here on, nobody who still has the other end waits for this one.
+  void LetGo() {
+    fcntl(write_.Get(), F_SETPIPE_SZ, kRoomForOthers);
+    fcntl(write_.Get(), F_SETFL, O_NONBLOCK);
+    write_.Close();
+  }
 
   // Reads all that lies in the pipe, but no more than fits into it at a time, so that a writer that
   // never rests cannot hold the reader up.
   void Drain() {
     std::array<char, kKept> buffer;  // NOLINT(cppcoreguidelines-pro-type-member-init)
-    for (ssize_t left = capacity_; left > 0 && read_.Get() >= 0;) {
+    for (ssize_t left = capacity_; left > 0 && read_;) {
       const ssize_t size = read(read_.Get(), buffer.data(), buffer.size());
       if (size > 0) {
         left -= size;
@@ -171,44 +195,129 @@ int Reap(pid_t child) {
   return status;
 }
 
-ForkAndExecResult Run(UniqueFunction<void()>& inChild) {
-  Output output;
-  Output error;
-  const pid_t child = Fork(output, error, inChild);
-  if (child < 0) {
-    ThrowErrno("fork");
-  }
-  output.CloseWriteEnd();
-  error.CloseWriteEnd();
-  // The child is ours and not reaped yet, so its number cannot have been given away.
-  const FileDescriptor ended(static_cast<int>(syscall(SYS_pidfd_open, child, 0)));
-  if (ended.Get() < 0) {
-    const int cause = errno;
-    kill(child, SIGKILL);
-    Reap(child);
-    errno = cause;
-    ThrowErrno("pidfd_open");
-  }
-  std::array<pollfd, 3> events{};
-  do {
-    events = {{{.fd = ended.Get(), .events = POLLIN, .revents = 0},
-               {.fd = output.ReadEnd(), .events = POLLIN, .revents = 0},
-               {.fd = error.ReadEnd(), .events = POLLIN, .revents = 0}}};
-    if (poll(events.data(), events.size(), -1) < 0) {
-      events[0].revents = 0;  // EINTR: nothing has been told
+// A child that has been started, and what can be heard of it.
+class Child {
+ public:
+  explicit Child(UniqueFunction<void()>& inChild) : pid_(Fork(output_, error_, inChild)) {
+    if (pid_ < 0) {
+      ThrowErrno("fork");
     }
-    // Once the child has ended, all that it wrote lies in the pipes, and this takes the rest.
-    output.Drain();
-    error.Drain();
-  } while (events[0].revents == 0);
-  return {.status = Reap(child), .standardOutput = output.Take(), .standardError = error.Take()};
+    end_ = FileDescriptor(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+    if (!end_) {
+      const int cause = errno;
+      int status = 0;
+      if (waitpid(pid_, &status, WNOHANG) == 0) {  // else the number may be somebody else's by now
+        kill(pid_, SIGKILL);
+        Reap(pid_);
+      }
+      errno = cause;
+      ThrowErrno("pidfd_open");
+    }
+  }
+
+  // Reads what it says until it has ended, or `time` is over: false.
+  bool WaitForEnd(Clock::time_point time) {
+    for (;;) {
+      const auto left = std::chrono::ceil<milliseconds>(time - Clock::now());
+      if (left.count() <= 0) {
+        return false;
+      }
+      // Once the child has ended, all that it wrote lies in the pipes, and this takes the rest.
+      if (Listen(static_cast<int>(left.count()))) {
+        return true;
+      }
+    }
+  }
+
+  // What it said, and how it ended. One that has not is killed and left to itself.
+  ForkAndExecResult Finish(bool has_ended) {
+    int status = SIGKILL;  // as waitpid tells it
+    if (has_ended) {
+      status = Reap(pid_);
+      end_.Close();
+    } else {
+      syscall(SYS_pidfd_send_signal, end_.Get(), SIGKILL, nullptr, 0);
+    }
+    output_.LetGo();
+    error_.LetGo();
+    output_.Drain();
+    error_.Drain();
+    return {.status = status, .standardOutput = output_.Take(), .standardError = error_.Take()};
+  }
+
+  bool IsGone() const { return !end_ && !output_.IsOpen() && !error_.IsOpen(); }
+
+  // Reaps it, and throws away what whoever has its outputs writes, until there is nobody.
+  void Outlast() {
+    while (!IsGone()) {
+      if (Listen(-1)) {
+        waitpid(pid_, nullptr, 0);
+        end_.Close();
+      }
+      output_.Take();
+      error_.Take();
+    }
+  }
+
+ private:
+  // Waits until something happens, and reads what there is. True: it has ended.
+  bool Listen(int timeout) {
+    std::array<pollfd, 3> events = {{{.fd = end_.Get(), .events = POLLIN, .revents = 0},
+                                     {.fd = output_.ReadEnd(), .events = POLLIN, .revents = 0},
+                                     {.fd = error_.ReadEnd(), .events = POLLIN, .revents = 0}}};
+    const bool is_told = poll(events.data(), events.size(), timeout) > 0;
+    output_.Drain();
+    error_.Drain();
+    return is_told && events[0].revents != 0;
+  }
+
+  Output output_;
+  Output error_;
+  pid_t pid_;
+  // Readable once it has ended. It is not reaped before, so its number is its own until then.
+  FileDescriptor end_;
+};
+
+void LogLines(std::string_view text) {
+  if (text.ends_with('\n')) {
+    text.remove_suffix(1);
+  }
+  std::vector<std::string_view> lines;  // the last one first
+  while (!text.empty() && lines.size() < kLoggedLines) {
+    const std::size_t start = text.find_last_of('\n') + 1;
+    lines.push_back(text.substr(start));
+    text = text.substr(0, start == 0 ? 0 : start - 1);
+  }
+  for (const std::string_view line : std::views::reverse(lines)) {
+    ZELT_LOG_AS("ForkAndExecImpl", kLogWarning, kCategory) << "A child process says: " << line;
+  }
+}
+
+ForkAndExecResult Run(UniqueFunction<void()>& inChild, milliseconds limit) {
+  Child child(inChild);
+  const bool has_ended = child.WaitForEnd(Clock::now() + limit);
+  ForkAndExecResult result = child.Finish(has_ended);
+  LogLines(result.standardError);
+  if (!has_ended) {
+    ZELT_LOG_AS("ForkAndExecImpl", kLogError, kCategory)
+        << "Killed a child process that did not end within " << limit.count() << " ms";
+  }
+  if (!child.IsGone()) {
+    try {
+      StartThread([child = std::move(child)]() mutable { child.Outlast(); }).detach();
+    } catch (const std::system_error& error) {
+      ZELT_LOG(kLogError, kCategory)
+          << "Nobody reads what a child process has left behind: " << error.what();
+    }
+  }
+  return result;
 }
 
 }  // namespace
 
-ForkAndExecResult ForkAndExecImpl(UniqueFunction<void()> inChild) {
+ForkAndExecResult ForkAndExecImpl(UniqueFunction<void()> inChild, milliseconds limit) {
   try {
-    return Run(inChild);
+    return Run(inChild, limit);
   } catch (const std::system_error& error) {
     ZELT_LOG(kLogError, kCategory) << "Failed to run a child process: " << error.what();
     return {.status = -1, .standardOutput = {}, .standardError = {}};

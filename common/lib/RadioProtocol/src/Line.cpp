@@ -1,5 +1,8 @@
 #include "Line.h"
 
+#include "Limits.h"
+#include "zelt/Paths.h"
+
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -7,6 +10,7 @@
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <termios.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -109,9 +113,12 @@ bool SetModes(int fd, const termios& modes, std::string& error) {
   return true;
 }
 
+// The line is bounded by what waits for it; what waits in the system beside that is kept small.
+constexpr int kSocketBuffer = 64 * 1024;
+
 }  // namespace
 
-std::optional<Line> MakeTcpLine(const SocketSettings& settings, std::string& error) {
+std::optional<Line> Line::MakeTcp(const SocketSettings& settings, std::string& error) {
   asio::error_code failure;
   const auto address = asio::ip::make_address(settings.address, failure);
   if (failure) {
@@ -123,31 +130,34 @@ std::optional<Line> MakeTcpLine(const SocketSettings& settings, std::string& err
     return std::nullopt;
   }
   Line line;
-  line.connect_to.emplace(address, static_cast<std::uint16_t>(settings.port));
-  line.name = (address.is_v6() ? "[" + settings.address + "]" : settings.address) + ":" +
-              std::to_string(settings.port);
-  line.fd = UniqueFd(::socket(line.connect_to->protocol().family(),
-                              SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
-  if (!line.fd) {
+  line.connect_to_.emplace(address, static_cast<std::uint16_t>(settings.port));
+  line.name_ = (address.is_v6() ? "[" + settings.address + "]" : settings.address) + ":" +
+               std::to_string(settings.port);
+  line.fd_ =
+      zelt::FileDescriptor(::socket(line.connect_to_->protocol().family(),
+                                    SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
+  if (!line.fd_) {
     error = SystemError("cannot create a socket");
     return std::nullopt;
   }
   const int on = 1;
-  ::setsockopt(line.fd.Get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  ::setsockopt(line.Fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+  ::setsockopt(line.Fd(), SOL_SOCKET, SO_SNDBUF, &kSocketBuffer, sizeof(kSocketBuffer));
   return line;
 }
 
-std::optional<Line> OpenSerialLine(const UartSettings& settings, std::string& error) {
+std::optional<Line> Line::OpenSerial(const UartSettings& settings, std::string& error) {
   termios modes{};
   if (!MakeModes(settings, modes, error)) {
     return std::nullopt;
   }
   Line line;
-  line.name = settings.device;
-  line.fd = UniqueFd(::open(settings.device.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
-  const int fd = line.fd.Get();
-  if (!line.fd) {
-    error = SystemError("cannot open " + settings.device);
+  line.name_ = settings.device;
+  const std::string path = zelt::PathUnderRoot(settings.device);
+  line.fd_ = zelt::FileDescriptor(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
+  const int fd = line.Fd();
+  if (!line.fd_) {
+    error = SystemError("cannot open " + path);
     return std::nullopt;
   }
   // TIOCEXCL keeps later openers out, the lock those that had it open before and heed it, too.
@@ -156,25 +166,48 @@ std::optional<Line> OpenSerialLine(const UartSettings& settings, std::string& er
     error = SystemError(settings.device + " is in use");
     return std::nullopt;
   }
+  line.exclusive_ = settings.exclusive;
   if (std::string why; !SetModes(fd, modes, why)) {
     error = "cannot set up " + settings.device + ": " + why;
-    ReleaseSerialLine(fd);
     return std::nullopt;
   }
+  line.set_up_ = true;
+  const unsigned bits =
+      1 + settings.data_bits + (settings.parity != 0 ? 1 : 0) + settings.stop_bits;
+  line.byte_time_ = std::chrono::nanoseconds(std::chrono::seconds(bits)) / settings.baud_rate;
   ::tcflush(fd, TCIOFLUSH);
   return line;
 }
 
-void ReleaseSerialLine(int fd) {
-  int pending = 0;
-  for (int round = 0; ::ioctl(fd, TIOCOUTQ, &pending) == 0 && pending > 0; ++round) {
-    if (round == 20) {
-      ::tcflush(fd, TCOFLUSH);
-      break;
-    }
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+ssize_t Line::Read(std::span<std::uint8_t> buffer) const {
+  return ::read(Fd(), buffer.data(), buffer.size());
+}
+
+ssize_t Line::Write(codec::ByteView bytes) const {
+  return connect_to_ ? ::send(Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL)
+                     : ::write(Fd(), bytes.data(), bytes.size());
+}
+
+void Line::Close() {
+  static constexpr std::chrono::milliseconds kStep{5};
+  if (!fd_) {
+    return;
   }
-  ::ioctl(fd, TIOCNXCL);  // a pseudo-terminal would stay exclusive
+  if (set_up_) {  // a pseudo-terminal has nothing pending
+    int pending = 0;
+    auto waited = std::chrono::milliseconds(0);
+    for (; ::ioctl(Fd(), TIOCOUTQ, &pending) == 0 && pending > 0; waited += kStep) {
+      if (waited == kDrainTimeout) {
+        ::tcflush(Fd(), TCOFLUSH);
+        break;
+      }
+      std::this_thread::sleep_for(kStep);
+    }
+  }
+  if (exclusive_) {
+    ::ioctl(Fd(), TIOCNXCL);  // a pseudo-terminal would stay exclusive
+  }
+  fd_.Close();
 }
 
 }  // namespace orka

@@ -3,12 +3,13 @@
 #include "LogCategory.h"
 #include "zelt/LogClient.h"
 #include "zelt/RunGuarded.h"
+#include "zelt/StartThread.h"
 
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdlib>
 #include <future>
 #include <utility>
@@ -38,12 +39,7 @@ EventLoop::~EventLoop() {
 }
 
 void EventLoop::Start() {
-  sigset_t all;
-  sigset_t before;
-  sigfillset(&all);
-  pthread_sigmask(SIG_SETMASK, &all, &before);
-  thread_ = std::thread([this] { Loop(); });
-  pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  thread_ = StartThread([this] { Loop(); });
 }
 
 void EventLoop::Stop(UniqueFunction<void()> last) {
@@ -86,11 +82,15 @@ bool EventLoop::Enqueue(UniqueFunction<void()> work, bool is_last) {
     closed_ = is_last;
   }
   if (wake) {
-    const std::uint64_t one = 1;
-    // An eventfd takes 2^64 - 2 of these before it refuses one.
-    [[maybe_unused]] const auto written = write(wake_.Get(), &one, sizeof one);
+    Wake();
   }
   return true;
+}
+
+void EventLoop::Wake() {
+  const std::uint64_t one = 1;
+  // An eventfd takes 2^64 - 2 of these before it refuses one.
+  [[maybe_unused]] const auto written = write(wake_.Get(), &one, sizeof one);
 }
 
 bool EventLoop::PostAndWait(UniqueFunction<void()> work) {
@@ -117,21 +117,6 @@ AsyncCallbackHandle EventLoop::AddTimer(std::string_view name, UniqueFunction<vo
   return std::move(handle);
 }
 
-AsyncCallbackHandle EventLoop::WatchSignals(std::initializer_list<int> signals,
-                                            UniqueFunction<void(int)> callback) {
-  auto revocable = std::make_shared<RevocableCallback<int>>(std::move(callback));
-  PostAndWait([&] {
-    on_signal_ = revocable;
-    for (const int signal : signals) {
-      sd_event_source* source = nullptr;
-      Check(sd_event_add_signal(event_.get(), &source, signal, &EventLoop::OnSignal, this),
-            "cannot watch signal " + std::to_string(signal));
-      signal_sources_.emplace_back(source);
-    }
-  });
-  return AsyncCallbackHandle([revocable] { revocable->Revoke(); });
-}
-
 int EventLoop::OnWake(sd_event_source*, int, std::uint32_t, void* self) noexcept {
   static_cast<EventLoop*>(self)->RunPosted();
   return 0;
@@ -141,14 +126,6 @@ int EventLoop::OnTime(sd_event_source*, std::uint64_t, void* self) noexcept {
   auto& loop = *static_cast<EventLoop*>(self);
   loop.timers_->RunDue(TimerQueue::Now());
   loop.Arm();
-  return 0;
-}
-
-int EventLoop::OnSignal(sd_event_source*, const signalfd_siginfo* signal, void* self) noexcept {
-  const auto number = static_cast<int>(signal->ssi_signo);
-  RunGuarded(
-      kIpcLogCategory, [&] { (*static_cast<EventLoop*>(self)->on_signal_)(number); },
-      "Callback of signal ", number);
   return 0;
 }
 
@@ -164,6 +141,7 @@ void EventLoop::RunPosted() {
     RunGuarded(kIpcLogCategory, item, "Work on the IPC thread threw an exception");
     item = nullptr;  // its captures go before the next one runs
   }
+  RunGuarded(kIpcLogCategory, wake_hook_, "Work on the IPC thread threw an exception");
 }
 
 void EventLoop::Arm() {

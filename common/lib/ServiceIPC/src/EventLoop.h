@@ -7,16 +7,16 @@
 #include "zelt/UniqueFunction.h"
 
 #include <atomic>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace zelt {
 
-// The IPC thread of a process: one event loop with posted work, timers and signals.
+// The IPC thread of a process: one event loop with posted work and timers.
 //
 //   constructed -> Start() -> running -> Stop() -> stopped, for good
 //
@@ -33,10 +33,15 @@ class EventLoop {
   // For whoever adds sources of its own: before Start(), or on the loop's thread.
   sd_event* Event() const { return event_.get(); }
 
-  // The thread starts with all signals blocked: they stay with the thread that had them.
+  // Calls `hook` on the loop's thread whenever the loop was woken, behind all posted work. Before
+  // Start(); a second call replaces the first.
+  void SetWakeHook(UniqueFunction<void()> hook) { wake_hook_ = std::move(hook); }
+
+  // Starts the thread. Throws std::system_error when there can be no further one.
   void Start();
 
-  // Runs everything that was posted before, then `last`, all on the loop's thread, and joins it.
+  // Runs everything that was posted before, then `last`, all on the loop's thread, and joins it. A
+  // second call does nothing.
   void Stop(UniqueFunction<void()> last);
 
   bool IsOnLoop() const { return std::this_thread::get_id() == thread_id_.load(); }
@@ -46,30 +51,28 @@ class EventLoop {
   // has work.
   bool Post(UniqueFunction<void()> work);
 
-  // The same, and waits until it has run; on the loop's thread it runs at once. What `work` throws
-  // is thrown to the caller.
+  // Posts `work`, and waits until it has run; on the loop's thread it runs at once. What `work`
+  // throws is thrown to the caller.
   bool PostAndWait(UniqueFunction<void()> work);
 
+  // Wakes the loop for its hook. One system call.
+  void Wake();
+
+  // As ServiceModel has it. `name` is for the log.
   AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
                                TimerQueue::Seconds interval, bool periodic);
-
-  // Calls `callback` on the loop's thread for every such signal. The caller has blocked the
-  // signals before any thread was started. Throws std::runtime_error when a signal cannot be
-  // watched.
-  AsyncCallbackHandle WatchSignals(std::initializer_list<int> signals,
-                                   UniqueFunction<void(int)> callback);
 
  private:
   static int OnWake(sd_event_source* source, int descriptor, std::uint32_t events,
                     void* self) noexcept;
   static int OnTime(sd_event_source* source, std::uint64_t now, void* self) noexcept;
-  static int OnSignal(sd_event_source* source, const signalfd_siginfo* signal, void* self) noexcept;
   bool Enqueue(UniqueFunction<void()> work, bool is_last);
   void RunPosted();
   void Arm();
   void Loop();
 
-  // constant after construction
+  // constant once the thread runs
+  UniqueFunction<void()> wake_hook_ = [] {};
   EventPtr event_;
   std::shared_ptr<TimerQueue> timers_ = std::make_shared<TimerQueue>();
   FileDescriptor wake_;  // an eventfd
@@ -78,10 +81,6 @@ class EventLoop {
 
   std::thread thread_;  // touched by whoever starts and stops
   std::atomic<std::thread::id> thread_id_;
-
-  // touched by the loop's thread only
-  std::vector<EventSourcePtr> signal_sources_;
-  std::shared_ptr<RevocableCallback<int>> on_signal_;
 
   std::mutex mutex_;
   // guarded by mutex_

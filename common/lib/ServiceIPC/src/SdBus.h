@@ -3,10 +3,13 @@
 #include <systemd/sd-bus.h>
 #include <systemd/sd-event.h>
 
+#include <cstddef>
 #include <cstring>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 
 namespace zelt {
 
@@ -33,10 +36,41 @@ struct BusError {
   sd_bus_error error{};
 };
 
-// The connection that sent a received message; empty when the bus did not say.
+// Returns the connection that sent a received message; empty when the bus did not say.
 inline std::string SenderOf(sd_bus_message* message) {
   const char* sender = sd_bus_message_get_sender(message);
   return sender == nullptr ? "" : sender;
+}
+
+// A name that got, lost or changed its owner.
+struct OwnerChange {
+  std::string name;
+  std::string before;  // a unique name; empty: nobody
+  std::string now;
+};
+
+// Reads a NameOwnerChanged. Nothing when it is malformed or not from the bus: anybody can send us
+// one.
+inline std::optional<OwnerChange> ReadOwnerChange(sd_bus_message* message) {
+  const char* name = nullptr;
+  const char* before = nullptr;
+  const char* now = nullptr;
+  if (SenderOf(message) != "org.freedesktop.DBus" ||
+      sd_bus_message_read(message, "sss", &name, &before, &now) < 0) {
+    return std::nullopt;
+  }
+  return OwnerChange{name, before, now};
+}
+
+// Reads an array of bytes; the view lives as long as the message, and is never a null pointer,
+// which parsers would have to treat apart.
+inline int ReadBytes(sd_bus_message* message, std::string_view& bytes) {
+  const void* data = nullptr;
+  std::size_t size = 0;
+  const int result = sd_bus_message_read_array(message, 'y', &data, &size);
+  bytes = result < 0 || size == 0 ? std::string_view("")
+                                  : std::string_view(static_cast<const char*>(data), size);
+  return result;
 }
 
 inline std::string ErrorText(int result) {

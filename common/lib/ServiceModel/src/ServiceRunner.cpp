@@ -1,8 +1,11 @@
 #include "zelt/ServiceRunner.h"
 
+#include "ProcessSetup.h"
 #include "ServiceModelImpl.h"
+#include "zelt/FreeMemory.h"
 #include "zelt/LogClient.h"
 #include "zelt/RunGuarded.h"
+#include "zelt/StartThread.h"
 
 #include <algorithm>
 #include <cctype>
@@ -16,7 +19,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -28,15 +30,65 @@ using service_state::State;
 
 constexpr std::chrono::seconds kShutdownDependencyTime{5};
 constexpr std::chrono::seconds kPatience{1};  // with a dependency that does not tell its state
+constexpr std::chrono::milliseconds kExitTime{1500};
 
-// One run of one service. Three threads meet here: the one that runs the service, the IPC thread
-// with signals and states, and the stopper, which exists only while the service is being stopped.
+// Ends the process when what is left of it after DoRun does not: a callback that holds the IPC
+// thread, or a destructor, holds nobody up for longer than kExitTime.
+class ExitGuard {
+ public:
+  explicit ExitGuard(std::string_view name) : name_(name) {}
+  ExitGuard(const ExitGuard&) = delete;
+  ExitGuard& operator=(const ExitGuard&) = delete;
+  ~ExitGuard() {
+    {
+      const std::lock_guard lock(mutex_);
+      is_over_ = true;
+    }
+    changed_.notify_all();
+    if (thread_.joinable()) {
+      thread_.join();
+    }
+  }
+
+  // Lets the time begin. Once. Where there can be no further thread, there is no guard.
+  void Start() {
+    RunGuarded(
+        kModelLogCategory, [this] { thread_ = StartThread([this] { Watch(); }); },
+        "The end is not watched");
+  }
+
+ private:
+  void Watch() {
+    std::unique_lock lock(mutex_);
+    if (!changed_.wait_for(lock, kExitTime, [this] { return is_over_; })) {
+      ZELT_LOG_AS("RunService", kLogError, kModelLogCategory)
+          << name_ << " does not come to its end, ending at once";
+      FlushLog();
+      std::_Exit(1);
+    }
+  }
+
+  const std::string_view name_;
+  std::thread thread_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool is_over_ = false;  // guarded by mutex_
+};
+
+// One run of one service. Three threads meet here: the one that runs the service; the stopper,
+// which waits for a signal and then stops the service; and the IPC thread, with the states of
+// others and the loss of the bus.
 class Runner {
  public:
-  Runner(std::string_view name, std::shared_ptr<BusConnection> connection)
+  Runner(std::string_view name, StopSignals& signals, ExitGuard& guard)
       : name_(name),
-        connection_(std::move(connection)),
+        signals_(signals),
+        guard_(guard),
+        connection_(BusConnection::Open(name)),
         model_(std::make_shared<ServiceModelImpl>(connection_)) {}
+  Runner(const Runner&) = delete;
+  Runner& operator=(const Runner&) = delete;
+  ~Runner() { JoinStopper(); }
 
   int Run(const ServiceRunner::Factory& factory, gsl::span<const std::string_view> dependencies,
           gsl::span<const std::string_view> shutdown_dependencies);
@@ -47,10 +99,11 @@ class Runner {
   using States = std::map<std::string, std::optional<State>, std::less<>>;
 
   void CheckNames(gsl::span<const std::string_view> names);
-  void OnSignal(int signal);
-  void Stop(Cause cause);
-  void StartStopperIfDue();
-  void StopService();
+  void OnBusLost();
+  void StopWhenDue();
+  void StopService(MicroserviceIF& service);
+  bool EndStopper();
+  void JoinStopper();
   std::vector<AsyncCallbackHandle> Watch(States& states, gsl::span<const std::string_view> names);
   void WaitForDependencies(gsl::span<const std::string_view> names);
   void WaitForShutdownDependencies();
@@ -59,18 +112,22 @@ class Runner {
 
   // constant after construction
   const std::string name_;
+  StopSignals& signals_;
+  ExitGuard& guard_;
   const std::shared_ptr<BusConnection> connection_;
   const std::shared_ptr<ServiceModel> model_;
 
   gsl::span<const std::string_view> shutdown_dependencies_;  // constant while it runs
-  int signals_ = 0;                                          // touched by the IPC thread only
+  std::thread stopper_;                                      // touched by the service's thread only
 
   std::mutex mutex_;
   std::condition_variable changed_;
   // guarded by mutex_
-  Cause cause_ = Cause::None;
+  Cause cause_ = Cause::None;  // the first one
+  bool is_bus_lost_ = false;
+  bool is_stopping_ = false;                 // the stopper is at DoDie
+  bool has_ended_ = false;                   // there is nothing left to stop
   std::shared_ptr<MicroserviceIF> service_;  // from its creation until DoRun has returned
-  std::thread stopper_;
   States dependencies_;
   States shutdown_states_;
 };
@@ -100,29 +157,21 @@ int Runner::Run(const ServiceRunner::Factory& factory,
   CheckNames(dependencies);
   CheckNames(shutdown_dependencies);
   model_->SetMyServiceState(State::Starting);
-  const auto signals =
-      connection_->WatchSignals({SIGTERM, SIGINT}, [this](int signal) { OnSignal(signal); });
-  const auto disconnect = connection_->WatchDisconnect([this] { Stop(Cause::BusLost); });
+  stopper_ = StartThread([this] { StopWhenDue(); });
+  const auto disconnect = connection_->WatchDisconnect([this] { OnBusLost(); });
 
   WaitForDependencies(dependencies);
-  const bool completed = RunToEnd(factory);
-
-  std::unique_lock lock(mutex_);
-  if (completed && stopper_.joinable()) {
-    auto stopper = std::move(stopper_);
-    lock.unlock();
-    stopper.join();
-    lock.lock();
-  }
-  if (!completed) {
+  if (!RunToEnd(factory)) {
     model_->SetMyServiceState(State::Failed);
-    if (stopper_.joinable()) {
-      lock.unlock();  // the IPC thread may need it before it can flush
-      GiveUp();       // DoDie waits for a DoRun that has failed
+    if (EndStopper()) {
+      GiveUp();  // DoDie waits for a DoRun that has failed
     }
     return 1;
   }
+  JoinStopper();
+  StopSignals::EndProcessByNext();  // also while the connection is closed
   model_->SetMyServiceState(State::Stopped);
+  const std::lock_guard lock(mutex_);
   return cause_ == Cause::BusLost ? 1 : 0;
 }
 
@@ -141,6 +190,7 @@ bool Runner::RunToEnd(const ServiceRunner::Factory& factory) {
   {
     const std::lock_guard lock(mutex_);
     if (cause_ != Cause::None) {
+      guard_.Start();
       return true;  // before there was anything to stop
     }
   }
@@ -156,56 +206,79 @@ bool Runner::RunToEnd(const ServiceRunner::Factory& factory) {
     {
       const std::lock_guard lock(mutex_);
       service_ = service;
-      StartStopperIfDue();
     }
+    changed_.notify_all();
     service->DoRun();
   };
   const bool completed = RunGuarded(kModelLogCategory, run, "Failed to ", step, " service ", name_);
+  guard_.Start();
   const std::lock_guard lock(mutex_);
-  service_ = nullptr;  // the stopper, if there is one, holds its own
+  service_ = nullptr;  // the stopper, if it is at it, holds its own
   return completed;
 }
 
 // On the IPC thread.
-void Runner::OnSignal(int signal) {
-  const std::string signal_name = signal == SIGTERM ? "SIGTERM" : "SIGINT";
-  if (++signals_ > 1) {
-    ZELT_LOG(kLogError, kModelLogCategory)
-        << "Second signal, " << signal_name << ": ending at once";
-    std::_Exit(128 + signal);
+void Runner::OnBusLost() {
+  {
+    const std::lock_guard lock(mutex_);
+    is_bus_lost_ = true;
+    cause_ = cause_ == Cause::None ? Cause::BusLost : cause_;
   }
-  ZELT_LOG(kLogInfo, kModelLogCategory) << "Received " << signal_name << ", stopping " << name_;
-  Stop(Cause::Signal);
-}
-
-void Runner::Stop(Cause cause) {
-  const std::lock_guard lock(mutex_);
-  if (cause_ == Cause::None) {
-    cause_ = cause;
-  }
-  StartStopperIfDue();
   changed_.notify_all();
+  signals_.Cancel();
 }
 
-// With mutex_ held. Whichever comes last, the cause or the service, starts it.
-void Runner::StartStopperIfDue() {
-  if (cause_ == Cause::None || !service_ || stopper_.joinable()) {
-    return;
+// The stopper. It comes to a stop whatever the other threads are at, and then a second signal ends
+// the process, whatever the stopper is at.
+void Runner::StopWhenDue() {
+  const auto signal = signals_.Wait();
+  StopSignals::EndProcessByNext();
+  if (signal) {
+    ZELT_LOG_AS("Stop", kLogInfo, kModelLogCategory)
+        << "Received " << (*signal == SIGTERM ? "SIGTERM" : "SIGINT") << ", stopping " << name_;
+    const std::lock_guard lock(mutex_);
+    cause_ = cause_ == Cause::None ? Cause::Signal : cause_;
   }
-  const auto stop = [this, service = service_] {
-    StopService();
-    service->DoDie();
-  };
-  try {
-    stopper_ = std::thread([this, stop] {
-      if (!RunGuarded(kModelLogCategory, stop, "Failed to stop service ", name_)) {
-        GiveUp();  // nothing is left that would make DoRun return
-      }
-    });
-  } catch (const std::system_error& error) {
-    ZELT_LOG(kLogError, kModelLogCategory) << "Cannot start the thread that stops service " << name_
-                                           << ", ending at once: " << error.what();
-    std::_Exit(1);
+  changed_.notify_all();
+  std::shared_ptr<MicroserviceIF> service;
+  {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return service_ || has_ended_; });
+    service = service_;
+    is_stopping_ = service != nullptr;
+  }
+  if (service &&
+      !RunGuarded(
+          kModelLogCategory, [&] { StopService(*service); }, "Failed to stop service ", name_)) {
+    GiveUp();  // nothing is left that would make DoRun return
+  }
+}
+
+void Runner::StopService(MicroserviceIF& service) {
+  model_->SetMyServiceState(State::Stopping);
+  if (!shutdown_dependencies_.empty()) {
+    WaitForShutdownDependencies();
+  }
+  service.DoDie();
+}
+
+// Lets the stopper end, unless it is stopping the service; true if it is.
+bool Runner::EndStopper() {
+  bool is_stopping = false;
+  {
+    const std::lock_guard lock(mutex_);
+    has_ended_ = true;
+    is_stopping = is_stopping_;
+  }
+  changed_.notify_all();
+  signals_.Cancel();
+  return is_stopping;
+}
+
+void Runner::JoinStopper() {
+  EndStopper();
+  if (stopper_.joinable()) {
+    stopper_.join();
   }
 }
 
@@ -255,11 +328,13 @@ void Runner::WaitForDependencies(gsl::span<const std::string_view> names) {
   }
 }
 
+// A bus that is lost tells no states.
 void Runner::WaitForShutdownDependencies() {
   const auto watches = Watch(shutdown_states_, shutdown_dependencies_);
   std::unique_lock lock(mutex_);
   const auto all_gone = [this] {
-    return std::ranges::all_of(shutdown_states_, IsGone, &States::value_type::second);
+    return is_bus_lost_ ||
+           std::ranges::all_of(shutdown_states_, IsGone, &States::value_type::second);
   };
   if (!changed_.wait_for(lock, kShutdownDependencyTime, all_gone)) {
     ZELT_LOG(kLogWarning, kModelLogCategory)
@@ -267,17 +342,11 @@ void Runner::WaitForShutdownDependencies() {
   }
 }
 
-void Runner::StopService() {
-  model_->SetMyServiceState(State::Stopping);
-  if (!shutdown_dependencies_.empty()) {
-    WaitForShutdownDependencies();
-  }
-}
-
 // Without mutex_.
 void Runner::GiveUp() {
   model_->SetMyServiceState(State::Failed);
   connection_->Flush();
+  FlushLog();
   std::_Exit(1);
 }
 
@@ -286,20 +355,16 @@ void Runner::GiveUp() {
 int ServiceRunner::RunService(const Factory& factory, std::string_view name,
                               gsl::span<const std::string_view> dependencies,
                               gsl::span<const std::string_view> shutdownDependencies) {
+  SetUpProcess();
+  KeepLittleFreeMemory();
   std::string identifier(name);
   std::ranges::transform(identifier, identifier.begin(),
                          [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
   SetLogIdentifier(std::move(identifier));
-
-  // Before there is a second thread: signals are read by the IPC thread and interrupt nothing.
-  sigset_t stop_signals;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGTERM);
-  sigaddset(&stop_signals, SIGINT);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr);
-
+  ExitGuard guard(name);
   try {
-    return Runner(name, BusConnection::Open(name)).Run(factory, dependencies, shutdownDependencies);
+    StopSignals signals;
+    return Runner(name, signals, guard).Run(factory, dependencies, shutdownDependencies);
   } catch (const std::exception& error) {
     ZELT_LOG(kLogError, kModelLogCategory)
         << "Cannot start service " << name << ": " << error.what();

@@ -29,9 +29,10 @@ class RunnerTest : public testing::Test {
       changed_.notify_all();
     });
   }
-  bool WaitForState(State state) {
+  bool WaitForState(State state, int times = 1) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, 10s, [&] { return std::ranges::count(states_, state) > 0; });
+    return changed_.wait_for(lock, 60s,
+                             [&] { return std::ranges::count(states_, state) >= times; });
   }
 
   fake::TestBus bus_;
@@ -59,6 +60,13 @@ TEST_F(RunnerTest, WaitsForDependencyRunsAndStops) {
   EXPECT_TRUE(WaitForState(State::Stopped));
   EXPECT_THAT(service_->Output(), HasSubstr("dying"));
   EXPECT_EQ(model_->GetServiceState("Tested", 1s), State::NotRunning);
+  EXPECT_TRUE(WaitForState(State::NotRunning, 2));
+  const std::lock_guard lock(mutex_);
+  EXPECT_THAT(states_,
+              testing::ElementsAre(State::NotRunning, State::Starting,
+                                   State::WaitingForDependencies, State::Initializing, State::Ready,
+                                   State::Stopping, State::Stopped, State::NotRunning))
+      << "every one of them";
 }
 
 TEST_F(RunnerTest, SignalBeforeDoRunStopsTheService) {
@@ -103,12 +111,37 @@ TEST_F(RunnerTest, StopsOnlyWhenShutdownDependenciesAreGone) {
 }
 
 TEST_F(RunnerTest, LostBusStopsTheServiceWithFailure) {
-  Start({"serve"});
+  const auto config = ServiceModel::Create("Config");
+  config->SetMyServiceState(State::Ready);
+  const auto audio = ServiceModel::Create("Audio");
+  Start({"serve", "Config", "Audio"});
   EXPECT_TRUE(service_->WaitForOutput("running"));
   bus_.Kill();
   EXPECT_EQ(service_->Wait(), 1);
   EXPECT_THAT(service_->Output(), HasSubstr("Lost the connection to the bus at "));
   EXPECT_THAT(service_->Output(), HasSubstr("dying"));
+  EXPECT_THAT(service_->Output(), testing::Not(HasSubstr("still run"))) << "who could tell?";
+}
+
+TEST_F(RunnerTest, CallbackThatHoldsTheIpcThreadHoldsNoSignalAndNoExitUp) {
+  Start({"hold-ipc"});
+  EXPECT_TRUE(service_->WaitForOutput("running"));
+  service_->Signal(SIGTERM);
+  EXPECT_TRUE(service_->WaitForOutput("dying"));
+  EXPECT_EQ(service_->Wait(), 1);
+  EXPECT_THAT(service_->Output(), HasSubstr("Tested does not come to its end, ending at once"));
+}
+
+TEST_F(RunnerTest, ProcessIsSetRightWhoeverStartedIt) {
+  service_ = std::make_unique<fake::ChildProcess>(
+      std::vector<std::string>{"sh", "-c", "trap '' CHLD; exec \"$0\" process 2>&-",
+                               KOVA_TEST_SERVICE},
+      bus_.Folder() / "service.log");
+  EXPECT_TRUE(service_->WaitForOutput("standard error is \"/dev/null\""));
+  EXPECT_TRUE(service_->WaitForOutput("a child ends with 7"));
+  EXPECT_TRUE(service_->WaitForOutput("a pipe without a reader gives " + std::to_string(EPIPE)));
+  service_->Signal(SIGTERM);
+  EXPECT_EQ(service_->Wait(), 0);
 }
 
 TEST_F(RunnerTest, ExceptionsEndTheProcessWithFailure) {

@@ -1,12 +1,16 @@
 // A service for RunnerTest: TestService MODE [DEPENDENCY [SHUTDOWN_DEPENDENCY]]
 #include "zelt/ServiceRunner.h"
 
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <csignal>
+#include <filesystem>
 #include <future>
 #include <iostream>
-#include <semaphore>
+#include <latch>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -22,6 +26,20 @@ class TestService : public zelt::MicroserviceIF {
     std::cout << "running" << std::endl;
     if (mode_ == "run-throws") {
       throw std::runtime_error("cannot run");
+    }
+    if (mode_ == "hold-ipc") {
+      std::latch held(1);
+      hold_ = Model()->AddTimer(
+          "hold",
+          [&held] {
+            held.count_down();
+            std::promise<void>().get_future().wait();  // for ever
+          },
+          std::chrono::seconds(0), false);
+      held.wait();
+    }
+    if (mode_ == "process") {
+      TellProcess();
     }
     SetMyServiceState(zelt::service_state::State::Ready);
     stop_.get_future().wait();
@@ -45,8 +63,27 @@ class TestService : public zelt::MicroserviceIF {
   }
 
  private:
+  // What the runner has set right about the process, whoever started it.
+  static void TellProcess() {
+    std::cout << "standard error is " << std::filesystem::read_symlink("/proc/self/fd/2") << '\n';
+    const pid_t child = fork();
+    if (child == 0) {
+      _exit(7);
+    }
+    int status = 0;
+    std::cout << "a child ends with "
+              << (waitpid(child, &status, 0) == child ? WEXITSTATUS(status) : -1) << '\n';
+    std::array<int, 2> ends{};
+    std::cout << "a pipe without a reader gives "
+              << (pipe(ends.data()) == 0 && close(ends[0]) == 0 && write(ends[1], "x", 1) < 0
+                      ? errno
+                      : 0)
+              << std::endl;
+  }
+
   const std::string mode_;
   std::promise<void> stop_;
+  zelt::AsyncCallbackHandle hold_;
 };
 
 }  // namespace
@@ -62,12 +99,6 @@ int main(int argc, char** argv) {
         }
         if (mode == "signal-in-factory") {
           kill(getpid(), SIGTERM);
-          std::counting_semaphore turns(0);
-          const auto timer =
-              model->AddTimer("turn", [&] { turns.release(); }, std::chrono::milliseconds(1), true);
-          for (int i = 0; i < 3; ++i) {
-            turns.acquire();  // by then, the IPC thread has come to the signal
-          }
         }
         return std::make_shared<TestService>(std::move(model), mode);
       },

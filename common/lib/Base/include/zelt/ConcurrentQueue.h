@@ -1,69 +1,166 @@
 #pragma once
 
+#include "zelt/Busy.h"
+#include "zelt/FreeMemory.h"
+
+#include <algorithm>
 #include <condition_variable>
 #include <cstddef>
+#include <limits>
 #include <list>
+#include <map>
 #include <mutex>
-#include <optional>
+#include <string>
+#include <string_view>
 #include <utility>
 
 namespace zelt {
 
-// An unbounded first-in, first-out queue between threads.
+// What waits in a queue, or how much may.
+struct QueueLoad {
+  std::size_t number = 0;
+  std::size_t bytes = 0;
+
+  // Whether one more element of `size` bytes keeps within `limit`.
+  bool HasRoom(const QueueLoad& limit, std::size_t size) const {
+    return number < limit.number && bytes <= limit.bytes && size <= limit.bytes - bytes;
+  }
+};
+
+// A first-in, first-out queue between threads, with a bound for those who can try again later.
 //
-// Any thread may call any operation. Elements still queued when the queue is destroyed are
-// destroyed with it, without the lock held; nobody may be inside Pop() at that time.
+// Each element has a size and a source, as its pusher says. Push() refuses what would bring the
+// queue above its limit, and what would bring a source of which something waits already above a
+// quarter of the limit, so that one source leaves room for the others. PushAlways() and Close()
+// never refuse; what they push counts as well.
+//
+// Any thread may call any operation. The lock is held only to link one element in or out, and to
+// keep count. Elements still queued when the queue is destroyed are destroyed with it, without the
+// lock held; nobody may be inside Pop() at that time.
 template <class T>
 class ConcurrentQueue {
  public:
-  ConcurrentQueue() = default;
+  static constexpr std::size_t kSources = 4;  // that fill the queue only together
+
+  // Without a limit, nothing is refused until Close().
+  ConcurrentQueue() : ConcurrentQueue({kNoLimit, kNoLimit}) {}
+  explicit ConcurrentQueue(const QueueLoad& limit) : limit_(limit) {}
   ConcurrentQueue(const ConcurrentQueue&) = delete;
   ConcurrentQueue& operator=(const ConcurrentQueue&) = delete;
 
-  // Appends `value` and wakes all waiters. Never blocks longer than another operation's splice.
-  void Push(T value) {
-    std::list<T> node;  // allocate outside the lock
-    node.push_back(std::move(value));
+  // Appends `value` and wakes all waiters. Throws Busy when it is refused; `value` is then
+  // destroyed, without the lock held, and nothing else has changed.
+  void Push(T value, std::string_view source, std::size_t bytes) {
+    Append(std::move(value), source, bytes, Door::Bounded);
+  }
+
+  // The same for what must not be lost, and what is bounded elsewhere.
+  void PushAlways(T value, std::string_view source = {}, std::size_t bytes = 0) {
+    Append(std::move(value), source, bytes, Door::Open);
+  }
+
+  // Appends `last`, and lets Push() refuse everything from then on, since it would not be taken.
+  void Close(T last) { Append(std::move(last), {}, 0, Door::Closing); }
+
+  // Takes the oldest element; waits while there is none. When a backlog of kBacklog bytes or more
+  // is over, gives its memory back before it waits.
+  T Pop() {
+    std::list<Item> node;
+    {
+      std::unique_lock lock(mutex_);
+      if (items_.empty() && std::exchange(highest_, 0) >= kBacklog) {
+        lock.unlock();
+        GiveBackFreeMemory();
+        lock.lock();
+      }
+      condition_.wait(lock, [this] { return !items_.empty(); });
+      node.splice(node.begin(), items_, items_.begin());
+      const Item& item = node.front();
+      all_ = {all_.number - 1, all_.bytes - item.bytes};
+      QueueLoad& source = item.source->second;
+      source = {source.number - 1, source.bytes - item.bytes};
+      if (source.number == 0) {
+        sources_.erase(item.source);
+      }
+    }
+    return std::move(node.front().value);
+  }
+
+  std::size_t Size() const {
+    const std::lock_guard lock(mutex_);
+    return all_.number;
+  }
+
+  // What waits of one source.
+  QueueLoad Waiting(std::string_view source) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = sources_.find(source);
+    return found == sources_.end() ? QueueLoad() : found->second;
+  }
+
+ private:
+  static constexpr std::size_t kNoLimit = std::numeric_limits<std::size_t>::max();
+  static constexpr std::size_t kBacklog = std::size_t{1} << 20U;
+
+  using Sources = std::map<std::string, QueueLoad, std::less<>>;
+  struct Item {
+    T value;
+    std::size_t bytes;
+    typename Sources::iterator source;
+  };
+  enum class Door : unsigned char { Bounded, Open, Closing };
+
+  void Append(T value, std::string_view source_name, std::size_t bytes, Door door) {
+    std::list<Item> node;  // allocate outside the lock
+    node.push_back({std::move(value), bytes, {}});
     {
       const std::lock_guard lock(mutex_);
+      if (door == Door::Bounded) {
+        Admit(source_name, bytes);
+      }
+      auto source = sources_.find(source_name);
+      if (source == sources_.end()) {
+        source = sources_.emplace(source_name, QueueLoad()).first;
+      }
+      node.front().source = source;
+      source->second = {source->second.number + 1, source->second.bytes + bytes};
+      all_ = {all_.number + 1, all_.bytes + bytes};
+      highest_ = std::max(highest_, all_.bytes);
+      closed_ = closed_ || door == Door::Closing;
       items_.splice(items_.end(), node);
     }
     condition_.notify_all();
   }
 
-  // Takes the oldest element; waits while there is none.
-  T Pop() {
-    std::list<T> node;
-    {
-      std::unique_lock lock(mutex_);
-      condition_.wait(lock, [this] { return !items_.empty(); });
-      node.splice(node.begin(), items_, items_.begin());
+  // Throws Busy unless there is room. With mutex_ held.
+  void Admit(std::string_view source_name, std::size_t bytes) const {
+    if (closed_) {
+      throw Busy("nothing more is taken");
     }
-    return std::move(node.front());
-  }
-
-  // Takes the oldest element, or nothing when there is none. Never waits.
-  std::optional<T> TryPop() {
-    std::list<T> node;
-    {
-      const std::lock_guard lock(mutex_);
-      if (items_.empty()) {
-        return std::nullopt;
-      }
-      node.splice(node.begin(), items_, items_.begin());
+    if (!all_.HasRoom(limit_, bytes)) {
+      throw Busy("too much waits: " + Text(all_));
     }
-    return std::move(node.front());
+    const QueueLoad share = {limit_.number / kSources, limit_.bytes / kSources};
+    const auto source = sources_.find(source_name);
+    if (source != sources_.end() && !source->second.HasRoom(share, bytes)) {
+      throw Busy("too much of this source waits: " + Text(source->second));
+    }
   }
 
-  std::size_t Size() const {
-    const std::lock_guard lock(mutex_);
-    return items_.size();
+  static std::string Text(const QueueLoad& load) {
+    return std::to_string(load.number) + " with " + std::to_string(load.bytes) + " bytes";
   }
 
- private:
+  const QueueLoad limit_;
   mutable std::mutex mutex_;
   std::condition_variable condition_;
-  std::list<T> items_;  // guarded by mutex_
+
+  // guarded by mutex_
+  std::list<Item> items_;
+  QueueLoad all_;
+  Sources sources_;          // those of which something waits
+  std::size_t highest_ = 0;  // bytes that waited at a time since the last backlog
+  bool closed_ = false;
 };
 
 }  // namespace zelt

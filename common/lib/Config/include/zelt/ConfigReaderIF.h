@@ -17,12 +17,15 @@ enum class TetheredMode : std::uint8_t {
   Always = 2,
 };
 
-// The configuration of the camera, as the Config service keeps it in shared memory.
+// The configuration of the camera, as the Config service keeps it in shared memory. Its layout is
+// held by the block's (ConfigBlock.h): no padding, so that a new member cannot come unnoticed.
 struct ConfigRecord {
   std::array<char, 33> workingMode;  // NUL-terminated, at most 32 characters, e.g. "Connected"
+  std::array<std::uint8_t, 3> reserved;
   OfficerList officers;
   TetheredMode tetheredStreaming;
   TetheredMode tetheredUploading;
+  std::array<std::uint8_t, 2> reservedAtEnd;
 };
 static_assert(std::is_trivially_copyable_v<ConfigRecord>);
 
@@ -37,8 +40,10 @@ class ConfigReaderIF {
  public:
   virtual ~ConfigReaderIF() = default;
 
-  // Never throws for a configuration that is missing or not yet published: see ConfigResult. The
-  // record stays readable for as long as a copy of the pointer lives. Any thread.
+  // The configuration as it is now. What is published later shows in the next call's result, not in
+  // this one, so that values read one after the other belong together. Never throws for a
+  // configuration that is missing or not yet published: see ConfigResult. The record stays readable
+  // for as long as a copy of the pointer lives. Any thread.
   virtual ConfigResult Get() = 0;
 };
 

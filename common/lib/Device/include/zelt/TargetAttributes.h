@@ -13,8 +13,8 @@ class TargetAttributesIF {
   virtual std::string ModelAsString() const = 0;
 };
 
-// Read from the target attributes file ("KEY=VALUE" lines; MODEL). A missing file is logged and
-// leaves everything unknown.
+// Read from the target attributes file ("KEY=VALUE" lines; MODEL), a regular file of at most 64
+// KiB. One that cannot be read is logged and leaves everything unknown.
 class TargetAttributes : public TargetAttributesIF {
  public:
   // `required`: throw std::runtime_error instead when the file cannot be read.

@@ -6,11 +6,11 @@
 namespace zelt {
 
 // The version information file: one "KEY=VALUE" a line, "#" starts a comment. VERSION and
-// BUILD_NUMBER are read.
+// BUILD_NUMBER are read. A regular file of at most 64 KiB.
 class VersionInfo {
  public:
   // "<VERSION> build <BUILD_NUMBER>", or just the version when there is no build number. A file
-  // that is missing or has no VERSION is logged and gives "unknown". Any thread.
+  // that cannot be read or has no VERSION is logged and gives "unknown". Any thread.
   static std::string GetVersionAndBuildNumberText(std::string_view path);
 };
 

@@ -43,6 +43,7 @@ enum class SendResult {
   NotConnected,  // no link, or the handshake is not done
   QueueFull,     // the radio does not take what is queued already
   Unencodable,   // too long, or a value that has no counterpart on the radio; the log says which
+  NotAsked,      // answers a file request that the radio has not made in this session
 };
 
 // What the link has seen since it was created. A snapshot: the values may be a frame apart.
@@ -68,13 +69,17 @@ struct LinkCounters {
 //
 //   stopped --Start*--> connecting --handshake--> connected
 //   connecting --refused, time-out--> HandshakeFailed, then dead
-//   connected --closed by the radio, silent for 2.5 s--> ConnectionLost, then dead
+//   connected --closed by the radio, silent, takes nothing--> ConnectionLost, then dead
 //   any --Stop--> stopped
 //
-// A start from any state but stopped returns false.
+// A start from any state but stopped returns false. docs/radio-link.md says how long a radio may be
+// silent and take nothing, and has every other bound.
 class RadioProtocol {
  public:
   using NotificationCallback = std::function<void(NotifyMessage, RadioNotificationData)>;
+
+  // What one message takes of GetSendRoom() beside the bytes of its body.
+  static constexpr std::size_t kSendOverhead = 64;
 
   // `version` and `productId` are told to the radio at each handshake. Starts no thread and opens
   // nothing. `model` may be empty in tests.
@@ -95,11 +100,15 @@ class RadioProtocol {
                          std::uint32_t handshakeTimeout);
 
   // Closes the link. When it has returned, no notification is running and none will come until the
-  // next start (called from inside the callback, it returns at once). A second call does nothing.
+  // next start (called from inside the callback, it returns at once). A second call waits likewise
+  // for a notification that is running. Takes at most 0.1 s beside that. A start that is still
+  // opening its device on another thread returns false.
   virtual void Stop();
 
   // Encodes and queues one message; never blocks. `radio_send_selector` names the part of the
-  // radio that is addressed, 0 to 65535.
+  // radio that is addressed, 0 to 65535. A response carries the number of the request that it
+  // answers: a file response that of the request with its request or handle number, any other that
+  // of the newest request of its kind that is not answered yet, or 0 when there is none.
   virtual SendResult SendToRadio(const RadioOutgoingMessage& message,
                                  std::uint32_t radio_send_selector);
 
@@ -131,22 +140,27 @@ class RadioProtocol {
   void RegisterCallback(NotificationCallback callback);
 
   // Sends a raw radio message (opcode and body) under the given header, and waits at most 2 s for
-  // the response: same transaction, and the opcode with 0x8000 added. A transaction of 0 lets the
-  // link choose; the length is always the true one. True with the response's opcode and body; true
-  // with nothing at once for responses and broadcasts, which are not answered; false when it was
-  // not sent or not answered. No link control: a kind above 2 is refused. Fails at once on the
-  // radio thread. A response taken here is not notified.
+  // the response: same transaction, and the opcode with 0x8000 added. A request's transaction of 0
+  // lets the link choose, that of a broadcast is always 0, the length always the true one. True
+  // with the response's opcode and body; true with nothing at once for responses and broadcasts,
+  // which are not answered; false when it was not sent or not answered. No link control: a kind
+  // above 2 is refused. Fails at once on the radio thread. Responses to what was injected are not
+  // notified, not even late or further ones.
   std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(gsl::span<const std::uint8_t> message,
                                                               const pel::BaseMessage& header);
 
-  // Stops taking bytes off the line, for a receiver that is behind, and goes on with it. What was
-  // read before is still notified, at most one read of 64 KiB. A line that is held is not taken for
-  // a silent radio. A second call of either does nothing; a new link is not held.
+  // Stop reading the line, for a receiver that is behind, and go on with it. What was read before
+  // is still notified, at most 64 KiB. A line that is not read is not taken for a silent radio; its
+  // end is noticed only when something is written, or afterwards. Sending goes on. A link that is
+  // not connected yet is read all the same. A second call of either does nothing, nor does one
+  // without a link; a new link is not held.
   virtual void HoldReceiving();
   virtual void ContinueReceiving();
 
-  // How many bytes of messages the link takes now before it answers QueueFull; the largest number
-  // when there is no link, whose answer is another.
+  // How many bytes of messages the link takes now; each takes its body and kSendOverhead. Without a
+  // link the largest number: sending has another answer then. More than this is taken, up to two
+  // of the largest messages, so that a message that was admitted by this number is not refused
+  // later for what its sender sent in between without asking. Cheap.
   virtual std::size_t GetSendRoom();
 
   LinkCounters GetCounters() const;

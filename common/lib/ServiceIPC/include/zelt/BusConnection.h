@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
-#include <initializer_list>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,9 +17,10 @@ namespace zelt {
 // The connection of one process to the bus, with the IPC thread that serves it: what ServiceModel
 // is made of. Services and tools use ServiceModel instead.
 //
-// Any thread may call any operation, and may let go of the last reference: the connection then
-// sends what is queued, gives up its name and ends its thread. Callbacks run on the IPC thread,
-// one at a time. Handles may outlive the connection.
+// Any thread may call any operation, and may let go of the last reference. That ends it, within a
+// second unless a callback holds the IPC thread up: what was accepted is handed over and
+// acknowledgements are read for 0.5 s at most, then the name is given up and the thread ends.
+// Callbacks run on the IPC thread, one at a time. Handles may outlive the connection.
 class BusConnection : public ServiceIPC {
  public:
   using Seconds = std::chrono::duration<double>;
@@ -31,9 +31,27 @@ class BusConnection : public ServiceIPC {
     std::string error;                        // for a human; empty on success
   };
 
-  // Connects to ZELT_BUS_ADDRESS, else to the system bus, and owns the name of `service`, or none
-  // when it is empty. Throws std::runtime_error when there is no bus within 2 s, or the name is
-  // malformed, taken or not permitted.
+  // What this connection has sent since it was opened, responses and requests included. Of what was
+  // accepted, each message is counted once more when its end is known.
+  struct Counters {
+    std::uint64_t accepted = 0;
+    std::uint64_t published = 0;
+    std::uint64_t refused = 0;  // at once, publications included
+    std::uint64_t delivered = 0;
+    std::uint64_t not_taken = 0;
+    std::uint64_t busy = 0;
+    std::uint64_t no_such_service = 0;  // it left before it got the message
+    std::uint64_t not_permitted = 0;
+    std::uint64_t timed_out = 0;     // the receiver was given up
+    std::uint64_t disconnected = 0;  // this connection ended first
+    std::uint64_t invalid = 0;
+  };
+
+  // Connects to ZELT_BUS_ADDRESS, else to DBUS_SYSTEM_BUS_ADDRESS, else to the system bus, and owns
+  // the name of `service` (or of a tool, "zeltcli-" and digits), or none when it is empty. Throws
+  // std::runtime_error when the bus does not answer within 2 s, or the name is malformed, taken or
+  // not permitted. Where nobody listens, a service waits for that time and everybody else is told
+  // at once.
   static std::shared_ptr<BusConnection> Open(std::string_view service);
 
   // As ServiceModel has them.
@@ -43,7 +61,9 @@ class BusConnection : public ServiceIPC {
   virtual AsyncCallbackHandle WatchState(std::string_view service,
                                          UniqueFunction<void(std::uint32_t)> callback) = 0;
 
-  // Never throws and never stays unanswered for longer than `timeout`, 24 h at most.
+  // Asks for the state of a service. Never throws and never stays unanswered for longer than
+  // `timeout`, 24 h at most. On the IPC thread, only the own state can be asked for; anything else
+  // is Invalid at once.
   virtual std::future<StateReply> QueryState(std::string_view service, Seconds timeout) = 0;
 
   // Every service and tool that owns its name, in alphabetical order.
@@ -52,15 +72,11 @@ class BusConnection : public ServiceIPC {
   // Calls `callback` once, when the bus is gone. It does not come back.
   virtual AsyncCallbackHandle WatchDisconnect(UniqueFunction<void()> callback) = 0;
 
-  // Calls `callback` for every such signal of the process, which the caller has blocked before any
-  // thread was started. Once in the life of a connection. Throws std::runtime_error when a signal
-  // cannot be watched.
-  virtual AsyncCallbackHandle WatchSignals(std::initializer_list<int> signals,
-                                           UniqueFunction<void(int)> callback) = 0;
-
-  // Waits until all that this thread has sent so far was handed to the connection, which writes it
-  // at once as far as the bus reads. Takes as long as a callback holds the IPC thread up.
+  // Waits until everything that was accepted so far has been handed over and acknowledged, those
+  // who were given up left aside, for 0.5 s at most. Returns at once on the IPC thread.
   virtual void Flush() = 0;
+
+  virtual Counters GetCounters() const = 0;
 };
 
 }  // namespace zelt

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "zelt/AsyncCallbackHandle.h"
+#include "zelt/Busy.h"
 #include "zelt/UniqueFunction.h"
 
 #include <gsl/span>
@@ -22,22 +23,22 @@ namespace zelt {
 // Views given to a callback live until it returns; views given to an operation are copied before
 // it returns.
 //
-// Nothing here throws for what happens on the bus: a peer that is absent, hung or refuses, and a
-// bus that is gone, become `false` in the future within 1 s, with the cause in the log. That second
-// counts from the call, but only the IPC thread can end it: whatever holds that thread up, a
-// callback that takes its time or its own sends (1 s each at most), can add as much to every other
-// send. A future may be waited for on any thread, the IPC thread included; there, nothing else is
-// served meanwhile.
+// A send, a response and a publication are done when they are accepted: their future is ready when
+// the operation returns, on every thread. False says that nobody owns the name, that a limit
+// refuses the message, or that the bus is gone. What the receiver then does with the message, and
+// how soon, is not the sender's business: a refusal, a receiver that has no room (Busy) or that
+// does not react leaves a line in the log, a few a second for each receiver, and a count. Nothing
+// is retried, and nothing here throws for what happens on the bus.
 //
-// A receiver that let 4 messages time out gets no more, and sends to it fail at once, until it
-// answers one of them or its name changes hands; sends to others are not affected.
+// What one receiver has not acknowledged waits in its mailbox, in order; others are not affected.
+// A receiver that has acknowledged nothing for 5 s is given up: its mailbox is dropped, with a line
+// that says how many, and sends to it are false until it acknowledges something or its name changes
+// hands. What waits for the former owner of a name is dropped, too, with such a line.
 //
-// Limits: payload 16 MiB; type and topic 1 to 255 letters, digits, '_', '-' and '.'; 1024 sends
-// with 64 MiB of payload under way, 64 of them unanswered by one receiver; 1024 messages with 64
-// MiB waiting for a bus that does not read. What exceeds a limit is logged at error level with the
-// limit and its value, and is `false` in the future; a callback for a malformed type or topic gets
-// a closed handle. Of the lines about bad messages of peers, 10 a second are logged, and then how
-// many more there were.
+// Limits: payload 16 MiB; type and topic 1 to 255 letters, digits, '_', '-' and '.'; 1024 messages
+// and 8 MiB in one mailbox, an empty one taking any message; the same for publications that the bus
+// has not read; 64 MiB in all mailboxes, beyond which only empty ones take a message; 16 receivers
+// without a name; 1024 open requests. A callback for a malformed name gets a closed handle.
 class ServiceIPC {
  public:
   struct MessageEnvelope {
@@ -56,10 +57,11 @@ class ServiceIPC {
     Delivered,      // a callback of the peer took it; no answer was asked for
     Answered,       // and the peer answered
     NotTaken,       // the peer is there, but has no callback for the type or refuses the sender
+    Busy,           // the peer has no room for it now: try again later
     NoSuchService,  // nobody owns the name
     NotPermitted,   // the bus policy forbids it
-    TimedOut,       // not delivered within 1 s, or not answered within the given time; or not even
-                    // tried, because the receiver has not reacted to earlier ones
+    TimedOut,       // not acknowledged within 1 s, or not answered within the given time; or not
+                    // even tried, because the receiver was given up
     Disconnected,   // the connection to the bus is gone
     Invalid,        // a limit, of ours or of the bus, or the form of a name was violated
   };
@@ -75,7 +77,8 @@ class ServiceIPC {
   // Calls `callback` for every message of `typeName` until the handle is closed. With
   // `allowedSenders`, messages of any other sender are refused. An empty `typeName` takes what no
   // other registration and no subscription takes. A second registration of a type replaces the
-  // first for as long as it lives.
+  // first for as long as it lives. A callback that has no room for a message throws Busy: the
+  // message then counts as not taken, and its sender is told to try again.
   virtual AsyncCallbackHandle RegisterCallbackImpl(
       std::string_view typeName, std::optional<gsl::span<std::string_view>> allowedSenders,
       MessageCallback callback) = 0;
@@ -85,31 +88,35 @@ class ServiceIPC {
   virtual AsyncCallbackHandle AddSubscribeHandlerImpl(SubscribeHandler handler,
                                                       std::string_view topic) = 0;
 
-  // Delivers one message to a service ("Upgrade"), a tool ("zeltcli-1") or a connection (":1.42").
-  // True when a callback of the receiver took it.
+  // Sends one message to a service ("Upgrade"), a tool ("zeltcli-1") or a connection (":1.42").
+  // True when it was accepted.
   virtual std::future<bool> SendImpl(std::string_view destination, std::string_view typeName,
                                      std::string_view payload) = 0;
 
   // Answers a received message; the envelope may be a copy, and may outlive the callback. True
-  // when the answer reached the asker, and when the asker awaits none.
+  // when the answer was accepted, and when the asker awaits none.
   virtual std::future<bool> SendResponseImpl(const MessageEnvelope& envelope,
                                              std::string_view typeName,
                                              std::string_view payload) = 0;
 
-  // Sends a message to every subscriber of `topic`. True when it was handed to the connection to
-  // the bus, behind everything sent before; nobody tells whether it arrives.
+  // Sends a message to every subscriber of `topic`. True when it was accepted; nobody tells whether
+  // it arrives. It may pass messages that wait in mailboxes; no message passes it.
   virtual std::future<bool> PublishImpl(std::string_view topic, std::string_view payload) = 0;
 
-  // Calls `callback` for every message published under `topic` (an empty topic: under any), and
-  // announces this subscriber to the publishers' subscribe handlers (not for the empty topic). What
-  // they then send to this subscriber alone under the topic's name also reaches `callback`, unless
-  // a registration takes it. Every subscription of a process is called.
-  virtual AsyncCallbackHandle SubscribeImpl(std::string_view topic, MessageCallback callback) = 0;
+  // Calls `callback` for every message that `publisher` (a service or tool) publishes under `topic`
+  // (empty: under any), and announces this subscriber to the publishers' subscribe handlers (not
+  // for the empty topic). What `publisher` then sends to this subscriber alone under the topic's
+  // name also reaches `callback`, unless a registration takes it. What comes from any connection
+  // that does not own the publisher's name is dropped, with a line; an empty `publisher` believes
+  // everybody, which suits tools that only show what passes. Every subscription of a process is
+  // called.
+  virtual AsyncCallbackHandle SubscribeImpl(std::string_view topic, std::string_view publisher,
+                                            MessageCallback callback) = 0;
 
-  // Sends a message and awaits the answer for `timeout`, 24 h at most (zero: awaits none, as
-  // SendImpl, but with the cause when it fails). Only the connection that got the message may
-  // answer. Called on the IPC thread with a time-out, it is Invalid: that thread would have to
-  // receive the answer.
+  // Sends a message and awaits the answer for `timeout`, 24 h at most (zero: awaits none, but that
+  // the message was taken). Only the connection that got the message may answer. The future tells
+  // the outcome: within 1 s when the receiver does not acknowledge the message. On the IPC thread
+  // it is Invalid at once: that thread would have to receive the answer.
   virtual std::future<Reply> RequestImpl(std::string_view destination, std::string_view typeName,
                                          std::string_view payload,
                                          std::chrono::milliseconds timeout) = 0;

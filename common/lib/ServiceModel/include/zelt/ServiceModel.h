@@ -32,8 +32,9 @@ class ServiceModel {
   // tools. Throws std::runtime_error with the address and the reason when there is no bus.
   static std::shared_ptr<ServiceModel> Create();
 
-  // The same, as the service `name`, or as a tool when `name` is "zeltcli-" and a number. Throws
-  // std::runtime_error when the name is malformed, taken or not permitted.
+  // The same, as the service `name`, which waits up to 2 s for a bus that is being started, or as a
+  // tool when `name` is "zeltcli-" and a number. Throws std::runtime_error when the name is
+  // malformed, taken or not permitted.
   static std::shared_ptr<ServiceModel> Create(std::string_view name);
 
   virtual std::shared_ptr<ServiceIPC> GetServiceIPC() = 0;
@@ -45,11 +46,13 @@ class ServiceModel {
   virtual AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
                                        Seconds interval, bool periodic) = 0;
 
-  // The state of any service; NotRunning when nobody owns its name. Throws std::runtime_error when
-  // the service does not answer within `timeout` (24 h at most), or the bus is gone.
+  // Returns the state of any service; NotRunning when nobody owns its name. Throws
+  // std::runtime_error when the service does not answer within `timeout` (24 h at most), the bus is
+  // gone, or it is called on the IPC thread for another service than the own.
   virtual service_state::State GetServiceState(std::string_view service, Seconds timeout) = 0;
 
-  // Publishes this service's own state. Does nothing for a model that owns no name.
+  // Publishes this service's own state; each one is told, however soon the next follows. Does
+  // nothing for a model that owns no name.
   virtual void SetMyServiceState(service_state::State state) = 0;
 
   // Calls `callback` on the IPC thread with the state of `service`: once soon, then on every
@@ -57,7 +60,8 @@ class ServiceModel {
   virtual AsyncCallbackHandle WatchServiceState(
       std::string_view service, UniqueFunction<void(service_state::State)> callback) = 0;
 
-  // Every service and tool on the bus, by name. Waits for each state no longer than `timeout`.
+  // Returns every service and tool on the bus, by name. Waits for each state no longer than
+  // `timeout`; on the IPC thread, no other service has answered.
   virtual std::vector<ServiceInfo> ListServices(Seconds timeout) = 0;
 };
 

@@ -2,7 +2,9 @@
 
 #include "orka/RadioProtocol.h"
 
+#include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -12,8 +14,8 @@
 
 namespace orka::fake {
 
-// What the code under test did to the radio protocol, one record a call, in order. The three
-// queries (GetMaxTransferDataSize, GetDeviceDescriptors, IsRadioConnected) are not recorded.
+// What the code under test did to the radio protocol, one record a call, in order. The queries
+// (GetMaxTransferDataSize, GetDeviceDescriptors, IsRadioConnected, GetSendRoom) are not recorded.
 struct StartSocketCall {
   SocketSettings settings;
   std::uint32_t link_address = 0;
@@ -47,9 +49,11 @@ struct InjectCall {
   std::vector<std::uint8_t> message;
   pel::BaseMessage header;
 };
+struct HoldCall {};
+struct ContinueCall {};
 using Call = std::variant<StartSocketCall, StartUartCall, StopCall, SendCall, TransferCall,
                           SetIdentifyAsCameraCall, SetUseTetheredConnectionCall,
-                          MakeFileHandleResponseCall, InjectCall>;
+                          MakeFileHandleResponseCall, InjectCall, HoldCall, ContinueCall>;
 
 // What the substitute answers. Changes hold from the next call on.
 struct Answers {
@@ -59,6 +63,7 @@ struct Answers {
   std::uint16_t max_transfer_data_size = 4096;
   qrx::DeviceDescriptors device_descriptors;
   bool radio_connected = false;
+  std::size_t send_room = std::numeric_limits<std::size_t>::max();
   std::pair<bool, std::vector<std::uint8_t>> inject{false, {}};
 };
 
@@ -119,6 +124,9 @@ class FakeRadioProtocol : public RadioProtocol {
   }
   qrx::DeviceDescriptors GetDeviceDescriptors() override { return Current().device_descriptors; }
   bool IsRadioConnected() override { return Current().radio_connected; }
+  void HoldReceiving() override { Record(HoldCall{}); }
+  void ContinueReceiving() override { Record(ContinueCall{}); }
+  std::size_t GetSendRoom() override { return Current().send_room; }
 
  protected:
   std::pair<bool, std::vector<std::uint8_t>> DoInject(gsl::span<const std::uint8_t> message,

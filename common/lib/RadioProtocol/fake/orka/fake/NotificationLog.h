@@ -38,13 +38,22 @@ class NotificationLog {
   // Waits until `count` of this kind have come. False when they have not.
   bool AwaitKind(NotifyMessage kind, std::size_t count = 1) {
     std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, kLong, [&] { return Of(kind).size() >= count; });
+    return changed_.wait_for(lock, kLong, [&] {
+      return static_cast<std::size_t>(std::ranges::count(
+                 all_, kind, [](const auto& one) { return one.first; })) >= count;
+    });
   }
 
   // What came with the notifications of one kind.
   std::vector<RadioNotificationData> Data(NotifyMessage kind) {
     const std::lock_guard lock(mutex_);
-    return Of(kind);
+    std::vector<RadioNotificationData> found;
+    for (const auto& [which, data] : all_) {
+      if (which == kind) {
+        found.push_back(data);
+      }
+    }
+    return found;
   }
 
   void Clear() {
@@ -54,16 +63,6 @@ class NotificationLog {
 
  private:
   static constexpr std::chrono::seconds kLong{20};
-
-  std::vector<RadioNotificationData> Of(NotifyMessage kind) const {
-    std::vector<RadioNotificationData> found;
-    for (const auto& [which, data] : all_) {
-      if (which == kind) {
-        found.push_back(data);
-      }
-    }
-    return found;
-  }
 
   std::mutex mutex_;
   std::condition_variable changed_;

@@ -39,7 +39,7 @@ class FakeServiceIPC : public ServiceIPC, public std::enable_shared_from_this<Fa
   };
 
   // Sees everything that is sent, answered, published and requested, on the caller's thread, and
-  // says what comes of it; without it, True.
+  // says whether it is accepted; without it, True.
   void SetResult(std::function<Result(const Record&)> result) {
     const std::lock_guard lock(mutex_);
     result_ = std::move(result);
@@ -54,7 +54,7 @@ class FakeServiceIPC : public ServiceIPC, public std::enable_shared_from_this<Fa
   }
 
   // Delivers one message as the platform would. True when a callback took it; false when there is
-  // none for the type, or it does not allow the sender, or it threw.
+  // none for the type, or it does not allow the sender, or it threw, be it Busy or another.
   bool Deliver(std::string_view type, std::string_view sender, std::string_view payload,
                std::uint64_t request = 0) {
     auto entries = Open(false, type);
@@ -113,7 +113,9 @@ class FakeServiceIPC : public ServiceIPC, public std::enable_shared_from_this<Fa
   }
 
   // Nothing is published on a fake bus.
-  AsyncCallbackHandle SubscribeImpl(std::string_view, MessageCallback) override { return {}; }
+  AsyncCallbackHandle SubscribeImpl(std::string_view, std::string_view, MessageCallback) override {
+    return {};
+  }
 
   // Recorded, and answered by nobody.
   std::future<Reply> RequestImpl(std::string_view destination, std::string_view typeName,

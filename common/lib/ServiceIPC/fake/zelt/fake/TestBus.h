@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -74,11 +75,18 @@ class ChildProcess {
     waitpid(pid_, &status, WUNTRACED);  // until then, its threads may still do something
   }
 
-  // Waits for its end: the exit status, or 128 + signal.
+  // Waits for its end: the exit status, or 128 + signal. One that does not end is killed: -1.
   int Wait() {
     int status = 0;
+    pollfd end{static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)), POLLIN, 0};
+    const bool hangs = !status_ && end.fd >= 0 && poll(&end, 1, kDeadlineMilliseconds) == 0;
+    close(end.fd);
+    if (hangs) {
+      Signal(SIGKILL);
+    }
     if (!status_ && waitpid(pid_, &status, 0) == pid_) {
-      status_ = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+      const int exit = WIFSIGNALED(status) ? 128 + WTERMSIG(status) : WEXITSTATUS(status);
+      status_ = hangs ? -1 : exit;
     }
     return status_.value_or(-1);
   }
@@ -89,7 +97,8 @@ class ChildProcess {
     return text.str();
   }
 
-  // True once `part` stands in the output; false when it does not come.
+  // True once `part` stands in the output; false when it does not come, at once if the process has
+  // ended without it.
   bool WaitForOutput(const std::string& part) const {
     return Comes([&] { return Output().contains(part); });
   }
@@ -119,23 +128,30 @@ class ChildProcess {
   void Mark() { mark_ = Output().size(); }
 
  private:
-  // Looks whenever the output has grown.
+  static constexpr int kDeadlineMilliseconds = 60'000;
+
+  // Looks whenever the output has grown, and for the last time when the process has ended.
   template <class Condition>
   bool Comes(Condition condition) const {
     using std::chrono::milliseconds;
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
-    pollfd change{inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0};
-    inotify_add_watch(change.fd, output_.c_str(), IN_MODIFY);
+    const auto deadline = std::chrono::steady_clock::now() + milliseconds(kDeadlineMilliseconds);
+    pollfd changes[] = {
+        {inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0},
+        {static_cast<int>(syscall(SYS_pidfd_open, status_ ? -1 : pid_, 0)), POLLIN, 0}};
+    inotify_add_watch(changes[0].fd, output_.c_str(), IN_MODIFY);
+    bool has_ended = status_.has_value();
     bool come = false;
     auto left = milliseconds(1);
-    while (!(come = condition()) && left.count() > 0) {
+    while (!(come = condition()) && !has_ended && left.count() > 0) {
       left = std::chrono::ceil<milliseconds>(deadline - std::chrono::steady_clock::now());
-      poll(&change, 1, std::max(0, static_cast<int>(left.count())));
+      poll(changes, 2, std::max(0, static_cast<int>(left.count())));
+      has_ended = changes[1].revents != 0;
       char events[4096];  // which they are does not matter
-      while (read(change.fd, events, sizeof events) > 0) {
+      while (read(changes[0].fd, events, sizeof events) > 0) {
       }
     }
-    close(change.fd);
+    close(changes[0].fd);
+    close(changes[1].fd);
     return come;
   }
 
@@ -157,15 +173,15 @@ class TestBus {
     folder_ = path;
     address_ = "unix:path=" + path + "/bus";
     setenv("ZELT_BUS_ADDRESS", address_.c_str(), 1);
-    const auto config = folder_ / "bus.conf";
-    std::ofstream(config) << "<busconfig><include>" KOVA_BUS_CONFIG
-                             "</include><policy context='default'>"
-                          << policy << "</policy></busconfig>";
+    std::ofstream(folder_ / "bus.conf")
+        << "<busconfig><include>" KOVA_BUS_CONFIG "</include><policy context='default'>" << policy
+        << "</policy></busconfig>";
     daemon_ = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"dbus-daemon", "--config-file=" + config.string(), "--nofork",
-                                 "--nopidfile", "--print-address", "--address=" + address_},
+        std::vector<std::string>{"dbus-daemon", "--config-file=" + (folder_ / "bus.conf").string(),
+                                 "--nofork", "--nopidfile", "--print-address",
+                                 "--address=" + address_},
         folder_ / "bus.log");
-    if (!daemon_->WaitForOutput("guid=")) {
+    if (!daemon_->WaitForOutput("guid=")) {  // written once it listens
       throw std::runtime_error("dbus-daemon does not start: " + daemon_->Output());
     }
   }
@@ -181,6 +197,7 @@ class TestBus {
   void Kill() { daemon_.reset(); }
   void Halt() const { daemon_->Halt(); }
 
+ private:
   std::filesystem::path folder_;
   std::string address_;
   std::unique_ptr<ChildProcess> daemon_;

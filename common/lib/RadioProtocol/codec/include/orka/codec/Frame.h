@@ -43,9 +43,6 @@ class Deframer {
   // Both callbacks are called from here only.
   void Feed(ByteView bytes);
 
-  // The beginning of a frame is there, and it may still turn out to be good.
-  bool InFrame() const { return !collected_.empty(); }
-
  private:
   bool Finish();  // at a delimiter; false when on_frame_ wants to stop
 

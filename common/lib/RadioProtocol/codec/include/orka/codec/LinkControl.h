@@ -23,8 +23,15 @@ enum class LinkControl : std::uint16_t {
 };
 
 inline constexpr std::chrono::milliseconds kKeepAliveAfter{800};       // nothing was sent
-inline constexpr std::chrono::milliseconds kLostAfter{2500};           // nothing was heard
 inline constexpr std::chrono::milliseconds kHelloRepeatedAfter{1000};  // while there is no answer
+
+// A side that has heard no good frame for so long is lost: 2.5 s and what the longest frame takes
+// on this line, since nothing else can come while it does. `byte_time` is that of one byte; 0 where
+// nobody knows, as on TCP.
+constexpr std::chrono::nanoseconds LostAfter(std::chrono::nanoseconds byte_time) {
+  return std::chrono::milliseconds(2500) +
+         byte_time * static_cast<std::int64_t>(kMaxEncodedFrame + 1);
+}
 
 struct Hello {
   std::uint16_t protocol_version = kProtocolVersion;

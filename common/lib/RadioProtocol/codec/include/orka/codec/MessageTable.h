@@ -29,8 +29,10 @@ enum class Body : std::uint8_t {
 
 inline constexpr auto kNoNotification = static_cast<NotifyMessage>(UINT32_MAX);
 
-// A message is found by direction, opcode and kind of frame. A request is answered by the response
-// of the same opcode with 0x8000 added.
+// A response has the opcode of its request with this added.
+inline constexpr std::uint16_t kResponseBit = 0x8000;
+
+// A message is found by direction, opcode and kind of frame.
 struct MessageRow {
   Direction direction;
   std::uint16_t opcode;
@@ -320,7 +322,7 @@ constexpr bool OpcodesFollowTheirKind() {
       case pel::FrameKind::Request:
         return block == 0;
       case pel::FrameKind::Response:
-        return block == 0x8000;
+        return block == kResponseBit;
       case pel::FrameKind::Broadcast:
         return block == 0xB000 || row.opcode < 0x0100;
       default:

@@ -1,0 +1,66 @@
+#pragma once
+
+#include "orka/codec/Bytes.h"
+
+#include <cstddef>
+#include <deque>
+#include <mutex>
+
+namespace orka {
+
+// The frames that wait for the line, in order. Any thread adds to it; one thread, the line's, takes
+// from it. A frame counts until the line has taken all of it.
+class SendQueue {
+ public:
+  // Offers `room`, and takes `reserve` more than it offers.
+  SendQueue(std::size_t room, std::size_t reserve) : room_(room), reserve_(reserve) {}
+
+  // Any thread. Takes one whole frame for the wire, which counts `cost`. False, and nothing is
+  // taken, when room and reserve do not hold it.
+  bool Push(codec::ByteView frame, std::size_t cost);
+
+  // Any thread. What is left of the room; the reserve is not told.
+  std::size_t Room() const;
+
+  // Any thread. Takes a frame that does not count, or bytes between frames.
+  void PushUncounted(codec::ByteView frame);
+
+  // ----------------------------------------------------------------------------------------------
+  // The line's thread.
+
+  // What the line is to be given next, until Took() or the next call; empty: nothing waits.
+  codec::ByteView Waiting();
+
+  // The line took so many bytes of it. True when the last byte of a frame was among them.
+  bool Took(std::size_t count);
+
+  // The size on the wire of the frame that Waiting() begins with or in; 0 when nothing waits.
+  std::size_t FirstSize() const { return taking_.frames.empty() ? 0 : taking_.frames[0].size; }
+
+ private:
+  struct Frame {
+    std::size_t size;
+    std::size_t cost;
+  };
+  struct Batch {
+    codec::Bytes bytes;
+    std::deque<Frame> frames;
+  };
+
+  void Append(codec::ByteView frame, std::size_t cost);
+
+  // Constant after construction.
+  const std::size_t room_;
+  const std::size_t reserve_;
+
+  mutable std::mutex mutex_;
+  Batch queued_;          // guarded by mutex_
+  std::size_t cost_ = 0;  // guarded by mutex_: of all frames of which something waits
+
+  // The line's thread only.
+  Batch taking_;
+  std::size_t taken_ = 0;           // of taking_.bytes
+  std::size_t taken_of_first_ = 0;  // of taking_.frames[0]
+};
+
+}  // namespace orka

@@ -1,0 +1,395 @@
+#include "Sessions.h"
+
+#include "orka/codec/Codec.h"
+#include "zelt/LogClient.h"
+
+#include <asio/post.hpp>
+
+#include <algorithm>
+#include <exception>
+#include <limits>
+#include <sstream>
+#include <system_error>
+
+namespace orka {
+namespace {
+
+constexpr std::size_t kTransferHeader = 8;  // opcode and record before a chunk's bytes
+constexpr const char* kNoRoom = "the radio does not take what is queued already";
+
+std::string Describe(std::string_view name, std::uint16_t opcode) {
+  std::ostringstream text;
+  text << name << " (0x" << std::hex << std::uppercase;
+  text.width(4);
+  text.fill('0');
+  text << opcode << ')';
+  return text.str();
+}
+
+std::uint16_t OpcodeOf(codec::ByteView payload) {
+  return codec::ByteReader(payload).Take<std::uint16_t>();
+}
+
+void Call(const std::shared_ptr<const Sessions::NotificationCallback>& callback, NotifyMessage kind,
+          RadioNotificationData data) {
+  if (!callback || !*callback) {
+    return;
+  }
+  try {
+    (*callback)(kind, std::move(data));
+  } catch (const std::exception& error) {
+    ZELT_LOG_AS("Notify", zelt::kLogError, kLogCategoryRadio)
+        << "Notification " << static_cast<std::uint32_t>(kind) << " failed: " << error.what();
+  }
+}
+
+}  // namespace
+
+// ------------------------------------------------------------------------------------------------
+// Beginning and end.
+
+bool Sessions::Start(const OpenLine& open_line, std::uint32_t link_address,
+                     std::uint32_t handshake_timeout) {
+  std::string error;
+  if (!TryStart(open_line, link_address, std::chrono::seconds(handshake_timeout), error)) {
+    ZELT_LOG(zelt::kLogError, kLogCategoryRadio) << "Cannot start the link to the radio: " << error;
+    return false;
+  }
+  return true;
+}
+
+bool Sessions::TryStart(const OpenLine& open_line, std::uint32_t link_address,
+                        std::chrono::seconds handshake_timeout, std::string& error) {
+  std::uint64_t session = 0;
+  LinkSettings settings;
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::Stopped) {
+      error = "it is not stopped";
+      return false;
+    }
+    if (link_address > UINT16_MAX) {
+      error = "link address " + std::to_string(link_address) + " is not 0 to 65535";
+      return false;
+    }
+    session = ++session_;
+    state_ = State::Starting;
+    address_ = static_cast<std::uint16_t>(link_address);
+    settings.hello = {codec::kProtocolVersion, identify_as_camera_, use_tethered_connection_,
+                      version_, product_id_};
+    settings.address = address_;
+    settings.handshake_timeout = handshake_timeout;
+  }
+  std::shared_ptr<Link> link;
+  try {
+    if (std::optional<Line> line = open_line(error)) {
+      ZELT_LOG_AS("Start", zelt::kLogInfo, kLogCategoryRadio)
+          << "Connecting to a radio on " << line->Name();
+      link = MakeLink(session, std::move(*line), std::move(settings));
+    }
+  } catch (const std::system_error& failure) {
+    error = failure.what();
+  }
+  const std::lock_guard lock(mutex_);
+  if (session != session_) {
+    error = "it was stopped meanwhile";
+    return false;
+  }
+  if (!link) {
+    state_ = State::Stopped;
+    return false;
+  }
+  state_ = State::Connecting;
+  link_ = link;
+  asio::post(thread_.Io(), [link] { link->Open(); });
+  return true;
+}
+
+std::shared_ptr<Link> Sessions::MakeLink(std::uint64_t session, Line line, LinkSettings settings) {
+  settings.line = line.Name();
+  settings.byte_time = line.ByteTime();
+  auto link = std::make_shared<Link>(
+      thread_.Io(), std::move(line), std::move(settings), counters_,
+      LinkEvents{[this, session](const codec::HelloAnswer& answer) { Connected(session, answer); },
+                 [this, session](const pel::BaseMessage& header, codec::ByteView payload) {
+                   return Received(session, header, payload);
+                 },
+                 [this, session](bool was_connected) { Ended(session, was_connected); }});
+  thread_.Start();
+  return link;
+}
+
+void Sessions::Stop() {
+  std::shared_ptr<Link> link;
+  {
+    const std::lock_guard lock(mutex_);
+    link = EndSession(State::Stopped);
+  }
+  // Also without a link: a notification may still be running.
+  thread_.Run([&] {
+    if (link) {
+      link->Close();
+    }
+  });
+}
+
+std::shared_ptr<Link> Sessions::EndSession(State state) {
+  ++session_;
+  state_ = state;
+  descriptors_.clear();
+  injections_.Clear();
+  transactions_.Clear();
+  return std::exchange(link_, nullptr);
+}
+
+// ------------------------------------------------------------------------------------------------
+// Radio thread.
+
+void Sessions::Connected(std::uint64_t session, const codec::HelloAnswer& answer) {
+  {
+    const std::lock_guard lock(mutex_);
+    if (session != session_) {
+      return;
+    }
+    state_ = State::Connected;
+    max_transfer_size_ =
+        std::min<std::uint16_t>(answer.max_transfer_size, codec::kMaxPayload - kTransferHeader);
+    descriptors_ = answer.descriptors;
+  }
+  NotifySession(session, NotifyMessage::HandshakeCompleted, {});
+  if (answer.in_service) {
+    NotifySession(session, NotifyMessage::RadioConnected, {});
+  }
+}
+
+FrameVerdict Sessions::Received(std::uint64_t session, const pel::BaseMessage& header,
+                                codec::ByteView payload) {
+  const auto kind = static_cast<pel::FrameKind>(header.kind);
+  if (kind == pel::FrameKind::Response) {
+    const std::lock_guard lock(mutex_);
+    if (session == session_ && injections_.Take(header.transaction, payload)) {
+      return {};
+    }
+  }
+  auto decoded = codec::DecodeFromRadio(kind, payload);
+  if (decoded.row == nullptr) {
+    return {FrameVerdict::Kind::UnknownOpcode, Describe("unknown opcode", OpcodeOf(payload)) +
+                                                   ", kind of frame " +
+                                                   std::to_string(header.kind)};
+  }
+  if (!decoded.message) {
+    return {FrameVerdict::Kind::Malformed,
+            Describe(decoded.row->name, decoded.row->opcode) + ": " + decoded.error};
+  }
+  ZELT_LOG(zelt::kLogVerbose, kLogCategoryRadio)
+      << "Received " << Describe(decoded.row->name, decoded.row->opcode) << ", transaction "
+      << header.transaction << ", " << payload.size() << " bytes";
+  if (kind == pel::FrameKind::Request) {
+    const std::lock_guard lock(mutex_);
+    if (session != session_) {
+      return {};
+    }
+    transactions_.Asked(*decoded.row, *decoded.message, header.transaction);
+  }
+  NotifySession(session, decoded.row->notify, std::move(*decoded.message));
+  return {};
+}
+
+void Sessions::Ended(std::uint64_t session, bool was_connected) {
+  std::shared_ptr<const NotificationCallback> callback;
+  {
+    const std::lock_guard lock(mutex_);
+    if (session != session_) {
+      return;
+    }
+    EndSession(State::Dead);
+    callback = callback_;
+  }
+  Call(callback, was_connected ? NotifyMessage::ConnectionLost : NotifyMessage::HandshakeFailed,
+       {});
+}
+
+// Stop() waits for this thread, so that a callback that runs here is over when it returns.
+void Sessions::NotifySession(std::uint64_t session, NotifyMessage kind,
+                             RadioNotificationData data) {
+  std::shared_ptr<const NotificationCallback> callback;
+  {
+    const std::lock_guard lock(mutex_);
+    if (session != session_) {
+      return;
+    }
+    callback = callback_;
+  }
+  Call(callback, kind, std::move(data));
+}
+
+// ------------------------------------------------------------------------------------------------
+// Sending.
+
+SendResult Sessions::Send(const RadioOutgoingMessage& message, std::uint32_t selector,
+                          codec::ByteView chunk) {
+  std::string error;
+  const SendResult result = TrySend(message, selector, chunk, error);
+  if (result != SendResult::Sent) {
+    counters_.sends_refused.fetch_add(1, std::memory_order_relaxed);
+    ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kLogCategoryRadio)
+        << "Not sent to the radio: " << error;
+  }
+  return result;
+}
+
+SendResult Sessions::TrySend(const RadioOutgoingMessage& message, std::uint32_t selector,
+                             codec::ByteView chunk, std::string& error) {
+  const codec::Encoded encoded = codec::EncodeToRadio(message, chunk);
+  error = Describe(encoded.row->name, encoded.row->opcode) + ": ";
+  if (!encoded.error.empty()) {
+    error += encoded.error;
+    return SendResult::Unencodable;
+  }
+  if (selector > UINT16_MAX) {
+    error += "selector " + std::to_string(selector) + " is not 0 to 65535";
+    return SendResult::Unencodable;
+  }
+  pel::BaseMessage header;
+  header.kind = static_cast<std::uint8_t>(encoded.row->kind);
+  header.destination = static_cast<std::uint16_t>(selector);
+  std::shared_ptr<Link> link;
+  {
+    const std::lock_guard lock(mutex_);
+    if (state_ != State::Connected) {
+      error += "not connected";
+      return SendResult::NotConnected;
+    }
+    const auto transaction = transactions_.For(*encoded.row, message);
+    if (!transaction) {
+      error += "it answers no request that the radio made in this session";
+      return SendResult::NotAsked;
+    }
+    header.address = address_;
+    header.transaction = *transaction;
+    link = link_;
+  }
+  codec::Bytes frame;
+  codec::AppendFrame(header, encoded.payload, frame);
+  if (!link->Queue(frame, encoded.payload.size())) {
+    error += kNoRoom;
+    return SendResult::QueueFull;
+  }
+  ZELT_LOG_AS("SendToRadio", zelt::kLogVerbose, kLogCategoryRadio)
+      << "Sent " << Describe(encoded.row->name, encoded.row->opcode) << " to part " << selector
+      << ", transaction " << header.transaction << ", " << encoded.payload.size() << " bytes";
+  return SendResult::Sent;
+}
+
+std::pair<bool, std::vector<std::uint8_t>> Sessions::Inject(codec::ByteView message,
+                                                            const pel::BaseMessage& header) {
+  std::string error;
+  const auto answer = TryInject(message, header, error);
+  if (!answer) {
+    ZELT_LOG_AS("InjectQRXMessage", zelt::kLogWarning, kLogCategoryRadio)
+        << "Injected message without success: " << error;
+    return {false, {}};
+  }
+  return {true, *answer};
+}
+
+std::optional<codec::Bytes> Sessions::TryInject(codec::ByteView message, pel::BaseMessage header,
+                                                std::string& error) {
+  if (message.size() < 2 || message.size() > codec::kMaxPayload) {
+    error = std::to_string(message.size()) + " bytes are not an opcode and its body";
+    return std::nullopt;
+  }
+  if (header.kind > static_cast<std::uint8_t>(pel::FrameKind::Broadcast)) {
+    error = "kind of frame " + std::to_string(header.kind) + " is not 0 to 2";
+    return std::nullopt;
+  }
+  if (thread_.IsThis()) {
+    error = "the radio's own thread cannot wait for it";
+    return std::nullopt;
+  }
+  const auto kind = static_cast<pel::FrameKind>(header.kind);
+  std::unique_lock lock(mutex_);
+  if (state_ != State::Connected) {
+    error = "not connected";
+    return std::nullopt;
+  }
+  std::shared_ptr<Injections::Waiting> waiting;
+  if (kind == pel::FrameKind::Request) {
+    header.transaction = header.transaction != 0 ? header.transaction : transactions_.Next();
+    waiting = injections_.Begin(
+        header.transaction, static_cast<std::uint16_t>(OpcodeOf(message) | codec::kResponseBit));
+    if (!waiting) {
+      error = "transaction " + std::to_string(header.transaction) + " is being waited for already";
+      return std::nullopt;
+    }
+  } else if (kind == pel::FrameKind::Broadcast) {
+    header.transaction = 0;
+  }
+  codec::Bytes frame;
+  codec::AppendFrame(header, message, frame);
+  if (!link_->Queue(frame, message.size())) {
+    if (waiting) {
+      injections_.Cancel(header.transaction);
+    }
+    error = kNoRoom;
+    return std::nullopt;
+  }
+  if (!waiting) {
+    return codec::Bytes();
+  }
+  if (!injections_.Await(lock, header.transaction, *waiting)) {
+    error = "no answer in time";
+  } else if (!waiting->answer) {
+    error = "the link ended";
+  }
+  return std::move(waiting->answer);
+}
+
+void Sessions::Hold() {
+  const std::lock_guard lock(mutex_);
+  if (link_) {
+    link_->Hold();
+  }
+}
+
+void Sessions::Continue() {
+  const std::lock_guard lock(mutex_);
+  if (link_) {
+    link_->Continue();
+  }
+}
+
+std::size_t Sessions::Room() const {
+  const std::lock_guard lock(mutex_);
+  return state_ == State::Connected ? link_->Room() : std::numeric_limits<std::size_t>::max();
+}
+
+// ------------------------------------------------------------------------------------------------
+// What is set and asked.
+
+void Sessions::SetCallback(NotificationCallback callback) {
+  auto shared = std::make_shared<const NotificationCallback>(std::move(callback));
+  const std::lock_guard lock(mutex_);
+  callback_.swap(shared);
+}
+
+void Sessions::Notify(NotifyMessage kind, const RadioNotificationData& data) {
+  std::shared_ptr<const NotificationCallback> callback;
+  {
+    const std::lock_guard lock(mutex_);
+    callback = callback_;
+  }
+  if (callback && *callback) {
+    (*callback)(kind, data);
+  }
+}
+
+LinkCounters Sessions::Counters() const {
+  return {counters_.frames_sent,      counters_.bytes_sent,
+          counters_.frames_received,  counters_.bytes_received,
+          counters_.dropped_checksum, counters_.dropped_malformed,
+          counters_.dropped_too_long, counters_.dropped_unknown_opcode,
+          counters_.sends_refused};
+}
+
+}  // namespace orka

@@ -1,0 +1,126 @@
+#pragma once
+
+#include "Counters.h"
+#include "Injections.h"
+#include "Line.h"
+#include "Link.h"
+#include "RadioThread.h"
+#include "Transactions.h"
+#include "orka/RadioProtocol.h"
+#include "orka/codec/Bytes.h"
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace orka {
+
+// Begins and ends the sessions of one radio, one at a time, on a thread of its own; numbers what is
+// sent, and tells what comes. What each operation promises stands in RadioProtocol.h.
+//
+//   stopped --Start()--> starting --device open--> connecting --handshake--> connected
+//   starting --no device--> stopped
+//   connecting, connected --the link ends--> dead
+//   any --Stop()--> stopped
+//
+// A session has a number, which changes at each start, stop and end: what belongs to another is not
+// told any more.
+class Sessions {
+ public:
+  using NotificationCallback = RadioProtocol::NotificationCallback;
+
+  // Opens the line; nothing with `error` when there is none. Called without a lock held, so that
+  // nobody waits for a device.
+  using OpenLine = std::function<std::optional<Line>(std::string& error)>;
+
+  Sessions(std::string version, std::string product_id)
+      : version_(std::move(version)), product_id_(std::move(product_id)) {}
+  Sessions(const Sessions&) = delete;
+  Sessions& operator=(const Sessions&) = delete;
+  ~Sessions() { Stop(); }
+
+  bool Start(const OpenLine& open_line, std::uint32_t link_address,
+             std::uint32_t handshake_timeout);
+  void Stop();
+
+  SendResult Send(const RadioOutgoingMessage& message, std::uint32_t selector,
+                  codec::ByteView chunk);
+  std::pair<bool, std::vector<std::uint8_t>> Inject(codec::ByteView message,
+                                                    const pel::BaseMessage& header);
+  void Hold();
+  void Continue();
+  std::size_t Room() const;
+
+  void SetCallback(NotificationCallback callback);
+  void Notify(NotifyMessage kind, const RadioNotificationData& data);  // for substitutes
+  void SetIdentifyAsCamera(bool value) {
+    const std::lock_guard lock(mutex_);
+    identify_as_camera_ = value;
+  }
+  void SetUseTetheredConnection(bool value) {
+    const std::lock_guard lock(mutex_);
+    use_tethered_connection_ = value;
+  }
+  std::uint16_t MaxTransferSize() const {
+    const std::lock_guard lock(mutex_);
+    return max_transfer_size_;
+  }
+  qrx::DeviceDescriptors Descriptors() const {
+    const std::lock_guard lock(mutex_);
+    return descriptors_;
+  }
+  bool IsConnected() const {
+    const std::lock_guard lock(mutex_);
+    return state_ == State::Connected;
+  }
+  LinkCounters Counters() const;
+
+ private:
+  enum class State : std::uint8_t { Stopped, Starting, Connecting, Connected, Dead };
+
+  bool TryStart(const OpenLine& open_line, std::uint32_t link_address,
+                std::chrono::seconds handshake_timeout, std::string& error);
+  std::shared_ptr<Link> MakeLink(std::uint64_t session, Line line, LinkSettings settings);
+  std::shared_ptr<Link> EndSession(State state);  // with mutex_ held
+  SendResult TrySend(const RadioOutgoingMessage& message, std::uint32_t selector,
+                     codec::ByteView chunk, std::string& error);
+  std::optional<codec::Bytes> TryInject(codec::ByteView message, pel::BaseMessage header,
+                                        std::string& error);
+
+  // Radio thread.
+  void Connected(std::uint64_t session, const codec::HelloAnswer& answer);
+  FrameVerdict Received(std::uint64_t session, const pel::BaseMessage& header,
+                        codec::ByteView payload);
+  void Ended(std::uint64_t session, bool was_connected);
+  void NotifySession(std::uint64_t session, NotifyMessage kind, RadioNotificationData data);
+
+  // Constant after construction.
+  const std::string version_;
+  const std::string product_id_;
+
+  AtomicCounters counters_;
+
+  mutable std::mutex mutex_;
+  // Guarded by mutex_.
+  State state_ = State::Stopped;
+  std::uint64_t session_ = 0;
+  std::uint16_t address_ = 0;
+  std::shared_ptr<Link> link_;  // while connecting or connected
+  std::shared_ptr<const NotificationCallback> callback_;
+  bool identify_as_camera_ = false;
+  bool use_tethered_connection_ = false;
+  std::uint16_t max_transfer_size_ = 0;
+  qrx::DeviceDescriptors descriptors_;
+  Injections injections_;
+  Transactions transactions_{injections_};
+
+  RadioThread thread_;  // last, so that it is gone before what it uses
+};
+
+}  // namespace orka

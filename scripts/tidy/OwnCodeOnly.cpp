@@ -2,7 +2,8 @@
 //
 // Nothing that they find there is ever shown, but they look at it all the same, and it is the far
 // larger part of every file: of 28 s for one of ours, 18 went there. Declarations of ours are
-// walked as before. It is the first to match, since the unit itself is matched before what is in it.
+// walked as before. It is the first to match, since the unit itself is matched before what is in
+// it.
 #include <clang-tidy/ClangTidyCheck.h>
 #include <clang-tidy/ClangTidyModule.h>
 #include <clang-tidy/ClangTidyModuleRegistry.h>

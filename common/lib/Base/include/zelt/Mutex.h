@@ -10,7 +10,8 @@ namespace zelt {
 
 // std::mutex, std::unique_lock and std::condition_variable under names that clang's thread-safety
 // analysis knows; at run time they are nothing else. A member is tied to its mutex by
-// ZELT_GUARDED_BY. Any thread may call any operation, except those of Lock: one thread has one Lock.
+// ZELT_GUARDED_BY. Any thread may call any operation, except those of Lock: it belongs to one
+// thread.
 class ZELT_CAPABILITY("mutex") Mutex {
  public:
   Mutex() = default;
@@ -40,8 +41,8 @@ class ZELT_SCOPED_CAPABILITY Lock {
 };
 
 // Lets a thread wait until another has changed what the mutex guards. A wait lets go of the lock
-// and has it again when it returns. It may return for no reason, so wait in a loop; there is no wait
-// with a predicate, since the analysis does not see that a lambda is called under the lock.
+// and has it again when it returns. It may return for no reason, so wait in a loop; there is no
+// wait with a predicate, since the analysis does not see that a lambda is called under the lock.
 //
 //   Lock lock(mutex_);
 //   while (items_.empty()) {

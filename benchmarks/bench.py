@@ -11,9 +11,17 @@ import sys
 import time
 import types
 
-import groups
+import process
+import relay
 import rows
 import systems
+import transfer
+
+GROUPS = {'relay': relay.relay, 'firmware': transfer.firmware, 'line': transfer.line,
+          'counts': process.counts, 'ready': process.ready, 'idle': process.idle,
+          'growth': process.growth, 'simulator': transfer.simulator}
+# What is not a matter of rounds is taken once.
+ONCE = {'counts', 'idle', 'growth', 'simulator'}
 
 
 def arguments():
@@ -68,7 +76,7 @@ def machine(options):
 def measure(wanted_rows, options):
     """{group: {'rounds': [...], 'bad': [...], 'unable': text}}"""
     measured = {}
-    for group, take in groups.GROUPS.items():
+    for group, take in GROUPS.items():
         chosen = [row for row in wanted_rows if row.group == group]
         if not chosen:
             continue
@@ -78,7 +86,7 @@ def measure(wanted_rows, options):
                        for row in chosen)
 
         found = measured[group] = {'rounds': [], 'unable': ''}
-        for number in range(1 if group in groups.ONCE else options.rounds):
+        for number in range(1 if group in ONCE else options.rounds):
             print(f'{group} {number + 1}', end=' ', flush=True, file=sys.stderr)
             try:
                 found['rounds'].append(take(options, number, wanted))
@@ -166,7 +174,7 @@ def table(lines):
 
 def main():
     given = arguments()
-    known = {row.name for row in rows.ROWS} | set(groups.GROUPS)
+    known = {row.name for row in rows.ROWS} | set(GROUPS)
     if given.list:
         for row in rows.ROWS:
             print(f'{row.group:10} {row.name:28} {row.text}')

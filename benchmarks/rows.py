@@ -1,8 +1,8 @@
 """Every row of the table, in one place: what is compared with what, and what is to be reached.
 
-A group (groups.py) takes one round of measurements and returns {(who, measure): value}. A row
-divides, within the same round, Kova's value by the partner's; without a partner it shows Kova's.
-Rows without a limit are there to be known.
+A group (a function of relay.py, transfer.py or process.py) takes one round of measurements and
+returns {(who, measure): value}. A row divides, within the same round, Kova's value by the partner's;
+without a partner it shows Kova's. Rows without a limit are there to be known.
 """
 
 import collections
@@ -31,6 +31,7 @@ SIZES = (32, 1024, 16384)
 BOTH_ENDS = (32, 16384)
 CHUNKS = (512, 4096, 32768)
 LINE_CHUNKS = (4096, 16384)
+COMMAND_CHUNKS = (4096, 16384, 32768)
 
 
 def relay_rows():
@@ -75,7 +76,7 @@ def firmware_rows():
             yield row(f'line_{chunk}_{partner}', 'line',
                       f'firmware on 1.5 Mbit/s, {size_text(chunk)}', f'line_{chunk}', 'B/s',
                       partner, at_least(1.0) if chunk == 16384 else None, 'line')
-    for chunk in (4096, 16384, 32768):
+    for chunk in COMMAND_CHUNKS:
         yield row(f'command_{chunk}', 'line',
                   f'a command during a transfer, {size_text(chunk)}, p50', f'command_{chunk}', 'ms')
     yield row('line_exact', 'line', "bench's own line, deviation", 'line_exact', '%', None,

@@ -172,7 +172,7 @@ kova_package(zelt-tools SECTION utils
 zeltcli talks to the services of the camera over the bus, and through Kova to
 the radio. radiosim is a radio to try the camera with.")
 kova_package(libzelt-dev SECTION libdevel
-  DEPENDS "libprotobuf-dev (>= 3.21), libprotobuf-dev (<< 3.22), libsystemd-dev, libspdlog-dev, libmsgsl-dev, zlib1g-dev, pkg-config"
+  DEPENDS "libprotobuf-dev (>= 3.21), libprotobuf-dev (<< 3.22), libsystemd-dev, libmsgsl-dev, zlib1g-dev, pkg-config"
   SUGGESTS "protobuf-compiler"
   DESCRIPTION "development files for services of a camera
 Headers, static libraries and a CMake package (zelt) for what services are

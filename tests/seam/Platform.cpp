@@ -166,6 +166,12 @@ std::string DoIgnoreDockForStandardCableFile() {
 std::optional<std::uint64_t> GetFileSize(const std::string&) {
   return std::nullopt;
 }
+std::ifstream OpenRegularFile(const std::string&) {
+  return {};
+}
+bool WriteRegularFile(const std::string&, std::string_view) {
+  return false;
+}
 std::string VersionInfo::GetVersionAndBuildNumberText(std::string_view path) {
   return "camera " + std::string(path);
 }

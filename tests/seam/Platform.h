@@ -7,7 +7,9 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
 #include <cstdint>
+#include <fstream>
 #include <functional>
 #include <future>
 #include <list>
@@ -27,14 +29,31 @@ using UniqueFunction = std::move_only_function<Signature>;
 
 // --- Queue and handles -------------------------------------------------------------------------
 
+// A message callback throws it where there is no room. Here nothing is ever short of it.
+class Busy : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+struct QueueLoad {
+  std::size_t number = 0;
+  std::size_t bytes = 0;
+};
+
+// Without a bound.
 template <class T>
 class ConcurrentQueue {
  public:
-  void Push(T value) {
+  explicit ConcurrentQueue(const QueueLoad& /*limit*/) {}
+  void Push(T value, std::string_view /*source*/, std::size_t /*bytes*/) {
+    PushAlways(std::move(value));
+  }
+  void PushAlways(T value, std::string_view /*source*/ = {}, std::size_t /*bytes*/ = 0) {
     const std::lock_guard lock(mutex_);
     items_.push_back(std::move(value));
     condition_.notify_all();
   }
+  void Close(T last) { PushAlways(std::move(last)); }
+  QueueLoad Waiting(std::string_view /*source*/) const { return {}; }
   T Pop() {
     std::unique_lock lock(mutex_);
     condition_.wait(lock, [this] { return !items_.empty(); });
@@ -236,6 +255,8 @@ std::string VersionInfoFile();
 std::string EnableCollaborationTestKeyConfigFile();
 std::string DoIgnoreDockForStandardCableFile();
 std::optional<std::uint64_t> GetFileSize(const std::string& path);
+std::ifstream OpenRegularFile(const std::string& path);
+bool WriteRegularFile(const std::string& path, std::string_view content);
 
 class VersionInfo {
  public:

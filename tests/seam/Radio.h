@@ -137,6 +137,10 @@ class RadioProtocol {
   FileHandleRespWrapper MakeFileHandleResponse(const Kova::FileHandleOpenResponse&) { return {}; }
   qrx::DeviceDescriptors GetDeviceDescriptors() { return {}; }
   bool IsRadioConnected() { return connected_; }
+  void HoldReceiving() {}
+  void ContinueReceiving() {}
+  static constexpr std::size_t kSendOverhead = 0;
+  std::size_t GetSendRoom() { return SIZE_MAX; }
   std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(gsl::span<const std::uint8_t>,
                                                               const pel::BaseMessage&) {
     return {};

@@ -6,9 +6,9 @@
 # for lead to the two that there are; one that it asks for anew gets a line here, and what it uses
 # of it a line there.
 set(platform_headers
-  AsyncCallbackHandle ConcurrentQueue ConfigReaderIF FileSize ForkAndExec InterfaceFactory LogClient
-  MicroserviceIF OfficerList Paths ServiceIPC ServiceModel ServiceRunner TargetAttributes
-  UniqueFunction VersionInfo)
+  AsyncCallbackHandle Busy ConcurrentQueue ConfigReaderIF FileSize ForkAndExec InterfaceFactory LogClient
+  MicroserviceIF OfficerList Paths RegularFile ServiceIPC ServiceModel ServiceRunner
+  TargetAttributes UniqueFunction VersionInfo)
 set(radio_headers RadioProtocol)
 
 set(include ${CMAKE_BINARY_DIR}/seam)

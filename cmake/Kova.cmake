@@ -42,6 +42,16 @@ if(KOVA_SANITIZER)
   endif()
 endif()
 
+# kova_generated(FILE...): sources that the build makes. The target kova_generated makes all of them and
+# nothing else, for tools that read the code without compiling it.
+add_custom_target(kova_generated)
+function(kova_generated)
+  file(RELATIVE_PATH folder "${PROJECT_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
+  string(MAKE_C_IDENTIFIER "kova_generated_${folder}" target)
+  add_custom_target(${target} DEPENDS ${ARGN})
+  add_dependencies(kova_generated ${target})
+endfunction()
+
 # kova_library(ServiceIPC NAMESPACE zelt SOURCES src/A.cpp PUBLIC zelt::Base PRIVATE PkgConfig::SYSTEMD)
 # A library with public headers under include/, alias <NAMESPACE>::<name>.
 function(kova_library name)

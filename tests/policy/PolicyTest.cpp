@@ -63,8 +63,9 @@ struct Signals {
   bool publishes, announces, hears;
 };
 const Signals kSignals[] = {
-    {"kova", true, true, true},  {"zelt-config", true, true, true},   {"peer", true, true, true},
-    {"root", false, true, true}, {"operator", false, true, true},     {"stranger", false, false, false},
+    {"kova", true, true, true},      {"zelt-config", true, true, true},
+    {"peer", true, true, true},      {"root", false, true, true},
+    {"operator", false, true, true}, {"stranger", false, false, false},
 };
 
 // The name under which a user's connection is called.

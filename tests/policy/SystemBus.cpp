@@ -56,8 +56,8 @@ void WriteFile(const std::filesystem::path& path, const std::string& text) {
   }
 }
 
-// Somebody who takes the log of dbus-broker: its launcher does not start without, and the bus stands
-// still when nobody reads. Ends with this process.
+// Somebody who takes the log of dbus-broker: its launcher does not start without, and the bus
+// stands still when nobody reads. Ends with this process.
 void OfferJournal() {
   std::filesystem::create_directories("/run/systemd/journal");
   const int fd = Check(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0), "socket");
@@ -153,14 +153,10 @@ SystemBus::SystemBus(const std::vector<std::string>& policies) {
   if (is_broker) {
     // Its launcher wants the socket open already, and the bus of the system to be this one.
     setenv("DBUS_SYSTEM_BUS_ADDRESS", address_.c_str(), 1);
-    command = {"systemd-socket-activate",
-               "-E",
-               "DBUS_SYSTEM_BUS_ADDRESS",
-               "-l",
-               folder + "/socket",
-               "dbus-broker-launch",
-               "--scope=system",
-               config_option};
+    command = {"systemd-socket-activate", "-E",
+               "DBUS_SYSTEM_BUS_ADDRESS", "-l",
+               folder + "/socket",        "dbus-broker-launch",
+               "--scope=system",          config_option};
   }
   process_ = std::make_unique<zelt::fake::ChildProcess>(command, folder_ / "bus.log");
   if (!process_->WaitForOutput(is_broker ? "Listening on" : "guid=")) {
@@ -234,7 +230,8 @@ bool Connection::Call(Connection& receiver, const char* destination, const char*
     while (Check(sd_bus_process(bus_, nullptr), "process") > 0 ||
            Check(sd_bus_process(receiver.bus_, nullptr), "process") > 0) {
     }
-    pollfd sockets[] = {{sd_bus_get_fd(bus_), POLLIN, 0}, {sd_bus_get_fd(receiver.bus_), POLLIN, 0}};
+    pollfd sockets[] = {{sd_bus_get_fd(bus_), POLLIN, 0},
+                        {sd_bus_get_fd(receiver.bus_), POLLIN, 0}};
     poll(sockets, 2, allowed ? 0 : 60'000);
   }
   return *allowed;

@@ -58,7 +58,7 @@ TEST_F(Configuration, SwitchesFollowTheRecordAndEachReadLocksForItself) {
                             Line("tethered", tethering.back()), Said(tethering)};
     EXPECT_EQ(Read(), reading + switched);
     EXPECT_EQ(config->locks - locks, 4);
-    EXPECT_EQ(config->mostLocksHeld, 1);
+    EXPECT_EQ(config->most_locks_held, 1);
   }
 }
 
@@ -68,7 +68,7 @@ TEST_F(Configuration, FailureLeavesTheSwitchesAlone) {
   config->error = 2;
   EXPECT_EQ(Read(), reading + failed);
   config->error = 0;
-  config->emptyPointer = true;
+  config->empty_pointer = true;
   EXPECT_EQ(Read(), reading + failed);
 }
 

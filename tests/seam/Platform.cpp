@@ -25,6 +25,9 @@ class Camera : public ServiceModel, public ServiceIPC {
   AsyncCallbackHandle AddTimer(std::string_view, UniqueFunction<void()>, Seconds, bool) override {
     return {};
   }
+  AsyncCallbackHandle AddWatchdog(UniqueFunction<void(UniqueFunction<void()>)>) override {
+    return {};
+  }
   service_state::State GetServiceState(std::string_view, Seconds) override {
     throw std::runtime_error("nobody is there");
   }

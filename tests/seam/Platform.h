@@ -127,6 +127,7 @@ class ServiceModel {
   virtual std::shared_ptr<ServiceIPC> GetServiceIPC() = 0;
   virtual AsyncCallbackHandle AddTimer(std::string_view name, UniqueFunction<void()> callback,
                                        Seconds interval, bool periodic) = 0;
+  virtual AsyncCallbackHandle AddWatchdog(UniqueFunction<void(UniqueFunction<void()>)> ask) = 0;
   virtual service_state::State GetServiceState(std::string_view service, Seconds timeout) = 0;
   virtual void SetMyServiceState(service_state::State state) = 0;
 };

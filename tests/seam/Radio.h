@@ -100,9 +100,22 @@ using RadioNotificationData = std::variant<
     Kova::FileHandleOpenRequest, Kova::UserPresenceInfoRequest, Collaboration::IoTC2DDataMessage,
     Collaboration::IoTRegistrationResponse, Collaboration::IoTConnectionStatus>;
 
-enum class NotifyMessage : std::uint32_t { HandshakeCompleted = 1, RtVersion = 9 };
-// Beyond the described interface: how many kinds there are.
-inline constexpr std::size_t kNotifyMessageCount = 56;
+// From 0 on.
+// clang-format off: as a text
+enum class NotifyMessage : std::uint32_t {
+  RadioConnected, HandshakeCompleted, RadioConnection, ConnectionLost, RadioEmergency,
+  HandshakeFailed, ShutdownRequest, ShutdownResponse, LocationInfo, RtVersion, HardwareId,
+  SerialNumber, BtMacAddress, Docking, ButtonsSubscribtion, ConfigurationSet, PhysicalUserInput,
+  BluetoothConfig, BluetoothStatus, LedBrightness, FactoryResetAccepted, GattConfig,
+  BatteryLevelResponse, BatteryLevelBroadcast, CovertModeResponse, CovertModeBroadcast,
+  UsbStatusRequest, RadioStatusRequest, WlanControl, UsbRouteRequest, WlanHotspotControl,
+  MicStatus, FactoryReset, OpcodeSubscription, GetDateTime, SetDateTime, VideoTagControlRequest,
+  RsmUpdate, FileAccessWriteRequest, FileAccessWriteSessionEnd, FileAccessCreateRequest,
+  FileAccess, TransferDataRequest, TransferData, UpgradeInProcess, DebugLog, LuiError, IgFailed,
+  LteStatus, VideoControlRequest, VideoControlResponse, FileHandleOpenRequest,
+  UserPresenceInfoRequest, IoTC2DData, IoTRegistration, IoTConnectionStatus
+};
+// clang-format on
 
 struct SocketSettings {
   std::string address;

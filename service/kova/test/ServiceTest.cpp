@@ -199,6 +199,26 @@ TEST_F(Life, StopThatComesBeforeTheLoopWaitsForIt) {
   EXPECT_EQ(trace.back(), Banner("DoDie", "").back());
 }
 
+TEST_F(Life, SupervisorIsToldByTheThreadThatRunsTheTasksOnly) {
+  KovaService service(model, 1000, context);
+  std::latch entered(1);
+  std::latch goes_on(1);
+  std::thread runner([&] { service.DoRun(); });
+  ASSERT_TRUE(journal.WaitFor(running));
+  context->TaskQueue().PushAlways([&] {
+    entered.count_down();
+    goes_on.wait();
+  });
+  entered.wait();
+  model->Advance(std::chrono::seconds(3));
+  EXPECT_EQ(model->TimesAlive(), 0);
+  goes_on.count_down();
+  service.DoDie();
+  runner.join();
+  EXPECT_EQ(model->TimesAlive(), 3);
+  EXPECT_TRUE(model->PendingTimers().empty());
+}
+
 TEST_F(Life, KeyFileThatIsAFifoIsNeitherWaitedForNorWritten) {
   std::filesystem::create_directories(folder.path / "var/lib/zelt");
   const auto path = folder.path / "var/lib/zelt/collaboration_test_key";

@@ -109,7 +109,8 @@ void EnterWorldOfItsOwn() {
   std::string group = "root:x:0:\n";
   for (const User& user : Users()) {
     const std::string id = std::to_string(user.id);
-    passwd += std::string(user.name) + ":x:" + id + ":" + id + "::/:/bin/false\n";
+    passwd.append(user.name).append(":x:").append(id).append(":").append(id);
+    passwd += "::/:/bin/false\n";
   }
   for (const char* name : Groups()) {
     group += std::string(name) + ":x:" + std::to_string(GroupId(name)) + ":";
@@ -172,6 +173,7 @@ SystemBus::~SystemBus() {
 
 Connection::Connection(const SystemBus& bus, const User& user) {
   std::vector<gid_t> groups;
+  groups.reserve(user.groups.size());
   for (const char* name : user.groups) {
     groups.push_back(GroupId(name));
   }

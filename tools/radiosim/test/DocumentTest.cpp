@@ -1,5 +1,6 @@
 #include "ProtoJson.h"
 #include "orka/codec/MessageTable.h"
+#include "orka/codec/Texts.h"
 
 #include <gmock/gmock.h>
 #include <google/protobuf/descriptor.h>
@@ -69,6 +70,19 @@ class Rows {
   std::set<std::string> rows_;
 };
 
+// The paths to the texts of a message, by the numbers of the fields.
+void AddTexts(const pb::Descriptor& type, const std::string& path, std::set<std::string>& texts) {
+  for (int i = 0; i < type.field_count(); ++i) {
+    const pb::FieldDescriptor& field = *type.field(i);
+    const std::string inner = path + " " + std::to_string(field.number());
+    if (field.type() == pb::FieldDescriptor::TYPE_STRING) {
+      texts.insert(inner);
+    } else if (field.message_type() != nullptr) {
+      AddTexts(*field.message_type(), inner, texts);
+    }
+  }
+}
+
 TEST(RadioLinkDocument, TellsTheFieldsOfEveryBody) {
   std::ifstream definitions(RADIOSIM_DEFINITIONS, std::ios::binary);
   pb::FileDescriptorSet set;
@@ -78,11 +92,22 @@ TEST(RadioLinkDocument, TellsTheFieldsOfEveryBody) {
     pool.BuildFile(file);
   }
   Rows rows;
+  std::set<std::string> texts;
   for (const auto& row : orka::codec::kMessageTable) {
     if (const auto* type = pool.FindMessageTypeByName(ProtoName(row.type))) {
       rows.Add(*type);
+      AddTexts(*type, type->full_name(), texts);
     }
   }
+  std::set<std::string> known_texts;
+  for (const auto& [message, path] : orka::codec::kTextFields) {
+    std::string text(message);
+    for (const unsigned number : path) {
+      text += number != 0 ? " " + std::to_string(number) : "";
+    }
+    known_texts.insert(text);
+  }
+  EXPECT_EQ(known_texts, texts);
   std::ostringstream expected;
   for (const std::string& row : rows.All()) {
     expected << row << '\n';

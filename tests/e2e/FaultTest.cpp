@@ -69,25 +69,6 @@ TEST_P(Fault, TransferHasExactlyOneAnswerAndTheServiceLives) {
 INSTANTIATE_TEST_SUITE_P(Plan, Fault, testing::ValuesIn(kFaults),
                          [](const auto& test) { return std::string(test.param.name); });
 
-TEST(Link, AnswersInAnotherOrderReachTheirOwnAskers) {
-  Stack stack;
-  stack.StartAll({"--fault", "reorder message=RtVersionResponse count=1"});
-  const auto version = stack.Run("zeltcli", {"version"});
-  stack.radio->WaitForLine("<- RtVersionRequest");
-  const ToolResult hardware = stack.Tool({"hardware-id"});
-  EXPECT_EQ(hardware.status, 0) << hardware.output;
-  EXPECT_EQ(version->Wait(), 0) << version->Output();
-  EXPECT_TRUE(stack.Radio({"faults"}).contains("fired 1"));
-}
-
-TEST(Link, SlowLineIsSlowButNotLost) {
-  Stack stack;
-  stack.StartAll({"--bps", "19200", "--max-transfer-size", "4096"});
-  const auto push = stack.Push(6000);
-  EXPECT_EQ(push->Wait(), 0) << push->Output();
-  EXPECT_FALSE(stack.kova->Output().contains("CONNECTION_IS_LOST"));
-}
-
 TEST(Link, NobodyListensIsAFailedHandshakeAndAStoppedRadioIsALostLink) {
   Stack stack;
   stack.StartAll();

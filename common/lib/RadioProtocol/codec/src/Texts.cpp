@@ -21,7 +21,8 @@ bool IsEscape(std::string_view text) {
 // How many bytes at the front are one code point as protobuf's parser sees it; 0: none.
 std::size_t CodePointSize(std::string_view text) {
   for (std::size_t size = 1; size <= std::min<std::size_t>(4, text.size()); ++size) {
-    if (google::protobuf::internal::IsStructurallyValidUTF8(text.data(), static_cast<int>(size))) {
+    if (google::protobuf::internal::IsStructurallyValidUTF8(&text.front(),
+                                                            static_cast<int>(size))) {
       return size;
     }
   }
@@ -67,6 +68,26 @@ void AppendVarint(std::uint32_t number, std::string& out) {
   out += static_cast<char>(number);
 }
 
+constexpr std::uint32_t kCounted = 2;  // the kind of field that a text or a message is
+
+// Takes the value of a field of this kind; of a counted one only its `size`.
+bool TakeValue(google::protobuf::io::CodedInputStream& in, std::uint32_t kind,
+               std::uint32_t& size) {
+  std::uint64_t number = 0;
+  switch (kind) {
+    case 0:
+      return in.ReadVarint64(&number);
+    case 1:
+      return in.Skip(8);
+    case kCounted:
+      return in.ReadVarint32(&size);
+    case 5:
+      return in.Skip(4);
+    default:
+      return false;
+  }
+}
+
 bool Rewriter::Rewrite(std::string_view body, Path path, std::size_t depth, std::string& out) {
   google::protobuf::io::CodedInputStream in(reinterpret_cast<const std::uint8_t*>(body.data()),
                                             static_cast<int>(body.size()));
@@ -74,17 +95,13 @@ bool Rewriter::Rewrite(std::string_view body, Path path, std::size_t depth, std:
   std::size_t copied = 0;
   while (const std::uint32_t tag = in.ReadTag()) {
     const std::uint32_t kind = tag & 7U;
-    std::uint64_t number = 0;
     std::uint32_t size = 0;
-    if (kind == 0   ? !in.ReadVarint64(&number)
-        : kind == 1 ? !in.Skip(8)
-        : kind == 5 ? !in.Skip(4)
-                    : kind != 2 || !in.ReadVarint32(&size) || size > body.size() - at()) {
+    if (!TakeValue(in, kind, size) || size > body.size() - at()) {
       return false;
     }
     path[depth] = static_cast<std::uint8_t>(std::min<std::uint32_t>(tag >> 3U, UINT8_MAX));
-    const bool is_text = kind == 2 && IsText(path);
-    if (is_text || (kind == 2 && LeadsToText(path, depth + 1))) {
+    const bool is_text = kind == kCounted && IsText(path);
+    if (is_text || (kind == kCounted && LeadsToText(path, depth + 1))) {
       const std::string_view field = body.substr(at(), size);
       std::string inner;
       if (is_text) {

@@ -6,6 +6,11 @@ set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
 set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
 set(CMAKE_RUNTIME_OUTPUT_DIRECTORY "${CMAKE_BINARY_DIR}/bin")
+# Where programs are that this machine can run: for another architecture, through the emulator.
+set(KOVA_LAUNCH_DIR "${CMAKE_RUNTIME_OUTPUT_DIRECTORY}")
+if(CMAKE_CROSSCOMPILING)
+  set(KOVA_LAUNCH_DIR "${CMAKE_BINARY_DIR}/emulated")
+endif()
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM)
@@ -13,10 +18,13 @@ if(CCACHE_PROGRAM)
 endif()
 
 find_package(Threads REQUIRED)
-find_package(PkgConfig REQUIRED)
-find_package(ZLIB REQUIRED)
 find_package(Protobuf 3.21 REQUIRED)
-pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+if(NOT KOVA_PLATFORM_PACKAGE)
+  find_package(PkgConfig REQUIRED)
+  find_package(ZLIB REQUIRED)
+  pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+endif()
+include(Hardening)
 
 # Everything of ours is compiled with these; generated code is not.
 add_library(kova_warnings INTERFACE)
@@ -33,6 +41,16 @@ if(KOVA_SANITIZER)
     add_compile_options(-Wno-maybe-uninitialized)
   endif()
 endif()
+
+# kova_generated(FILE...): sources that the build makes. The target kova_generated makes all of them and
+# nothing else, for tools that read the code without compiling it.
+add_custom_target(kova_generated)
+function(kova_generated)
+  file(RELATIVE_PATH folder "${PROJECT_SOURCE_DIR}" "${CMAKE_CURRENT_SOURCE_DIR}")
+  string(MAKE_C_IDENTIFIER "kova_generated_${folder}" target)
+  add_custom_target(${target} DEPENDS ${ARGN})
+  add_dependencies(kova_generated ${target})
+endfunction()
 
 # kova_library(ServiceIPC NAMESPACE zelt SOURCES src/A.cpp PUBLIC zelt::Base PRIVATE PkgConfig::SYSTEMD)
 # A library with public headers under include/, alias <NAMESPACE>::<name>.
@@ -66,6 +84,11 @@ function(kova_program name)
   cmake_parse_arguments(PARSE_ARGV 1 arg "" "" "SOURCES;LINK")
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE ${arg_LINK} kova_warnings)
+  if(CMAKE_CROSSCOMPILING)
+    file(GENERATE OUTPUT "${KOVA_LAUNCH_DIR}/${name}"
+      CONTENT "#!/bin/sh\nexec ${CMAKE_CROSSCOMPILING_EMULATOR} $<TARGET_FILE:${name}> \"$@\"\n"
+      FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE)
+  endif()
 endfunction()
 
 # kova_test(NAME ServiceIPC GROUP unit SOURCES ... LINK ... [TIMEOUT seconds])
@@ -82,6 +105,12 @@ function(kova_test)
   set(target test_${arg_NAME})
   add_executable(${target} ${arg_SOURCES})
   target_link_libraries(${target} PRIVATE ${arg_LINK} GTest::gmock_main kova_warnings)
+  set_target_properties(${target} PROPERTIES INTERPROCEDURAL_OPTIMIZATION OFF)
+  # "tests_unit" builds all of a group.
+  if(NOT TARGET tests_${arg_GROUP})
+    add_custom_target(tests_${arg_GROUP})
+  endif()
+  add_dependencies(tests_${arg_GROUP} ${target})
   include(GoogleTest)
   gtest_discover_tests(${target} TEST_PREFIX "${arg_NAME}." DISCOVERY_MODE PRE_TEST
     PROPERTIES LABELS "${arg_GROUP}" TIMEOUT ${arg_TIMEOUT})

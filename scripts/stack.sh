@@ -75,7 +75,7 @@ stack_start() {
   BIN=$2
   stack_link=${3:-tcp}
   rm -rf "$STACK"
-  mkdir -p "$STACK/root/etc/zelt" "$STACK/root/var/lib/zelt" "$STACK/root/dev/shm"
+  mkdir -p "$STACK/root/dev" "$STACK/root/etc/zelt" "$STACK/root/var/lib/zelt"
   # Sockets have short paths only, so they do not go below the checkout.
   STACK_SOCKETS=$(mktemp -d "${TMPDIR:-/tmp}/kova.XXXXXX")
   cp service/config/config.toml "$STACK/root/etc/zelt/config.toml"

@@ -30,7 +30,7 @@ std::string ReadFile(const std::filesystem::path& path) {
 }
 
 Stack::Stack() {
-  for (const char* directory : {"etc/zelt", "var/lib/zelt", "dev/shm"}) {
+  for (const char* directory : {"dev", "etc/zelt", "var/lib/zelt"}) {
     std::filesystem::create_directories(Root() / directory);
   }
   WriteFile(Root() / "etc/zelt/version", "VERSION=1.2.3\nBUILD_NUMBER=45\n");

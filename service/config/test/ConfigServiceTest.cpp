@@ -157,7 +157,7 @@ TEST_F(ConfigServiceTest, FilesThatAreNoConfigurationAtAll) {
 
 TEST_F(ConfigServiceTest, ServiceThatCannotPublishIsNeverReady) {
   const auto model = std::make_shared<fake::FakeServiceModel>();
-  std::ofstream(root_ + "/dev").flush();
+  std::ofstream(root_ + "/run").flush();
   ConfigService service(model, ConfigFile(), {});
   EXPECT_THROW(service.DoRun(), std::runtime_error);
   EXPECT_THAT(model->States(), IsEmpty());
@@ -187,8 +187,8 @@ TEST_F(ConfigServiceTest, BadReloadKeepsTheRecordInForce) {
   ASSERT_TRUE(log.WaitFor("published: working mode \"three\""));
   EXPECT_EQ(mode(), "three");
 
-  std::filesystem::remove_all(root_ + "/dev");
-  std::ofstream(root_ + "/dev").flush();
+  std::filesystem::remove_all(root_ + "/run");
+  std::ofstream(root_ + "/run").flush();
   kill(getpid(), SIGHUP);
   EXPECT_TRUE(log.WaitFor("that is in force stays, publishing failed"));
 

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <fstream>
 #include <string>
 
 namespace zelt {
@@ -28,7 +27,6 @@ enum class TransferState : std::uint32_t {
 struct FirmwareTransfer {
   std::string source_path;            // the image, in the camera's file system
   std::string target_name;            // as the radio stores it
-  std::ifstream source_stream;        // the open image
   std::uint32_t file_size = 0;        // bytes, low 32 bits
   std::uint32_t remaining_bytes = 0;  // not yet read from the stream
   std::uint16_t chunk_number = 0;     // the chunk in flight; wraps

@@ -223,9 +223,10 @@ void KovaContext::StartRadioProtocol() {
   }
   RegisterRadioProtocolCallback();
   bool started = false;
-  if (socket_settings) {
+  if (state.socket_settings) {
     KOVA_LOG(kLogInfo) << "Attempting to start radio via socket";
-    started = radio_protocol->StartSocket(*socket_settings, kLinkAddress, kHandshakeTimeoutSeconds);
+    started =
+        radio_protocol->StartSocket(*state.socket_settings, kLinkAddress, kHandshakeTimeoutSeconds);
   } else {
     KOVA_LOG(kLogInfo) << "Attempting to start radio via UART";
     started =
@@ -259,21 +260,21 @@ void KovaContext::StopRadioProtocol() {
   SetConnectionState(__func__, RtConnectionState::Disconnected);
 }
 
-void KovaContext::SetConnectionState(const char* function, RtConnectionState state) {
-  connection_state = state;
+void KovaContext::SetConnectionState(const char* function, RtConnectionState status) {
+  connection_state = status;
   ZELT_LOG_AS(function, kLogInfo, kContextLog)
-      << "RtConnection status: " << RtConnectionStateText(state);
-  PublishKovaConnectionStatus(state);
+      << "RtConnection status: " << RtConnectionStateText(status);
+  PublishKovaConnectionStatus(status);
 }
 
-void KovaContext::UpdateConnectionStatus(RtConnectionState state) {
-  connection_state = state;
-  KOVA_LOG(kLogInfo) << "Updating RtConnection status to : " << RtConnectionStateText(state);
-  PublishKovaConnectionStatus(state);
+void KovaContext::UpdateConnectionStatus(RtConnectionState status) {
+  connection_state = status;
+  KOVA_LOG(kLogInfo) << "Updating RtConnection status to : " << RtConnectionStateText(status);
+  PublishKovaConnectionStatus(status);
 }
 
-void KovaContext::PublishKovaConnectionStatus(RtConnectionState state) {
-  const Kova::RTConnectionStatus message = StatusMessage(state);
+void KovaContext::PublishKovaConnectionStatus(RtConnectionState status) {
+  const Kova::RTConnectionStatus message = StatusMessage(status);
   KOVA_LOG(kLogInfo) << "Publish message: [" << message.GetTypeName() << "]";
   Publish(message);
 }
@@ -287,12 +288,12 @@ void KovaContext::RtConnectionStatusSubscribeHandler(std::string_view subscriber
 void KovaContext::RadioConnectionSubscribeHandler(std::string_view subscriber) {
   const bool link_connected = radio_protocol->IsRadioConnected();
   Collaboration::RadioConnectionMsg message;
-  message.set_connected(radio_connected);
+  message.set_connected(state.radio_connected);
   message.set_link_connected(link_connected);
   if (link_connected) {
     orka::qrx::AddDeviceDescriptorsToProtoMsg(message, radio_protocol->GetDeviceDescriptors());
   }
-  KOVA_LOG(kLogInfo) << "RadioConnection status: " << ConnectedText(radio_connected);
+  KOVA_LOG(kLogInfo) << "RadioConnection status: " << ConnectedText(state.radio_connected);
   SendMessage(message, subscriber);
 }
 
@@ -336,8 +337,9 @@ void KovaContext::ContinueReceivingWhenCaughtUp() {
 }
 
 bool KovaContext::HandleRadioConnection(const Collaboration::RadioConnectionMsg& message) {
-  radio_connected = message.connected();
-  KOVA_LOG(kLogInfo) << "Handle RadioConnection msg, status: " << ConnectedText(radio_connected);
+  state.radio_connected = message.connected();
+  KOVA_LOG(kLogInfo) << "Handle RadioConnection msg, status: "
+                     << ConnectedText(state.radio_connected);
   return SendMessage(message, "Collaboration");
 }
 

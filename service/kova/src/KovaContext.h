@@ -1,7 +1,9 @@
 #pragma once
 
-#include "FirmwareTransfer.h"
+#include "KovaState.h"
+#include "Log.h"
 #include "PromisedRoom.h"
+#include "RadioPart.h"
 #include "RtConnectionState.h"
 
 #include "orka/RadioProtocol.h"
@@ -19,12 +21,14 @@
 
 #include <atomic>
 #include <cstdint>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -37,7 +41,18 @@ const std::string& TypeName() {
   return name;
 }
 
-// All state of the service, and every handler.
+// True for the types that the service publishes.
+template <class T>
+constexpr bool IsTopic() {
+#define KOVA_MESSAGE(from, goes, package, message, handler, answer, detail)
+#define KOVA_TOPIC(package, message, handler) std::is_same_v<T, package::message> ||
+#define KOVA_PUBLISHED(package, message) std::is_same_v<T, package::message> ||
+  return
+#include "kova/Accepted.def"
+      false;
+}
+
+// Every handler of the service, and all that they share. What they remember is one value, `state`.
 //
 // The IPC threads, the timers and the radio thread only push tasks onto the queue; the service
 // thread, which drains it, is the only one that runs handlers and touches the state below, so none
@@ -48,8 +63,8 @@ const std::string& TypeName() {
 // while too much of it waits. What was pushed runs, unless it belongs to something that is over: a
 // timer that was closed, or a link that was stopped.
 //
-// Where the 48 messages and the 3 kinds of new subscribers go stands in KovaContextCatalogue.cpp,
-// where the 56 notifications go in KovaContextDispatch.cpp.
+// Where each message and each new subscriber goes stands in kova/Accepted.def, where each
+// notification goes in KovaContextDispatch.cpp.
 class KovaContext {
  public:
   using MessageEnvelope = ServiceIPC::MessageEnvelope;
@@ -102,6 +117,8 @@ class KovaContext {
   // What became of a message for the radio; nothing when it was dropped before it was sent.
   using Sent = std::optional<orka::SendResult>;
 
+#include "KovaContextRelays.inc"
+
   // --- Link to the radio -----------------------------------------------------------------------
   void HandleRtConnectionAction(const Kova::RtConnectionAction& message);
   void RtConnectionStatusSubscribeHandler(std::string_view subscriber);
@@ -133,9 +150,7 @@ class KovaContext {
   Sent HandleSetDateTimeMsg(const MessageEnvelope& envelope, const Kova::SetDateTimeMsg& message);
   Sent SendSetDateTimeRequest(const MessageEnvelope& envelope, const Kova::SetDateTimeReq& message);
   void HandleSetDateTimeResponse(const Kova::SetDateTimeResp& response);
-  Sent SendSerialNumberMsg(const Kova::SerialNumberMsg& message);
   bool HandleSerialNumberIncomingMsg(const Kova::SerialNumberMsg& message);
-  Sent SendBtMacAddrMsg(const Kova::BtMacAddressMsg& message);
   bool HandleBtMacAddrIncomingMsg(const Kova::BtMacAddressMsg& message);
 
   // --- Firmware transfer -----------------------------------------------------------------------
@@ -166,18 +181,7 @@ class KovaContext {
   // --- Docking, USB, power, shutdown -----------------------------------------------------------
   void DockStatusSubscribeHandler(std::string_view subscriber);
   void HandleDockingNotification(const MediaStreamNotification::InputNotification& notification);
-  Sent SendShutdownRequest(const Kova::ShutdownRequest& message);
-  bool HandleShutdownRequest(const Kova::ShutdownRequest& message);
-  Sent SendShutdownResponse(const Kova::ShutdownResponse& message);
-  bool HandleShutdownResponse(const Kova::ShutdownResponse& message);
-  Sent SendAmbaUpdateStatus(const Kova::AmbaUpdateStatus& message);
-  Sent SendRtDebugLogRequest(const Kova::RtDebugLogMsg& message);
-  bool HandleRtDebugLogResponse(const Kova::RtDebugLogMsg& message);
-  Sent SendBatteryLevelRequest(const Kova::BatteryLevelRequest& message);
-  bool HandleBatteryLevel(const Kova::BatteryLevel& message);
-  bool HandleUsbRouteRequest(const Kova::UsbRouteMsg& message);
   Sent SendUsbRouteResponse(const Kova::UsbRouteMsg& message);
-  Sent SendUsbStatus(const Kova::UsbStatus& message);
   Sent SendRtFactoryResetRequest(const MessageEnvelope& envelope,
                                  const Kova::RtFactoryResetRequest& message);
   void HandleRtFactoryResetResponse(const Kova::RtFactoryResetResponse& response);
@@ -186,10 +190,6 @@ class KovaContext {
   Sent SendOpcodeSubscriptionRequest(const MessageEnvelope& envelope,
                                      const Kova::OpcodeSubscriptionMsg& message);
   void HandleOpcodeSubscriptionResponse(const Kova::OpcodeSubscriptionMsg& message);
-  Sent SendConfigurationSetRequest(const Kova::ConfigurationSetMsg& message);
-  bool HandleConfigurationSetResponse(const Kova::ConfigurationSetMsg& message);
-  Sent SendButtonsSubscribtionRequest(const Kova::ButtonsSubscribtionMsg& message);
-  bool HandleButtonsSubscribtionResponse(const Kova::ButtonsSubscribtionMsg& message);
   Sent SendBluetoothConfigRequest(const MessageEnvelope& envelope,
                                   const Kova::BluetoothConfigMsg& message);
   void HandleBluetoothConfigIncommingMsg(const Kova::BluetoothConfigMsg& message);
@@ -198,45 +198,13 @@ class KovaContext {
   void HandleBluetoothStatusIncommingMsg(const Kova::BluetoothStatusMsg& message);
   Sent SendGattConfigMsg(const MessageEnvelope& envelope, const Kova::GattConfigMsg& message);
   void HandleGattConfigIncommingMsg(const Kova::GattConfigMsg& message);
-  Sent SetCovertMode(const Kova::ToggleCovertModeMsg& message);
-  bool HandleSetCovertModeResponse(const Kova::ToggleCovertModeMsg& message);
-  bool HandleSetCovertModeBroadcast(const Kova::ToggleCovertModeMsg& message);
   Sent SendFeedbackAction(const MessageEnvelope& envelope, const Kova::FeedbackAction& message);
-  bool HandlePhysicalUserInput(const MediaStreamNotification::InputNotification& message);
   void HandleSetSocketParams(const MessageEnvelope& envelope, const Kova::SetSocketParams& message);
   void HandleClearSocketParams(const MessageEnvelope& envelope,
                                const Kova::ClearSocketParams& message);
 
   // --- Video, location, collaboration, IoT -----------------------------------------------------
-  Sent SendRadioEmergencyRequest(const Collaboration::RadioEmergencyMsg& message);
-  bool HandleRadioEmergencyResponse(const Collaboration::RadioEmergencyMsg& message);
-  bool HandleVideoTagControlRequest(const Collaboration::VideoTagControlRequest& message);
-  Sent SendVideoTagControlReply(const Collaboration::VideoTagControlReply& message);
-  bool HandleRadioVideoControlRequest(const Kova::VideoControlRequest& message);
-  Sent HandleVideoControlResponse(const Kova::VideoControlResponse& message);
-  Sent HandleVideoControlBroadcast(const Kova::VideoControlBroadcast& message);
-  bool HandleLocationInformationIncoming(const Kova::LocationInfoMsg& message);
   bool HandleRadioLuiError(const Kova::RadioLuiError& message);
-  bool HandleRadioStatusRequest(const Kova::RadioStatusMsg& message);
-  bool HandleWlanControlIncomingMsg(const Kova::RadioWlanControlIncomingMsg& message);
-  Sent SendWlanControlRequest(const Kova::RadioWlanControlOutgoingMsg& message);
-  bool HandleWlanHotspotControlIncomingMsg(const Kova::RadioWlanHotspotControlIncomingMsg& message);
-  Sent SendWlanHotspotControlRequest(const Kova::RadioWlanHotspotControlOutgoingMsg& message);
-  bool HandleLteStatusIncomingMsg(const Kova::RadioLteControlIncoming& message);
-  Sent SendLteStatusReqMsg(const Kova::RadioLteControlOutgoing& message);
-  Sent SendMicStatusRequest(const Kova::MicStatusMsg& message);
-  bool HandleMicStatusResponse(const Kova::MicStatusMsg& message);
-  Sent SendRsmUpdateRequest(const Kova::RsmUpdateRequest& message);
-  bool HandleRsmUpdateResponse(const Kova::RsmUpdateResponse& message);
-  bool HandleUserPresenceInfoRequest(const Kova::UserPresenceInfoRequest& message);
-  Sent HandleUserPresenceInfoResponse(const Kova::UserPresenceInfoResponse& message);
-  bool HandleIoTC2DDataMessage(const Collaboration::IoTC2DDataMessage& message);
-  Sent HandleIoTD2CDataMessage(const Collaboration::IoTD2CDataMessage& message);
-  Sent HandleIoTRegisterRequest(const Collaboration::IoTRegistrationRequest& message);
-  bool HandleIoTRegisterResponse(const Collaboration::IoTRegistrationResponse& message);
-  Sent HandleIoTConnectionStatusQueryRequest(
-      const Collaboration::IoTConnectionStatusQuery& message);
-  bool HandleIoTConnectionStatusIncoming(const Collaboration::IoTConnectionStatus& message);
   Sent SendRadioStatus(const Kova::RadioStatusMsg& message);
   Sent SendLocationInformationRequest(const MessageEnvelope& envelope,
                                       const Kova::LocationInfoMsg& message);
@@ -248,16 +216,22 @@ class KovaContext {
 
   // --- Mechanisms that handlers share ----------------------------------------------------------
 
-  // Sends `message` as its alternative of the outgoing union.
+  // Sends `message` as its alternative of the outgoing union. The number is that of a RadioPart, or
+  // what a message carries.
   template <class T>
   orka::SendResult ToRadio(const T& message, std::uint32_t radio_send_selector) {
     return radio_protocol->SendToRadio(orka::RadioOutgoingMessage(std::in_place_type<T>, message),
                                        radio_send_selector);
   }
+  template <class T>
+  orka::SendResult ToRadio(const T& message, RadioPart part) {
+    return ToRadio(message, std::to_underlying(part));
+  }
 
-  // To every subscriber; nobody looks at the outcome.
+  // Sends to every subscriber; nobody looks at the outcome.
   template <class T>
   void Publish(const T& message) {
+    static_assert(IsTopic<T>(), "a line for it is missing in kova/Accepted.def");
     static_cast<void>(service_ipc->PublishImpl(TypeName<T>(), message.SerializeAsString()));
   }
 
@@ -345,33 +319,24 @@ class KovaContext {
 
   // Service thread only.
 
-  bool radio_connected = false;  // what the radio said last
-  std::optional<std::string> rt_version_requester;
-  std::optional<std::string> hardware_id_requester;
-  FirmwareTransfer firmware_transfer;
-  std::optional<Kova::FileAccessWriteRequest> pending_file_access_write;
-  std::optional<Kova::FileAccessCreateRequest> pending_file_access_create;
+  KovaState state;
+  std::mutex socket_settings_mutex;  // held while those of the state are written
+
   std::vector<AsyncCallbackHandle> registration_handles;
   std::unique_ptr<orka::RadioProtocol> radio_protocol;
   std::shared_ptr<ServiceModel> service_model;
   std::shared_ptr<ServiceIPC> service_ipc;
   std::unique_ptr<ConfigReaderIF> config_reader;
-  std::string version_text;
-  std::mutex socket_settings_mutex;                     // held while they are written
-  std::optional<orka::SocketSettings> socket_settings;  // empty: the serial port is used
-  std::optional<std::string> led_brightness_requester;
-  std::optional<std::string> set_date_time_requester;
-  std::optional<std::string> get_date_time_requester;
   std::unique_ptr<TargetAttributesIF> target_attributes;
+  std::string version_text;
+
+  std::ifstream firmware_stream;  // the image of the transfer, open
+  std::unique_ptr<std::vector<std::uint8_t>> pending_chunk;
   AsyncCallbackHandle file_access_timer;
   AsyncCallbackHandle transfer_data_timer;
-  std::unique_ptr<std::vector<std::uint8_t>> pending_chunk;
-  std::map<std::string, AsyncCallbackHandle> file_handle_open_timers;  // by file name
   AsyncCallbackHandle file_access_write_timer;
   AsyncCallbackHandle file_access_create_timer;
-  // Key and state of the dock notification that was published last; never emptied.
-  std::optional<std::pair<std::int32_t, std::uint32_t>> last_dock_status;
-  std::optional<MessageEnvelope> cli_requester;
+  std::map<std::string, AsyncCallbackHandle> file_handle_open_timers;  // by file name
 };
 
 }  // namespace zelt

@@ -1,5 +1,6 @@
-// Every message that the service accepts, and the handler that it goes to.
+// Registers for everything that kova/Accepted.def lists.
 
+#include "HandlerSignature.h"
 #include "KovaContext.h"
 #include "Log.h"
 
@@ -9,6 +10,7 @@
 #include <array>
 #include <set>
 #include <string_view>
+#include <type_traits>
 
 namespace zelt {
 
@@ -16,18 +18,11 @@ struct Catalogue {
   using Envelope = ServiceIPC::MessageEnvelope;
   using Context = KovaContext;
 
-  enum class Form {
-    Message,       // the handler takes the message
-    Envelope,      // the handler takes envelope and message, to remember or answer the sender
-    ToolOnly,      // the same, but only for messages of a zeltcli tool
-    Subscription,  // the handler takes the name of a new subscriber of the topic
-  };
-
+  enum class From { Anyone, Tools };
   // Where a message goes: only what is for the radio needs room at the link.
   enum class Goes { ToRadio, NoFurther };
 
   struct Entry {
-    Form form;
     std::string_view message;  // tells the types apart when this is compiled
     AsyncCallbackHandle (*registration)(KovaContext&);
   };
@@ -45,10 +40,12 @@ struct Catalogue {
     T& message = *google::protobuf::Arena::CreateMessage<T>(&arena);
   };
 
-  // The work of a typed registration: parse, log, queue a task with copies. Busy leaves through
-  // here when there is no room for it.
-  template <Form form, Goes goes, class T, auto handler>
-  static AsyncCallbackHandle RegisterTyped(KovaContext& context) {
+  // Makes the registration of a message: what arrives is parsed, logged and queued. Busy leaves
+  // through the callback when there is no room for it.
+  template <From from, Goes goes, class T, auto handler>
+  static AsyncCallbackHandle RegisterMessage(KovaContext& context) {
+    using Signature = HandlerSignature<decltype(handler)>;
+    static_assert(std::is_same_v<typename Signature::Message, T>, "the handler takes another type");
     return context.service_ipc->RegisterCallbackImpl(
         TypeName<T>(), std::nullopt,
         [&context](const Envelope& envelope, std::string_view payload) {
@@ -62,7 +59,7 @@ struct Catalogue {
               << "Calling ipc callback for " << TypeName<T>();
           ZELT_LOG_AS("RegisterCallback", kLogDebug, kIpcLog)
               << "Received [" << TypeName<T>() << "] from [" << envelope.sender << "]";
-          if (form == Form::ToolOnly && !envelope.sender.starts_with("zeltcli-")) {
+          if (from == From::Tools && !envelope.sender.starts_with("zeltcli-")) {
             return;
           }
           auto room = goes == Goes::ToRadio ? context.PromiseRoom(payload.size())
@@ -72,14 +69,14 @@ struct Catalogue {
           const auto push = [&](auto task) {
             context.task_queue.Push(std::move(task), envelope.sender, bytes);
           };
-          if constexpr (form == Form::Message) {
-            push([&context, parsed = std::move(parsed), room = std::move(room)] {
-              (context.*handler)(parsed->message);
-            });
-          } else {
+          if constexpr (Signature::kTakesEnvelope) {
             // `envelope = envelope`: a plain copy would be const, and copied again by every move.
             push([&context, envelope = envelope, parsed = std::move(parsed),
                   room = std::move(room)] { (context.*handler)(envelope, parsed->message); });
+          } else {
+            push([&context, parsed = std::move(parsed), room = std::move(room)] {
+              (context.*handler)(parsed->message);
+            });
           }
         });
   }
@@ -90,7 +87,8 @@ struct Catalogue {
     std::set<std::string, std::less<>> names;  // guarded by mutex
   };
 
-  // Never refused: one task for each subscriber is bounded by the bus, and nobody could tell him.
+  // Makes the registration of a topic: each new subscriber is queued. Never refused: one task for
+  // each subscriber is bounded by the bus, and nobody could tell him.
   template <class T, auto handler>
   static AsyncCallbackHandle RegisterSubscription(KovaContext& context) {
     return context.service_ipc->AddSubscribeHandlerImpl(
@@ -112,95 +110,23 @@ struct Catalogue {
         TypeName<T>());
   }
 
-  template <class T, auto handler, Goes goes = Goes::ToRadio>
-  static constexpr Entry Message() {
-    return {Form::Message, Distinct<T>(), &RegisterTyped<Form::Message, goes, T, handler>};
+  static constexpr auto Entries() {
+    return std::to_array<Entry>({
+#define KOVA_MESSAGE(from, goes, package, message, handler, answer, detail) \
+  {Distinct<package::message>(),                                            \
+   &RegisterMessage<From::from, Goes::goes, package::message, &Context::handler>},
+#define KOVA_TOPIC(package, message, handler) \
+  {Distinct<package::message>(), &RegisterSubscription<package::message, &Context::handler>},
+#define KOVA_PUBLISHED(package, message)
+#include "kova/Accepted.def"
+    });
   }
-  template <class T, auto handler, Goes goes = Goes::ToRadio>
-  static constexpr Entry WithEnvelope() {
-    return {Form::Envelope, Distinct<T>(), &RegisterTyped<Form::Envelope, goes, T, handler>};
-  }
-  template <class T, auto handler, Goes goes = Goes::ToRadio>
-  static constexpr Entry ToolOnly() {
-    return {Form::ToolOnly, Distinct<T>(), &RegisterTyped<Form::ToolOnly, goes, T, handler>};
-  }
-  template <class T, auto handler>
-  static constexpr Entry Subscription() {
-    return {Form::Subscription, Distinct<T>(), &RegisterSubscription<T, handler>};
-  }
-
-  static constexpr std::array<Entry, 51> Entries();
 };
-
-// clang-format off: one line an entry
-constexpr std::array<Catalogue::Entry, 51> Catalogue::Entries() {
-  return {{
-      Message<Kova::RtConnectionAction, &Context::HandleRtConnectionAction, Goes::NoFurther>(),
-      Message<Kova::ShutdownResponse, &Context::SendShutdownResponse>(),
-      Message<Kova::ShutdownRequest, &Context::SendShutdownRequest>(),
-      Message<Kova::SerialNumberMsg, &Context::SendSerialNumberMsg>(),
-      Message<Kova::BtMacAddressMsg, &Context::SendBtMacAddrMsg>(),
-      WithEnvelope<Kova::RtVersionMsg, &Context::SendRtVersionRequest>(),
-      WithEnvelope<Kova::HardwareIdMsg, &Context::SendHardwareIdRequest>(),
-      Message<Kova::AmbaUpdateStatus, &Context::SendAmbaUpdateStatus>(),
-      Message<Kova::RtDebugLogMsg, &Context::SendRtDebugLogRequest>(),
-      WithEnvelope<Kova::FeedbackAction, &Context::SendFeedbackAction>(),
-      Message<Kova::ConfigurationSetMsg, &Context::SendConfigurationSetRequest>(),
-      Message<Kova::ButtonsSubscribtionMsg, &Context::SendButtonsSubscribtionRequest>(),
-      WithEnvelope<Kova::LedBrightnessSettingMsg, &Context::SendLedBrightnessSettingRequest>(),
-      Message<Kova::RadioStatusMsg, &Context::SendRadioStatus>(),
-      Message<Kova::BatteryLevelRequest, &Context::SendBatteryLevelRequest>(),
-      Message<Kova::UsbStatus, &Context::SendUsbStatus>(),
-      WithEnvelope<Kova::BluetoothConfigMsg, &Context::SendBluetoothConfigRequest>(),
-      WithEnvelope<Kova::BluetoothStatusMsg, &Context::SendBluetoothStatusRequest>(),
-      WithEnvelope<Kova::GattConfigMsg, &Context::SendGattConfigMsg>(),
-      ToolOnly<Kova::SetSocketParams, &Context::HandleSetSocketParams, Goes::NoFurther>(),
-      ToolOnly<Kova::ClearSocketParams, &Context::HandleClearSocketParams, Goes::NoFurther>(),
-      ToolOnly<Kova::RtFactoryResetRequest, &Context::SendRtFactoryResetRequest>(),
-      ToolOnly<Kova::InjectQrxRequest, &Context::HandleInjectQrxRequest>(),
-      Message<Collaboration::RadioEmergencyMsg, &Context::SendRadioEmergencyRequest>(),
-      Message<Collaboration::VideoTagControlReply, &Context::SendVideoTagControlReply>(),
-      WithEnvelope<Kova::LocationInfoMsg, &Context::SendLocationInformationRequest>(),
-      WithEnvelope<Kova::OpcodeSubscriptionMsg, &Context::SendOpcodeSubscriptionRequest>(),
-      Message<Kova::ToggleCovertModeMsg, &Context::SetCovertMode>(),
-      Subscription<Kova::RTConnectionStatus, &Context::RtConnectionStatusSubscribeHandler>(),
-      Subscription<MediaStreamNotification::InputNotification, &Context::DockStatusSubscribeHandler>(),
-      Subscription<Collaboration::RadioConnectionMsg, &Context::RadioConnectionSubscribeHandler>(),
-      Message<Kova::UsbRouteMsg, &Context::SendUsbRouteResponse>(),
-      Message<Kova::MicStatusMsg, &Context::SendMicStatusRequest>(),
-      WithEnvelope<Kova::GetDateTimeReq, &Context::SendGetDateTimeRequest>(),
-      WithEnvelope<Kova::SetDateTimeReq, &Context::SendSetDateTimeRequest>(),
-      WithEnvelope<Kova::SetDateTimeMsg, &Context::HandleSetDateTimeMsg>(),
-      WithEnvelope<Kova::TransferFirmwareRequest, &Context::HandleTransferFirmwareRequest>(),
-      Message<Kova::FileAccessWriteResponse, &Context::SendFileAccessWriteResponse>(),
-      Message<Kova::RsmUpdateRequest, &Context::SendRsmUpdateRequest>(),
-      Message<Kova::RadioWlanControlOutgoingMsg, &Context::SendWlanControlRequest>(),
-      Message<Kova::RadioLteControlOutgoing, &Context::SendLteStatusReqMsg>(),
-      Message<Kova::RadioWlanHotspotControlOutgoingMsg, &Context::SendWlanHotspotControlRequest>(),
-      WithEnvelope<Kova::VideoControlRequest, &Context::HandleBwcVideoControlRequest>(),
-      Message<Kova::VideoControlResponse, &Context::HandleVideoControlResponse>(),
-      Message<Kova::VideoControlBroadcast, &Context::HandleVideoControlBroadcast>(),
-      Message<Kova::FileHandleOpenResponse, &Context::HandleFileHandleOpenResponse>(),
-      Message<Kova::FileAccessCreateResponse, &Context::SendFileAccessCreateResponse>(),
-      Message<Kova::UserPresenceInfoResponse, &Context::HandleUserPresenceInfoResponse>(),
-      Message<Collaboration::IoTD2CDataMessage, &Context::HandleIoTD2CDataMessage>(),
-      Message<Collaboration::IoTRegistrationRequest, &Context::HandleIoTRegisterRequest>(),
-      Message<Collaboration::IoTConnectionStatusQuery, &Context::HandleIoTConnectionStatusQueryRequest>(),
-  }};
-}
-// clang-format on
 
 namespace {
 
 constexpr auto kCatalogue = Catalogue::Entries();
 
-constexpr auto CountOf(Catalogue::Form form) {
-  return std::ranges::count(kCatalogue, form, &Catalogue::Entry::form);
-}
-static_assert(CountOf(Catalogue::Form::Message) == 30);
-static_assert(CountOf(Catalogue::Form::Envelope) == 14);
-static_assert(CountOf(Catalogue::Form::ToolOnly) == 4);
-static_assert(CountOf(Catalogue::Form::Subscription) == 3);
 static_assert(std::ranges::all_of(kCatalogue, [](const Catalogue::Entry& entry) {
   return std::ranges::count(kCatalogue, entry.message, &Catalogue::Entry::message) == 1;
 }));

@@ -1,5 +1,6 @@
 // Every notification of the radio, the payload that it must carry, and the handler that it goes to.
 
+#include "HandlerSignature.h"
 #include "KovaContext.h"
 #include "Log.h"
 
@@ -7,24 +8,34 @@
 #include <array>
 #include <limits>
 #include <ranges>
+#include <type_traits>
+#include <variant>
 
 namespace zelt {
 
 struct Dispatch {
   using Context = KovaContext;
   using Data = orka::RadioNotificationData;
+  using N = orka::NotifyMessage;
 
   static constexpr std::size_t kNotRead = std::numeric_limits<std::size_t>::max();
 
   struct Row {
-    std::uint32_t kind;
+    N kind;
     std::size_t alternative;             // of the payload; kNotRead: whatever it is
     int level;                           // of `text`
     const char* text;                    // logged on arrival; nullptr: nothing is
     void (*post)(KovaContext&, Data&&);  // queues the handler; nullptr: there is none
   };
 
-  // What a payload takes beside its record.
+  // The alternative that holds a T; one past the last when none does.
+  template <class T, class... Ts>
+  static constexpr std::size_t IndexOf(const std::variant<Ts...>* /*type only*/) {
+    constexpr std::array kMatches = {std::is_same_v<T, Ts>...};
+    return static_cast<std::size_t>(std::ranges::find(kMatches, true) - kMatches.begin());
+  }
+
+  // Returns what a payload takes beside its record.
   static std::size_t Bytes(const google::protobuf::MessageLite& message) {
     return message.ByteSizeLong();
   }
@@ -54,82 +65,90 @@ struct Dispatch {
     context.PushFromRadio([&context, message] { context.HandleRadioConnection(message); }, 0);
   }
 
-  template <std::size_t alternative, auto handler>
-  static constexpr Row To(std::uint32_t kind, const char* text = nullptr) {
-    return {kind, alternative, kLogInfo, text, &PostWithPayload<alternative, handler>};
+  // The payload is what the handler takes.
+  template <auto handler>
+  static constexpr Row To(N kind, const char* text = nullptr) {
+    constexpr std::size_t kAlternative =
+        IndexOf<typename HandlerSignature<decltype(handler)>::Message>(
+            static_cast<const Data*>(nullptr));
+    static_assert(kAlternative < std::variant_size_v<Data>, "no notification carries that");
+    return {kind, kAlternative, kLogInfo, text, &PostWithPayload<kAlternative, handler>};
   }
   // What the link itself reports: not handled any more once the link has been stopped.
   template <auto handler>
-  static constexpr Row Event(std::uint32_t kind) {
+  static constexpr Row Event(N kind) {
     return {kind, kNotRead, kLogInfo, nullptr, &PostLinkEvent<handler>};
   }
-  static constexpr Row LoggedOnly(std::uint32_t kind, int level, const char* text) {
+  static constexpr Row RadioConnected() {
+    return {N::RadioConnected, kNotRead, kLogInfo, nullptr, &PostRadioConnected};
+  }
+  static constexpr Row LoggedOnly(N kind, int level, const char* text) {
     return {kind, kNotRead, level, text, nullptr};
   }
 
-  static constexpr std::array<Row, orka::kNotifyMessageCount> Rows();
+  static constexpr auto Rows();
 };
 
 // clang-format off: one line a row
-constexpr std::array<Dispatch::Row, orka::kNotifyMessageCount> Dispatch::Rows() {
-  return {{
-      Row{0, kNotRead, kLogInfo, nullptr, &PostRadioConnected},
-      Event<&Context::HandleRtHandshakeCompleted>(1),
-      To<3, &Context::HandleRadioConnection>(2),
-      Event<&Context::HandleConnectionIsLost>(3),
-      To<2, &Context::HandleRadioEmergencyResponse>(4),
-      Event<&Context::HandleRtHandshakeFailed>(5),
-      To<6, &Context::HandleShutdownRequest>(6),
-      To<7, &Context::HandleShutdownResponse>(7),
-      To<20, &Context::HandleLocationInformationIncoming>(8),
-      To<8, &Context::HandleRtVersionResponse>(9),
-      To<9, &Context::HandleHardwareIdResponse>(10),
-      To<10, &Context::HandleSerialNumberIncomingMsg>(11),
-      To<11, &Context::HandleBtMacAddrIncomingMsg>(12),
-      To<1, &Context::HandleDockingNotification>(13),
-      To<13, &Context::HandleButtonsSubscribtionResponse>(14),
-      To<12, &Context::HandleConfigurationSetResponse>(15),
-      To<1, &Context::HandlePhysicalUserInput>(16),
-      To<14, &Context::HandleBluetoothConfigIncommingMsg>(17),
-      To<15, &Context::HandleBluetoothStatusIncommingMsg>(18),
-      To<17, &Context::HandleLedBrightnessSettingResponse>(19),
-      LoggedOnly(20, kLogInfo, "Got Factory Reset response notification"),
-      To<16, &Context::HandleGattConfigIncommingMsg>(21),
-      To<24, &Context::HandleBatteryLevel>(22),
-      To<24, &Context::HandleBatteryLevel>(23),
-      To<18, &Context::HandleSetCovertModeResponse>(24),
-      To<18, &Context::HandleSetCovertModeBroadcast>(25),
-      LoggedOnly(26, kLogInfo, "Got USB Status request notification"),
-      To<19, &Context::HandleRadioStatusRequest>(27),
-      To<21, &Context::HandleWlanControlIncomingMsg>(28),
-      To<22, &Context::HandleUsbRouteRequest>(29),
-      To<36, &Context::HandleWlanHotspotControlIncomingMsg>(30),
-      To<25, &Context::HandleMicStatusResponse>(31),
-      To<23, &Context::HandleRtFactoryResetResponse>(32),
-      To<5, &Context::HandleOpcodeSubscriptionResponse>(33),
-      To<26, &Context::HandleGetDateTimeResponse>(34),
-      To<27, &Context::HandleSetDateTimeResponse>(35),
-      To<4, &Context::HandleVideoTagControlRequest>(36),
-      To<34, &Context::HandleRsmUpdateResponse>(37),
-      To<28, &Context::HandleFileAccessWriteRequest>(38),
-      To<29, &Context::HandleFileAccessWriteSessionEnd>(39),
-      To<30, &Context::HandleFileAccessCreateRequest>(40),
-      To<32, &Context::HandleFileAccessResponse>(41),
-      LoggedOnly(42, kLogDebug, "Got Transfer Data request notification"),
-      To<33, &Context::HandleTransferDataResponse>(43),
-      Event<&Context::HandleRtUpgradeInProcess>(44),
-      To<31, &Context::HandleRtDebugLogResponse>(45),
-      To<35, &Context::HandleRadioLuiError>(46),
-      Event<&Context::HandleIgFailed>(47),
-      To<37, &Context::HandleLteStatusIncomingMsg>(48),
-      To<38, &Context::HandleRadioVideoControlRequest>(49),
-      To<39, &Context::HandleRadioVideoControlResponse>(50),
-      To<40, &Context::HandleFileHandleOpenRequest>(51),
-      To<41, &Context::HandleUserPresenceInfoRequest>(52, "Event User Presence Info Request"),
-      To<42, &Context::HandleIoTC2DDataMessage>(53, "Event IoT C2D Data Message Incoming"),
-      To<43, &Context::HandleIoTRegisterResponse>(54, "Event IoT Register Response"),
-      To<44, &Context::HandleIoTConnectionStatusIncoming>(55, "Event IoT Connection Status Response"),
-  }};
+constexpr auto Dispatch::Rows() {
+  return std::to_array<Row>({
+      RadioConnected(),
+      Event<&Context::HandleRtHandshakeCompleted>(N::HandshakeCompleted),
+      To<&Context::HandleRadioConnection>(N::RadioConnection),
+      Event<&Context::HandleConnectionIsLost>(N::ConnectionLost),
+      To<&Context::HandleRadioEmergencyResponse>(N::RadioEmergency),
+      Event<&Context::HandleRtHandshakeFailed>(N::HandshakeFailed),
+      To<&Context::HandleShutdownRequest>(N::ShutdownRequest),
+      To<&Context::HandleShutdownResponse>(N::ShutdownResponse),
+      To<&Context::HandleLocationInformationIncoming>(N::LocationInfo),
+      To<&Context::HandleRtVersionResponse>(N::RtVersion),
+      To<&Context::HandleHardwareIdResponse>(N::HardwareId),
+      To<&Context::HandleSerialNumberIncomingMsg>(N::SerialNumber),
+      To<&Context::HandleBtMacAddrIncomingMsg>(N::BtMacAddress),
+      To<&Context::HandleDockingNotification>(N::Docking),
+      To<&Context::HandleButtonsSubscribtionResponse>(N::ButtonsSubscribtion),
+      To<&Context::HandleConfigurationSetResponse>(N::ConfigurationSet),
+      To<&Context::HandlePhysicalUserInput>(N::PhysicalUserInput),
+      To<&Context::HandleBluetoothConfigIncommingMsg>(N::BluetoothConfig),
+      To<&Context::HandleBluetoothStatusIncommingMsg>(N::BluetoothStatus),
+      To<&Context::HandleLedBrightnessSettingResponse>(N::LedBrightness),
+      LoggedOnly(N::FactoryResetAccepted, kLogInfo, "Got Factory Reset response notification"),
+      To<&Context::HandleGattConfigIncommingMsg>(N::GattConfig),
+      To<&Context::HandleBatteryLevel>(N::BatteryLevelResponse),
+      To<&Context::HandleBatteryLevel>(N::BatteryLevelBroadcast),
+      To<&Context::HandleSetCovertModeResponse>(N::CovertModeResponse),
+      To<&Context::HandleSetCovertModeBroadcast>(N::CovertModeBroadcast),
+      LoggedOnly(N::UsbStatusRequest, kLogInfo, "Got USB Status request notification"),
+      To<&Context::HandleRadioStatusRequest>(N::RadioStatusRequest),
+      To<&Context::HandleWlanControlIncomingMsg>(N::WlanControl),
+      To<&Context::HandleUsbRouteRequest>(N::UsbRouteRequest),
+      To<&Context::HandleWlanHotspotControlIncomingMsg>(N::WlanHotspotControl),
+      To<&Context::HandleMicStatusResponse>(N::MicStatus),
+      To<&Context::HandleRtFactoryResetResponse>(N::FactoryReset),
+      To<&Context::HandleOpcodeSubscriptionResponse>(N::OpcodeSubscription),
+      To<&Context::HandleGetDateTimeResponse>(N::GetDateTime),
+      To<&Context::HandleSetDateTimeResponse>(N::SetDateTime),
+      To<&Context::HandleVideoTagControlRequest>(N::VideoTagControlRequest),
+      To<&Context::HandleRsmUpdateResponse>(N::RsmUpdate),
+      To<&Context::HandleFileAccessWriteRequest>(N::FileAccessWriteRequest),
+      To<&Context::HandleFileAccessWriteSessionEnd>(N::FileAccessWriteSessionEnd),
+      To<&Context::HandleFileAccessCreateRequest>(N::FileAccessCreateRequest),
+      To<&Context::HandleFileAccessResponse>(N::FileAccess),
+      LoggedOnly(N::TransferDataRequest, kLogDebug, "Got Transfer Data request notification"),
+      To<&Context::HandleTransferDataResponse>(N::TransferData),
+      Event<&Context::HandleRtUpgradeInProcess>(N::UpgradeInProcess),
+      To<&Context::HandleRtDebugLogResponse>(N::DebugLog),
+      To<&Context::HandleRadioLuiError>(N::LuiError),
+      Event<&Context::HandleIgFailed>(N::IgFailed),
+      To<&Context::HandleLteStatusIncomingMsg>(N::LteStatus),
+      To<&Context::HandleRadioVideoControlRequest>(N::VideoControlRequest),
+      To<&Context::HandleRadioVideoControlResponse>(N::VideoControlResponse),
+      To<&Context::HandleFileHandleOpenRequest>(N::FileHandleOpenRequest),
+      To<&Context::HandleUserPresenceInfoRequest>(N::UserPresenceInfoRequest, "Event User Presence Info Request"),
+      To<&Context::HandleIoTC2DDataMessage>(N::IoTC2DData, "Event IoT C2D Data Message Incoming"),
+      To<&Context::HandleIoTRegisterResponse>(N::IoTRegistration, "Event IoT Register Response"),
+      To<&Context::HandleIoTConnectionStatusIncoming>(N::IoTConnectionStatus, "Event IoT Connection Status Response"),
+  });
 }
 // clang-format on
 
@@ -138,10 +157,10 @@ namespace {
 constexpr auto kDispatch = Dispatch::Rows();
 
 // Each row stands at the index of its kind.
-static_assert(std::ranges::equal(kDispatch,
-                                 std::views::iota(std::uint32_t{0},
-                                                  std::uint32_t{orka::kNotifyMessageCount}),
-                                 {}, &Dispatch::Row::kind));
+static_assert(std::ranges::equal(kDispatch, std::views::iota(std::size_t{0}, kDispatch.size()), {},
+                                 [](const Dispatch::Row& row) {
+                                   return static_cast<std::size_t>(row.kind);
+                                 }));
 // Every alternative that can come reaches a handler, but for 0, which carries no message.
 static_assert(std::ranges::all_of(
     std::views::iota(std::size_t{1}, std::variant_size_v<orka::RadioNotificationData>),
@@ -165,7 +184,7 @@ void KovaContext::HandleRadioProtocolNotification(orka::NotifyMessage kind,
     return;
   }
   if (row.alternative != Dispatch::kNotRead && row.alternative != data.index()) {
-    KOVA_LOG(kLogError) << "Message type [" << row.kind
+    KOVA_LOG(kLogError) << "Message type [" << index
                         << "] and data type (index in variant =" << data.index() << ") mismatch";
     return;
   }

@@ -46,6 +46,9 @@ void KovaService::DoRun() {
       WriteRegularFile(EnableCollaborationTestKeyConfigFile(), kCollaborationTestKey));
   SetRunning(true);
   ZELT_LOG(kLogInfo, kServiceLog) << "Kova service running..........";
+  // A task like any other: a handler that hangs is noticed.
+  const auto watchdog = Model()->AddWatchdog(
+      [this](auto alive) { context_->TaskQueue().PushAlways(std::move(alive)); });
   while (running_) {
     auto task = context_->TaskQueue().Pop();
     task();

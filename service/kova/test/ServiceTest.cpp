@@ -58,7 +58,7 @@ TEST_F(Configuration, SwitchesFollowTheRecordAndEachReadLocksForItself) {
                             Line("tethered", tethering.back()), Said(tethering)};
     EXPECT_EQ(Read(), reading + switched);
     EXPECT_EQ(config->locks - locks, 4);
-    EXPECT_EQ(config->mostLocksHeld, 1);
+    EXPECT_EQ(config->most_locks_held, 1);
   }
 }
 
@@ -68,7 +68,7 @@ TEST_F(Configuration, FailureLeavesTheSwitchesAlone) {
   config->error = 2;
   EXPECT_EQ(Read(), reading + failed);
   config->error = 0;
-  config->emptyPointer = true;
+  config->empty_pointer = true;
   EXPECT_EQ(Read(), reading + failed);
 }
 
@@ -197,6 +197,26 @@ TEST_F(Life, StopThatComesBeforeTheLoopWaitsForIt) {
   const Trace trace = journal.Take();
   EXPECT_LT(std::ranges::find(trace, Line("state", 5)), std::ranges::find(trace, "deinit"));
   EXPECT_EQ(trace.back(), Banner("DoDie", "").back());
+}
+
+TEST_F(Life, SupervisorIsToldByTheThreadThatRunsTheTasksOnly) {
+  KovaService service(model, 1000, context);
+  std::latch entered(1);
+  std::latch goes_on(1);
+  std::thread runner([&] { service.DoRun(); });
+  ASSERT_TRUE(journal.WaitFor(running));
+  context->TaskQueue().PushAlways([&] {
+    entered.count_down();
+    goes_on.wait();
+  });
+  entered.wait();
+  model->Advance(std::chrono::seconds(3));
+  EXPECT_EQ(model->TimesAlive(), 0);
+  goes_on.count_down();
+  service.DoDie();
+  runner.join();
+  EXPECT_EQ(model->TimesAlive(), 3);
+  EXPECT_TRUE(model->PendingTimers().empty());
 }
 
 TEST_F(Life, KeyFileThatIsAFifoIsNeitherWaitedForNorWritten) {

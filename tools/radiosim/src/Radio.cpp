@@ -1,6 +1,7 @@
 #include "Radio.h"
 
 #include "orka/ConversionTables.h"
+#include "orka/codec/Codec.h"
 #include "orka/codec/LinkControl.h"
 
 #include <algorithm>
@@ -69,73 +70,56 @@ const std::array<Radio::Subscribable, 7> Radio::kSubscribables = {{
      }},
 }};
 
-const Radio::Answer* Radio::FindAnswer(const orka::codec::MessageRow& row) {
-  static constexpr auto kRequest = FrameKind::Request;
-  static constexpr auto kResponse = FrameKind::Response;
-  static constexpr auto kBroadcast = FrameKind::Broadcast;
+// What is not listed is answered with an empty response, if it has one.
+Radio::Handler Radio::FindHandler(const orka::codec::MessageRow& row) {
+  struct Answer {
+    std::string_view name;  // in the message table
+    Handler handler;
+  };
   static constexpr auto kAnswers = std::to_array<Answer>({
-      {0x000F, kRequest, &Radio::TellLocation},
-      {0x0011, kRequest, &Radio::TakeEmergency},
-      {0x0401, kRequest, &Radio::TellVersion},
-      {0x0402, kRequest, &Radio::TellHardwareId},
-      {0x0405, kRequest, &Radio::ShutDown},
-      {0x0408, kRequest, &Radio::Feedback},
-      {0x0409, kRequest, &Radio::TellSerialNumber},
-      {0x040C, kRequest, &Radio::TellBtMacAddress},
-      {0x0413, kRequest, &Radio::TellBattery},
-      {0x0420, kRequest, &Radio::SetConfiguration},
-      {0x0421, kRequest, &Radio::SubscribeButtons},
-      {0x0422, kRequest, &Radio::SetBrightness},
-      {0x0431, kRequest, &Radio::SetBluetooth},
-      {0x0432, kRequest, &Radio::TellBluetooth},
-      {0x0433, kRequest, &Radio::TellGatt},
-      {0x0434, kRequest, &Radio::SetGatt},
-      {0x0435, kRequest, &Radio::ResetGatt},
-      {0x0479, kRequest, &Radio::ControlWlan},
-      {0x047A, kRequest, &Radio::ControlHotspot},
-      {0x047F, kRequest, &Radio::SetCovertMode},
-      {0x0483, kRequest, &Radio::FactoryReset},
-      {0x0484, kRequest, &Radio::Subscribe},
-      {0x0486, kRequest, &Radio::TellMicrophone},
-      {0x0487, kRequest, &Radio::TellDateTime},
-      {0x0488, kRequest, &Radio::SetDateTime},
-      {0x048C, kRequest, &Radio::TellDebugLog},
-      {0x048D, kRequest, &Radio::GrantFileAccess},
-      {0x048E, kRequest, &Radio::TakeChunk},
-      {0x048F, kRequest, &Radio::UpdateRsm},
-      {0x0498, kRequest, &Radio::ControlVideo},
-      {0x049B, kRequest, &Radio::ControlLte},
-      {0x04A0, kRequest, &Radio::RegisterIoT},
-      {0x04A1, kRequest, &Radio::TellIoTStatus},
-      {0x8405, kResponse, &Radio::TakeNote},
-      {0x8409, kResponse, &Radio::TakeNote},
-      {0x840C, kResponse, &Radio::TakeNote},
-      {0x8480, kResponse, &Radio::TakeCameraStatus},
-      {0x8481, kResponse, &Radio::TakeNote},
-      {0x8486, kResponse, &Radio::TakeNote},
-      {0x8489, kResponse, &Radio::TakeNote},
-      {0x848B, kResponse, &Radio::TakeNote},
-      {0x8497, kResponse, &Radio::TakeNote},
-      {0x8498, kResponse, &Radio::TakeNote},
-      {0x849A, kResponse, &Radio::TakeNote},
-      {0x849E, kResponse, &Radio::TakeNote},
-      {0xB407, kBroadcast, &Radio::TakeNote},
-      {0xB436, kBroadcast, &Radio::TakeGattNotification},
-      {0xB480, kBroadcast, &Radio::TakeCameraStatus},
-      {0xB482, kBroadcast, &Radio::TakeNote},
-      {0xB486, kBroadcast, &Radio::TakeNote},
-      {0xB498, kBroadcast, &Radio::TakeNote},
-      {0xB4A2, kBroadcast, &Radio::TakeIoTData},
+      {"LocationRequest", &Radio::TellLocation},
+      {"EmergencyRequest", &Radio::TakeEmergency},
+      {"RtVersionRequest", &Radio::TellVersion},
+      {"HardwareIdRequest", &Radio::TellHardwareId},
+      {"ShutdownRequest", &Radio::ShutDown},
+      {"FeedbackAction", &Radio::Feedback},
+      {"SerialNumberRequest", &Radio::TellSerialNumber},
+      {"BtMacAddressRequest", &Radio::TellBtMacAddress},
+      {"BatteryLevelRequest", &Radio::TellBattery},
+      {"ConfigurationSetRequest", &Radio::SetConfiguration},
+      {"ButtonsSubscribtionRequest", &Radio::SubscribeButtons},
+      {"LedBrightnessRequest", &Radio::SetBrightness},
+      {"BluetoothConfigRequest", &Radio::SetBluetooth},
+      {"BluetoothStatusRequest", &Radio::TellBluetooth},
+      {"GattConfigGetRequest", &Radio::TellGatt},
+      {"GattConfigSetRequest", &Radio::SetGatt},
+      {"GattConfigResetRequest", &Radio::ResetGatt},
+      {"WlanControlRequest", &Radio::ControlWlan},
+      {"WlanHotspotControlRequest", &Radio::ControlHotspot},
+      {"CovertModeRequest", &Radio::SetCovertMode},
+      {"FactoryResetRequest", &Radio::FactoryReset},
+      {"OpcodeSubscriptionRequest", &Radio::Subscribe},
+      {"MicStatusRequest", &Radio::TellMicrophone},
+      {"GetDateTimeRequest", &Radio::TellDateTime},
+      {"SetDateTimeRequest", &Radio::SetDateTime},
+      {"DebugLogRequest", &Radio::TellDebugLog},
+      {"FileAccessRequest", &Radio::GrantFileAccess},
+      {"TransferDataRequest", &Radio::TakeChunk},
+      {"RsmUpdateRequest", &Radio::UpdateRsm},
+      {"VideoControlRequest", &Radio::ControlVideo},
+      {"LteControlRequest", &Radio::ControlLte},
+      {"IoTRegistrationRequest", &Radio::RegisterIoT},
+      {"IoTConnectionStatusQuery", &Radio::TellIoTStatus},
+      {"RadioStatusResponse", &Radio::TakeCameraStatus},
+      {"GattConfigNotification", &Radio::TakeGattNotification},
+      {"RadioStatusBroadcast", &Radio::TakeCameraStatus},
+      {"IoTD2CData", &Radio::TakeIoTData},
   });
-  // In the order of the message table, which begins with what goes to the radio.
-  static_assert(
-      std::ranges::equal(kAnswers, std::span(orka::codec::kMessageTable).first(kAnswers.size()),
-                         [](const Answer& answer, const orka::codec::MessageRow& message) {
-                           return message.direction == Direction::ToRadio &&
-                                  answer.opcode == message.opcode && answer.kind == message.kind;
-                         }));
-  static_assert(orka::codec::kMessageTable[kAnswers.size()].direction == Direction::FromRadio);
-  return &kAnswers[static_cast<std::size_t>(&row - orka::codec::kMessageTable.data())];
+  static_assert(std::ranges::all_of(kAnswers, [](const Answer& answer) {
+    return FindRow(Direction::ToRadio, answer.name) != nullptr;
+  }));
+  const auto* answer = std::ranges::find(kAnswers, row.name, &Answer::name);
+  return answer != kAnswers.end() ? answer->handler : &Radio::AnswerEmpty;
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -169,7 +153,7 @@ void Radio::Handle(const Received& received) {
   if (debug_log_.size() > kDebugLogLimit) {
     debug_log_.erase(0, debug_log_.size() - kDebugLogLimit);
   }
-  (this->*FindAnswer(*received.row)->handle)(received);
+  (this->*FindHandler(*received.row))(received);
 }
 
 void Radio::Respond(const Received& received, const orka::RadioNotificationData& data) {
@@ -712,7 +696,15 @@ void Radio::TakeIoTData(const Received& received) {
 // ------------------------------------------------------------------------------------------------
 // What the camera tells.
 
-void Radio::TakeNote(const Received& /*received*/) {}  // it stands in the record already
+void Radio::AnswerEmpty(const Received& received) {
+  orka::codec::Bytes payload;
+  orka::codec::ByteWriter(payload).Put(
+      static_cast<std::uint16_t>(received.row->opcode | orka::codec::kResponseBit));
+  const auto response = orka::codec::DecodeFromRadio(FrameKind::Response, payload);
+  if (received.row->kind == FrameKind::Request && response.message) {
+    Respond(received, *response.message);
+  }
+}
 
 void Radio::TakeCameraStatus(const Received& received) {
   const auto& message = As<Kova::RadioStatusMsg>(received);

@@ -73,13 +73,9 @@ class Radio {
 
  private:
   struct Subscribable;
-  struct Answer {
-    std::uint16_t opcode;
-    orka::pel::FrameKind kind;
-    void (Radio::*handle)(const Received& received);
-  };
+  using Handler = void (Radio::*)(const Received& received);
   static const std::array<Subscribable, 7> kSubscribables;
-  static const Answer* FindAnswer(const orka::codec::MessageRow& row);
+  static Handler FindHandler(const orka::codec::MessageRow& row);
 
   void Respond(const Received& received, const orka::RadioNotificationData& data);
   void Broadcast(std::string_view name, const orka::RadioNotificationData& data);
@@ -119,7 +115,7 @@ class Radio {
   void ControlLte(const Received& received);
   void RegisterIoT(const Received& received);
   void TellIoTStatus(const Received& received);
-  void TakeNote(const Received& received);  // the camera's answers and broadcasts
+  void AnswerEmpty(const Received& received);  // the camera's answers and broadcasts
   void TakeCameraStatus(const Received& received);
   void TakeGattNotification(const Received& received);
   void TakeIoTData(const Received& received);

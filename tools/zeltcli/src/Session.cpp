@@ -142,21 +142,22 @@ service_state::State StateOf(const std::string& service, Seconds timeout) {
 }
 
 void Session::Inbox::Put(Incoming message) {
-  const std::lock_guard lock(mutex);
+  const Lock lock(mutex);
   messages.push_back(std::move(message));
-  filled.notify_one();
+  filled.NotifyOne();
 }
 
 std::optional<Incoming> Session::Inbox::Take(Clock::time_point deadline, std::string_view sender) {
-  std::unique_lock lock(mutex);
-  auto found = messages.end();
-  filled.wait_until(lock, deadline, [&] {
-    found = std::ranges::find_if(messages, [sender](const Incoming& message) {
-      return sender.empty() ||
-             (!message.published && (message.sender == sender || message.connection == sender));
-    });
-    return found != messages.end();
-  });
+  const auto wanted = [sender](const Incoming& message) {
+    return sender.empty() ||
+           (!message.published && (message.sender == sender || message.connection == sender));
+  };
+  Lock lock(mutex);
+  auto found = std::ranges::find_if(messages, wanted);
+  for (bool in_time = true; found == messages.end() && in_time;) {
+    in_time = filled.WaitUntil(lock, deadline);
+    found = std::ranges::find_if(messages, wanted);
+  }
   if (found == messages.end()) {
     return std::nullopt;
   }

@@ -1,14 +1,14 @@
 #pragma once
 
 #include "CliError.h"
+#include "zelt/Mutex.h"
 #include "zelt/ServiceModel.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <deque>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -70,13 +70,14 @@ class Session {
  private:
   // Shared with the callbacks, which may outlive this object by a moment.
   struct Inbox {
-    std::mutex mutex;
-    std::condition_variable filled;
-    std::deque<Incoming> messages;  // guarded by mutex
-
-    void Put(Incoming message);
+    void Put(Incoming message) ZELT_EXCLUDES(mutex);
     // The oldest; with `sender`, the oldest that this service has sent to this tool alone.
-    std::optional<Incoming> Take(Clock::time_point deadline, std::string_view sender = {});
+    std::optional<Incoming> Take(Clock::time_point deadline, std::string_view sender = {})
+        ZELT_EXCLUDES(mutex);
+
+    Mutex mutex;
+    Condition filled;
+    std::deque<Incoming> messages ZELT_GUARDED_BY(mutex);
   };
 
   ServiceIPC::MessageCallback ToInbox(bool published) const;

@@ -32,7 +32,7 @@ std::string ConfigFile() {
   return PathUnderRoot("/etc/zelt/config.toml");
 }
 std::string ConfigSharedMemoryFile() {
-  return PathUnderRoot("/dev/shm/zelt-config");
+  return PathUnderRoot("/run/zelt-config/block");
 }
 
 }  // namespace zelt

@@ -1,13 +1,14 @@
 #include "zelt/LogClient.h"
 
 #include "LogWriter.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
 #include <cstring>
 #include <exception>
-#include <mutex>
 #include <optional>
 
 namespace zelt {
@@ -18,15 +19,15 @@ constexpr int kMaxLevel = kLogVerbose;
 constexpr std::uint32_t kLoggerCategory = 0;
 
 // Constant-initialised, so that a line from another static's constructor finds them whole.
-constinit std::mutex g_sink_mutex;
+constinit Mutex g_sink_mutex;
 constinit std::atomic<LogSink> g_sink = nullptr;  // written with g_sink_mutex held
-constinit void* g_sink_context = nullptr;         // guarded by g_sink_mutex
+constinit void* g_sink_context ZELT_GUARDED_BY(g_sink_mutex) = nullptr;
 
 bool GiveToSink(const LogRecord& record) {
   if (g_sink.load(std::memory_order_acquire) == nullptr) {
     return false;
   }
-  const std::lock_guard lock(g_sink_mutex);
+  const Lock lock(g_sink_mutex);
   const LogSink sink = g_sink;
   if (sink != nullptr) {
     sink(g_sink_context, record);
@@ -117,7 +118,7 @@ int LogClient::Level() noexcept {
 }
 
 void SetLogSink(LogSink sink, void* context) {
-  const std::lock_guard lock(g_sink_mutex);
+  const Lock lock(g_sink_mutex);
   g_sink_context = context;
   g_sink.store(sink, std::memory_order_release);
 }

@@ -16,6 +16,7 @@
 #include <exception>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 namespace zelt {
 namespace {
@@ -99,8 +100,8 @@ LogWriter& LogWriter::Get() {
     return *writer;
   }
   PrepareForEnds();
-  static constinit std::mutex mutex;
-  const std::lock_guard lock(mutex);
+  static constinit Mutex mutex;
+  const Lock lock(mutex);
   if (Existing() == nullptr) {
     g_writer.store(new LogWriter, std::memory_order_release);
   }
@@ -113,7 +114,7 @@ LogWriter::LogWriter() : outputs_(ChoiceOfThisProcess(), kJournalSocket), queue_
 }
 
 void LogWriter::SetIdentifier(std::string_view identifier) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   identifier_.clear();
   AppendEscaped(identifier_, identifier, kMaxIdentifier);
 }
@@ -122,7 +123,7 @@ void LogWriter::Log(LogEntry entry, std::string_view text) {
   clock_gettime(CLOCK_REALTIME, &entry.time);
   bool wakes = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     bool admitted = true;
     if (entry.level <= kLogWarning) {
       const Clock::time_point now = Clock::now();
@@ -144,7 +145,6 @@ void LogWriter::Log(LogEntry entry, std::string_view text) {
   }
 }
 
-// With mutex_ held, as the next three.
 void LogWriter::StaysAwake() {
   sleeps_until_ = {};
   sleeps_up_to_ = kCapacity;
@@ -159,12 +159,16 @@ void LogWriter::ReportHeldBack(Clock::time_point now) {
   if (now < limits_.NextReport()) {
     return;
   }
-  limits_.Report(now, [this](LogEntry entry, std::string_view text, std::uint64_t count) {
-    const std::string line = "[" + std::to_string(count) + " more like this] " + std::string(text);
+  std::vector<std::pair<LogEntry, std::string>> lines;
+  limits_.Report(now, [&](LogEntry entry, std::string_view text, std::uint64_t count) {
+    std::string line = "[" + std::to_string(count) + " more like this] " + std::string(text);
     entry.whole_size = line.size();
     entry.size = static_cast<std::uint32_t>(line.size());
-    Push(entry, line);
+    lines.emplace_back(entry, std::move(line));
   });
+  for (const auto& [entry, line] : lines) {
+    Push(entry, line);
+  }
 }
 
 void LogWriter::Start() {
@@ -188,7 +192,7 @@ void LogWriter::Run() {
     Clock::time_point until = Clock::now();
     std::uint64_t gone = 0;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       ReportHeldBack(until);
       queue_.Take(kBatch, batch);
       gone = queue_.Gone();
@@ -222,7 +226,7 @@ void LogWriter::SleepUntil(Clock::time_point time) {
 
 void LogWriter::Flush() {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ReportHeldBack(Clock::time_point::max());
   }
   WaitUntilDone(true);

@@ -4,6 +4,8 @@
 #include "LogLimits.h"
 #include "LogOutputs.h"
 #include "LogQueue.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <semaphore.h>
 #include <sys/types.h>
@@ -11,7 +13,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -46,26 +47,25 @@ class LogWriter {
  private:
   LogWriter();
 
-  void Start();
+  void Start() ZELT_REQUIRES(mutex_);
   [[noreturn]] void Run();
-  void StaysAwake();
-  void ReportHeldBack(LogLimits::Clock::time_point now);
-  void Push(const LogEntry& entry, std::string_view text);
+  void StaysAwake() ZELT_REQUIRES(mutex_);
+  void ReportHeldBack(LogLimits::Clock::time_point now) ZELT_REQUIRES(mutex_);
+  void Push(const LogEntry& entry, std::string_view text) ZELT_REQUIRES(mutex_);
   void SleepUntil(LogLimits::Clock::time_point time);
   void WaitUntilDone(bool also_for_reader);
 
   LogOutputs outputs_;  // of the thread, but for IsWaiting
   sem_t wake_up_;
 
-  std::mutex mutex_;
-  // guarded by mutex_
-  LogQueue queue_;
-  LogLimits limits_;
-  std::string identifier_;
-  bool is_started_ = false;
+  Mutex mutex_;
+  LogQueue queue_ ZELT_GUARDED_BY(mutex_);
+  LogLimits limits_ ZELT_GUARDED_BY(mutex_);
+  std::string identifier_ ZELT_GUARDED_BY(mutex_);
+  bool is_started_ ZELT_GUARDED_BY(mutex_) = false;
   // When the thread has to be woken: for a report before this time, and for more bytes than these.
-  LogLimits::Clock::time_point sleeps_until_;
-  std::size_t sleeps_up_to_ = 0;
+  LogLimits::Clock::time_point sleeps_until_ ZELT_GUARDED_BY(mutex_);
+  std::size_t sleeps_up_to_ ZELT_GUARDED_BY(mutex_) = 0;
 
   // Lines that came in, and those that are written or gone for good. Any thread.
   std::atomic<std::uint64_t> pushed_ = 0;

@@ -3,6 +3,7 @@
 #include "Limits.h"
 
 #include <algorithm>
+#include <chrono>
 
 namespace orka {
 
@@ -17,9 +18,14 @@ std::shared_ptr<Injections::Waiting> Injections::Begin(std::uint16_t transaction
   return waiting;
 }
 
-bool Injections::Await(std::unique_lock<std::mutex>& lock, std::uint16_t transaction,
-                       const Waiting& waiting) {
-  if (over_.wait_for(lock, kInjectionTimeout, [&] { return waiting.over; })) {
+bool Injections::Await(zelt::Lock& lock, std::uint16_t transaction, const Waiting& waiting) {
+  const auto deadline = std::chrono::steady_clock::now() + kInjectionTimeout;
+  while (!waiting.over) {
+    if (!over_.WaitUntil(lock, deadline)) {
+      break;
+    }
+  }
+  if (waiting.over) {
     return true;
   }
   waiting_.erase(transaction);
@@ -42,7 +48,7 @@ bool Injections::Take(std::uint16_t transaction, codec::ByteView payload) {
   found->second->over = true;
   waiting_.erase(found);
   Remember({transaction, opcode});
-  over_.notify_all();
+  over_.NotifyAll();
   return true;
 }
 
@@ -58,7 +64,7 @@ void Injections::Clear() {
   }
   waiting_.clear();
   past_.clear();
-  over_.notify_all();
+  over_.NotifyAll();
 }
 
 void Injections::Remember(Past past) {

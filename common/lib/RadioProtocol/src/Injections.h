@@ -1,13 +1,12 @@
 #pragma once
 
 #include "orka/codec/Bytes.h"
+#include "zelt/Mutex.h"
 
-#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 
 namespace orka {
@@ -32,7 +31,7 @@ class Injections {
   void Cancel(std::uint16_t transaction) { waiting_.erase(transaction); }
 
   // Waits, without the lock, until it is over, for kInjectionTimeout. False when it is not.
-  bool Await(std::unique_lock<std::mutex>& lock, std::uint16_t transaction, const Waiting& waiting);
+  bool Await(zelt::Lock& lock, std::uint16_t transaction, const Waiting& waiting);
 
   // A response came. True when it belongs to an injected request.
   bool Take(std::uint16_t transaction, codec::ByteView payload);
@@ -50,7 +49,7 @@ class Injections {
   };
   void Remember(Past past);
 
-  std::condition_variable over_;
+  zelt::Condition over_;
   std::map<std::uint16_t, std::shared_ptr<Waiting>> waiting_;  // by transaction
   std::deque<Past> past_;
 };

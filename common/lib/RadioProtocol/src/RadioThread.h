@@ -1,6 +1,8 @@
 #pragma once
 
+#include "zelt/Mutex.h"
 #include "zelt/StartThread.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <asio/executor_work_guard.hpp>
 #include <asio/io_context.hpp>
@@ -9,7 +11,6 @@
 #include <atomic>
 #include <functional>
 #include <future>
-#include <mutex>
 #include <thread>
 
 namespace orka {
@@ -33,7 +34,7 @@ class RadioThread {
 
   // Throws std::system_error when there can be no further thread. A second call does nothing.
   void Start() {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (!thread_.joinable()) {
       thread_ = zelt::StartThread([this] {
         id_ = std::this_thread::get_id();
@@ -65,8 +66,8 @@ class RadioThread {
   asio::executor_work_guard<asio::io_context::executor_type> work_{io_.get_executor()};
   std::atomic<std::thread::id> id_{std::thread::id()};
   std::atomic<bool> started_{false};
-  std::mutex mutex_;
-  std::thread thread_;  // guarded by mutex_
+  zelt::Mutex mutex_;
+  std::thread thread_ ZELT_GUARDED_BY(mutex_);
 };
 
 }  // namespace orka

@@ -8,7 +8,7 @@
 namespace orka {
 
 bool SendQueue::Push(codec::ByteView frame, std::size_t cost) {
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   if (cost > room_ + reserve_ - cost_) {
     return false;
   }
@@ -17,12 +17,12 @@ bool SendQueue::Push(codec::ByteView frame, std::size_t cost) {
 }
 
 std::size_t SendQueue::Room() const {
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   return room_ - std::min(room_, cost_);
 }
 
 void SendQueue::PushUncounted(codec::ByteView frame) {
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   Append(frame, 0);
 }
 
@@ -39,7 +39,7 @@ codec::ByteView SendQueue::Waiting() {
       taking_ = Batch();  // a backlog's memory is not kept
     }
     taking_.bytes.clear();
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     std::swap(taking_, queued_);
   }
   return codec::ByteView(taking_.bytes).subspan(taken_);
@@ -56,7 +56,7 @@ bool SendQueue::Took(std::size_t count) {
     taking_.frames.pop_front();
     whole = true;
   }
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   cost_ -= freed;
   return whole;
 }

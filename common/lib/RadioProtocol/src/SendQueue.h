@@ -1,10 +1,11 @@
 #pragma once
 
 #include "orka/codec/Bytes.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <cstddef>
 #include <deque>
-#include <mutex>
 
 namespace orka {
 
@@ -47,15 +48,15 @@ class SendQueue {
     std::deque<Frame> frames;
   };
 
-  void Append(codec::ByteView frame, std::size_t cost);
+  void Append(codec::ByteView frame, std::size_t cost) ZELT_REQUIRES(mutex_);
 
   // Constant after construction.
   const std::size_t room_;
   const std::size_t reserve_;
 
-  mutable std::mutex mutex_;
-  Batch queued_;          // guarded by mutex_
-  std::size_t cost_ = 0;  // guarded by mutex_: of all frames of which something waits
+  mutable zelt::Mutex mutex_;
+  Batch queued_ ZELT_GUARDED_BY(mutex_);
+  std::size_t cost_ ZELT_GUARDED_BY(mutex_) = 0;  // of all frames of which something waits
 
   // The line's thread only.
   Batch taking_;

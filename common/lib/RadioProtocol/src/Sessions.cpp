@@ -63,7 +63,7 @@ bool Sessions::TryStart(const OpenLine& open_line, std::uint32_t link_address,
   std::uint64_t session = 0;
   LinkSettings settings;
   {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (state_ != State::Stopped) {
       error = "it is not stopped";
       return false;
@@ -90,7 +90,7 @@ bool Sessions::TryStart(const OpenLine& open_line, std::uint32_t link_address,
   } catch (const std::system_error& failure) {
     error = failure.what();
   }
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   if (session != session_) {
     error = "it was stopped meanwhile";
     return false;
@@ -122,7 +122,7 @@ std::shared_ptr<Link> Sessions::MakeLink(std::uint64_t session, Line line, LinkS
 void Sessions::Stop() {
   std::shared_ptr<Link> link;
   {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     link = EndSession(State::Stopped);
   }
   // Also without a link: a notification may still be running.
@@ -147,7 +147,7 @@ std::shared_ptr<Link> Sessions::EndSession(State state) {
 
 void Sessions::Connected(std::uint64_t session, const codec::HelloAnswer& answer) {
   {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (session != session_) {
       return;
     }
@@ -166,7 +166,7 @@ FrameVerdict Sessions::Received(std::uint64_t session, const pel::BaseMessage& h
                                 codec::ByteView payload) {
   const auto kind = static_cast<pel::FrameKind>(header.kind);
   if (kind == pel::FrameKind::Response) {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (session == session_ && injections_.Take(header.transaction, payload)) {
       return {};
     }
@@ -190,7 +190,7 @@ FrameVerdict Sessions::Received(std::uint64_t session, const pel::BaseMessage& h
       << "Received " << Describe(decoded.row->name, decoded.row->opcode) << ", transaction "
       << header.transaction << ", " << payload.size() << " bytes";
   if (kind == pel::FrameKind::Request) {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (session != session_) {
       return {};
     }
@@ -203,7 +203,7 @@ FrameVerdict Sessions::Received(std::uint64_t session, const pel::BaseMessage& h
 void Sessions::Ended(std::uint64_t session, bool was_connected) {
   std::shared_ptr<const NotificationCallback> callback;
   {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (session != session_) {
       return;
     }
@@ -219,7 +219,7 @@ void Sessions::NotifySession(std::uint64_t session, NotifyMessage kind,
                              RadioNotificationData data) {
   std::shared_ptr<const NotificationCallback> callback;
   {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (session != session_) {
       return;
     }
@@ -260,7 +260,7 @@ SendResult Sessions::TrySend(const RadioOutgoingMessage& message, std::uint32_t 
   header.destination = static_cast<std::uint16_t>(selector);
   std::shared_ptr<Link> link;
   {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     if (state_ != State::Connected) {
       error += "not connected";
       return SendResult::NotConnected;
@@ -318,7 +318,7 @@ std::optional<codec::Bytes> Sessions::TryInject(codec::ByteView message, pel::Ba
     return std::nullopt;
   }
   const auto kind = static_cast<pel::FrameKind>(header.kind);
-  std::unique_lock lock(mutex_);
+  zelt::Lock lock(mutex_);
   if (state_ != State::Connected) {
     error = "not connected";
     return std::nullopt;
@@ -356,21 +356,21 @@ std::optional<codec::Bytes> Sessions::TryInject(codec::ByteView message, pel::Ba
 }
 
 void Sessions::Hold() {
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   if (link_) {
     link_->Hold();
   }
 }
 
 void Sessions::Continue() {
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   if (link_) {
     link_->Continue();
   }
 }
 
 std::size_t Sessions::Room() const {
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   return state_ == State::Connected ? link_->Room() : std::numeric_limits<std::size_t>::max();
 }
 
@@ -379,14 +379,14 @@ std::size_t Sessions::Room() const {
 
 void Sessions::SetCallback(NotificationCallback callback) {
   auto shared = std::make_shared<const NotificationCallback>(std::move(callback));
-  const std::lock_guard lock(mutex_);
+  const zelt::Lock lock(mutex_);
   callback_.swap(shared);
 }
 
 void Sessions::Notify(NotifyMessage kind, const RadioNotificationData& data) {
   std::shared_ptr<const NotificationCallback> callback;
   {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     callback = callback_;
   }
   if (callback && *callback) {

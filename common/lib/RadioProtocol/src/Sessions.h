@@ -8,12 +8,13 @@
 #include "Transactions.h"
 #include "orka/RadioProtocol.h"
 #include "orka/codec/Bytes.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <utility>
@@ -60,23 +61,23 @@ class Sessions {
   void SetCallback(NotificationCallback callback);
   void Notify(NotifyMessage kind, const RadioNotificationData& data);  // for substitutes
   void SetIdentifyAsCamera(bool value) {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     identify_as_camera_ = value;
   }
   void SetUseTetheredConnection(bool value) {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     use_tethered_connection_ = value;
   }
   std::uint16_t MaxTransferSize() const {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     return max_transfer_size_;
   }
   qrx::DeviceDescriptors Descriptors() const {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     return descriptors_;
   }
   bool IsConnected() const {
-    const std::lock_guard lock(mutex_);
+    const zelt::Lock lock(mutex_);
     return state_ == State::Connected;
   }
   LinkCounters Counters() const;
@@ -87,7 +88,7 @@ class Sessions {
   bool TryStart(const OpenLine& open_line, std::uint32_t link_address,
                 std::chrono::seconds handshake_timeout, std::string& error);
   std::shared_ptr<Link> MakeLink(std::uint64_t session, Line line, LinkSettings settings);
-  std::shared_ptr<Link> EndSession(State state);  // with mutex_ held
+  std::shared_ptr<Link> EndSession(State state) ZELT_REQUIRES(mutex_);
   SendResult TrySend(const RadioOutgoingMessage& message, std::uint32_t selector,
                      codec::ByteView chunk, std::string& error);
   std::optional<codec::Bytes> TryInject(codec::ByteView message, pel::BaseMessage header,
@@ -106,19 +107,18 @@ class Sessions {
 
   AtomicCounters counters_;
 
-  mutable std::mutex mutex_;
-  // Guarded by mutex_.
-  State state_ = State::Stopped;
-  std::uint64_t session_ = 0;
-  std::uint16_t address_ = 0;
-  std::shared_ptr<Link> link_;  // while connecting or connected
-  std::shared_ptr<const NotificationCallback> callback_;
-  bool identify_as_camera_ = false;
-  bool use_tethered_connection_ = false;
-  std::uint16_t max_transfer_size_ = 0;
-  qrx::DeviceDescriptors descriptors_;
-  Injections injections_;
-  Transactions transactions_{injections_};
+  mutable zelt::Mutex mutex_;
+  State state_ ZELT_GUARDED_BY(mutex_) = State::Stopped;
+  std::uint64_t session_ ZELT_GUARDED_BY(mutex_) = 0;
+  std::uint16_t address_ ZELT_GUARDED_BY(mutex_) = 0;
+  std::shared_ptr<Link> link_ ZELT_GUARDED_BY(mutex_);  // while connecting or connected
+  std::shared_ptr<const NotificationCallback> callback_ ZELT_GUARDED_BY(mutex_);
+  bool identify_as_camera_ ZELT_GUARDED_BY(mutex_) = false;
+  bool use_tethered_connection_ ZELT_GUARDED_BY(mutex_) = false;
+  std::uint16_t max_transfer_size_ ZELT_GUARDED_BY(mutex_) = 0;
+  qrx::DeviceDescriptors descriptors_ ZELT_GUARDED_BY(mutex_);
+  Injections injections_ ZELT_GUARDED_BY(mutex_);
+  Transactions transactions_ ZELT_GUARDED_BY(mutex_){injections_};
 
   RadioThread thread_;  // last, so that it is gone before what it uses
 };

@@ -85,7 +85,7 @@ void NameMap::Set(std::string_view bus_name, std::string_view owner) {
   if (!ServiceNameOf(bus_name)) {
     return;
   }
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (const auto known = owners_.find(bus_name); known != owners_.end()) {
     const auto names = names_.find(known->second);
     names->second.erase(known->first);
@@ -104,31 +104,31 @@ std::string NameMap::OwnerOf(std::string_view bus_name) const {
   if (bus_name.starts_with(':')) {
     return std::string(bus_name);
   }
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   const auto known = owners_.find(bus_name);
   return known == owners_.end() ? std::string() : known->second;
 }
 
 std::string NameMap::SenderName(std::string_view connection) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   const auto names = names_.find(connection);
   return names == names_.end() ? std::string(connection)
                                : ServiceNameOf(*names->second.begin()).value_or("");
 }
 
 bool NameMap::HasName(std::string_view connection) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return names_.contains(connection);
 }
 
 bool NameMap::OwnsService(std::string_view connection) const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   const auto names = names_.find(connection);
   return names != names_.end() && names->second.begin()->starts_with(kServicePrefix);
 }
 
 std::vector<std::string> NameMap::All() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   std::vector<std::string> all;
   all.reserve(owners_.size());
   for (const auto& [name, owner] : owners_) {

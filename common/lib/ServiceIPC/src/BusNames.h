@@ -1,7 +1,9 @@
 #pragma once
 
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
+
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -58,10 +60,11 @@ class NameMap {
   std::vector<std::string> All() const;
 
  private:
-  mutable std::mutex mutex_;
-  // guarded by mutex_
-  std::map<std::string, std::string, std::less<>> owners_;           // bus name -> connection
-  std::map<std::string, std::set<std::string>, std::less<>> names_;  // connection -> bus names
+  mutable Mutex mutex_;
+  std::map<std::string, std::string, std::less<>> owners_
+      ZELT_GUARDED_BY(mutex_);  // bus name -> connection
+  std::map<std::string, std::set<std::string>, std::less<>> names_
+      ZELT_GUARDED_BY(mutex_);  // connection -> bus names
 };
 
 }  // namespace zelt

@@ -66,7 +66,7 @@ bool Courier::Send(std::string_view bus_name, Letter letter) {
   std::expected<bool, CallResult> accepted;
   bool wake = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (bus_name.empty()) {
       accepted = std::unexpected(CallResult{Outcome::Invalid, kNoName});
     } else if (!is_well_formed) {
@@ -105,7 +105,7 @@ bool Courier::Send(Broadcast broadcast) {
   std::expected<bool, CallResult> accepted;
   bool wake = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (is_well_formed) {
       accepted = outbox_.Put(broadcast);
     } else {
@@ -134,7 +134,7 @@ void Courier::LogFailure(std::string_view verb, std::string_view type, std::stri
 }
 
 BusConnection::Counters Courier::GetCounters() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return counters_;
 }
 
@@ -187,7 +187,7 @@ void Courier::Pump() {
   while (MayWrite()) {
     std::optional<Outbox::Item> item;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       item = outbox_.Next(TimerQueue::Now());
       is_awake_ = item.has_value();
       is_idle = !item && outbox_.IsEmpty();
@@ -264,7 +264,7 @@ void Courier::Finish(std::list<Call>::iterator call, const CallResult& result, b
   ended.splice(ended.begin(), calls_, call);
   bool revived = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     revived = outbox_.Answered(call->connection, call->size, by_receiver, TimerQueue::Now());
   }
   if (revived) {
@@ -281,7 +281,7 @@ void Courier::Finish(std::list<Call>::iterator call, const CallResult& result, b
 void Courier::Withdraw(std::string_view connection, std::uint64_t id) {
   std::optional<Letter> letter;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     letter = outbox_.Withdraw(connection, id);
   }
   if (letter) {
@@ -296,7 +296,7 @@ void Courier::Withdraw(std::string_view connection, std::uint64_t id) {
 
 void Courier::Count(Letter::Kind kind, Outcome outcome) {
   if (kind != Letter::Kind::AskState) {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ++CounterOf(counters_, outcome);
   }
 }
@@ -317,7 +317,7 @@ void Courier::Tell(Letter& letter, const CallResult& result, bool log) {
 void Courier::ArmGiveUp() {
   std::optional<Time> next;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     next = outbox_.NextGiveUp();
   }
   is_give_up_armed_ = next.has_value();
@@ -330,7 +330,7 @@ void Courier::ArmGiveUp() {
 void Courier::GiveUp() {
   std::vector<Outbox::GivenUp> all;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     all = outbox_.GiveUp(TimerQueue::Now());
   }
   const std::string cause =
@@ -357,7 +357,7 @@ void Courier::ChangeOwner(std::string_view bus_name, const std::string& before,
                           std::string_view now) {
   std::vector<Letter> dropped;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     names_.Set(bus_name, now);
     if (ServiceNameOf(bus_name)) {
       dropped = outbox_.Drop(before);
@@ -376,7 +376,7 @@ void Courier::ChangeOwner(std::string_view bus_name, const std::string& before,
 void Courier::Close(const std::string& error) {
   std::vector<Letter> dropped;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     dropped = outbox_.Close();
   }
   bus_ = nullptr;

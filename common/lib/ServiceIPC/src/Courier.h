@@ -7,11 +7,12 @@
 #include "Outbox.h"
 #include "SdBus.h"
 #include "zelt/BusConnection.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <future>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -116,11 +117,10 @@ class Courier {
   AsyncCallbackHandle give_up_timer_;
   std::vector<std::shared_ptr<std::promise<void>>> drained_;
 
-  mutable std::mutex mutex_;
-  // guarded by mutex_
-  Outbox outbox_;
-  bool is_awake_ = false;  // the loop is going to pump
-  BusConnection::Counters counters_;
+  mutable Mutex mutex_;
+  Outbox outbox_ ZELT_GUARDED_BY(mutex_);
+  bool is_awake_ ZELT_GUARDED_BY(mutex_) = false;  // the loop is going to pump
+  BusConnection::Counters counters_ ZELT_GUARDED_BY(mutex_);
 };
 
 }  // namespace zelt

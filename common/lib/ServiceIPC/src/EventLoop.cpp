@@ -73,7 +73,7 @@ bool EventLoop::Post(UniqueFunction<void()> work) {
 bool EventLoop::Enqueue(UniqueFunction<void()> work, bool is_last) {
   bool wake = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (closed_) {
       return false;
     }
@@ -134,7 +134,7 @@ void EventLoop::RunPosted() {
   [[maybe_unused]] const auto got = read(wake_.Get(), &count, sizeof count);
   std::vector<UniqueFunction<void()>> work;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     work.swap(posted_);
   }
   for (auto& item : work) {

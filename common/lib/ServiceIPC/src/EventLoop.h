@@ -4,11 +4,12 @@
 #include "TimerQueue.h"
 #include "zelt/AsyncCallbackHandle.h"
 #include "zelt/FileDescriptor.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 #include "zelt/UniqueFunction.h"
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <string_view>
 #include <thread>
 #include <utility>
@@ -82,10 +83,9 @@ class EventLoop {
   std::thread thread_;  // touched by whoever starts and stops
   std::atomic<std::thread::id> thread_id_;
 
-  std::mutex mutex_;
-  // guarded by mutex_
-  std::vector<UniqueFunction<void()>> posted_;
-  bool closed_ = false;
+  Mutex mutex_;
+  std::vector<UniqueFunction<void()>> posted_ ZELT_GUARDED_BY(mutex_);
+  bool closed_ ZELT_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace zelt

@@ -12,7 +12,7 @@ bool LineLimit::Take(std::string_view subject) {
   bool is_first = false;
   bool write = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     is_first = lines_.empty();
     const bool is_known = lines_.find(subject) != lines_.end();
     const auto kept = is_known || lines_.size() < kMaxSubjects ? subject : "others";
@@ -34,7 +34,7 @@ void LineLimit::Complain(const std::string& line) {
 void LineLimit::TellOthers() {
   std::map<std::string, std::size_t, std::less<>> lines;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     lines.swap(lines_);
   }
   for (const auto& [subject, count] : lines) {

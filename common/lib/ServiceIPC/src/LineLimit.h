@@ -1,11 +1,12 @@
 #pragma once
 
 #include "EventLoop.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <cstddef>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -35,9 +36,9 @@ class LineLimit {
   EventLoop& loop_;
   AsyncCallbackHandle timer_;  // touched by the loop's thread only
 
-  std::mutex mutex_;
-  // guarded by mutex_
-  std::map<std::string, std::size_t, std::less<>> lines_;  // of this second, by subject
+  Mutex mutex_;
+  std::map<std::string, std::size_t, std::less<>> lines_
+      ZELT_GUARDED_BY(mutex_);  // of this second, by subject
 };
 
 }  // namespace zelt

@@ -52,13 +52,13 @@ Receivers::ReceiverPtr Receivers::Add(Kind kind, std::string_view name,
   }
   auto receiver =
       std::make_shared<Receiver>(*this, kind, name, std::move(senders), std::move(callback));
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   receivers_.push_back(receiver);
   return receiver;
 }
 
 void Receivers::Remove(const ReceiverPtr& receiver) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   std::erase(receivers_, receiver);
 }
 
@@ -124,7 +124,7 @@ void Receivers::AnnounceAll(sd_bus* bus) const {
 
 void Receivers::Close() {
   matches_.clear();
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   receivers_.clear();
 }
 
@@ -204,7 +204,7 @@ std::vector<Receivers::ReceiverPtr> Receivers::Find(std::string_view type) const
   ReceiverPtr fallback;
   std::vector<ReceiverPtr> subscriptions;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     for (const auto& receiver : receivers_) {
       if (receiver->kind == Kind::Callback && receiver->name.empty()) {
         fallback = receiver;

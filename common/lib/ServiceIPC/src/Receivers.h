@@ -3,13 +3,14 @@
 #include "BusNames.h"
 #include "LineLimit.h"
 #include "SdBus.h"
+#include "zelt/Mutex.h"
 #include "zelt/RevocableCallback.h"
 #include "zelt/ServiceIPC.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -85,8 +86,8 @@ class Receivers {
   std::map<Receiver*, std::pair<ReceiverPtr, SlotPtr>>
       matches_;  // touched by the loop's thread only
 
-  mutable std::mutex mutex_;
-  std::vector<ReceiverPtr> receivers_;  // guarded by mutex_; in order of registration
+  mutable Mutex mutex_;
+  std::vector<ReceiverPtr> receivers_ ZELT_GUARDED_BY(mutex_);  // in order of registration
 };
 
 }  // namespace zelt

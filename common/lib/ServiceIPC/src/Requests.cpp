@@ -32,7 +32,7 @@ void Requests::Ask(const std::string& bus_name, Letter letter, std::chrono::micr
   std::uint64_t id = 0;
   std::optional<Answer> refusal;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (closed_) {
       refusal = Failure(Outcome::Disconnected, *closed_);
     } else if (requests_.size() >= kMaxRequests) {
@@ -52,7 +52,7 @@ void Requests::Ask(const std::string& bus_name, Letter letter, std::chrono::micr
   }
   auto timer = loop_.AddTimer("request", [this, id] { OnTime(id); }, delivery, false);
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto open = requests_.find(id);
     if (open == requests_.end()) {
       return;
@@ -75,7 +75,7 @@ void Requests::WatchEnd(std::uint64_t id) {
       "type='signal',sender='org.freedesktop.DBus',path='/org/freedesktop/DBus',"
       "interface='org.freedesktop.DBus',member='NameOwnerChanged',arg0='";
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto open = requests_.find(id);
     if (open == requests_.end() || bus_ == nullptr) {
       return;
@@ -88,7 +88,7 @@ void Requests::WatchEnd(std::uint64_t id) {
       [](sd_bus_message*, void*, sd_bus_error*) { return 0; },  // refused: the deadline ends it
       this);
   SlotPtr slot(raw);
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   if (const auto open = requests_.find(id); open != requests_.end()) {
     open->second.end_of_peer.swap(slot);
   }
@@ -104,7 +104,7 @@ int Requests::OnPeerGone(sd_bus_message* message, void* self, sd_bus_error*) noe
 void Requests::OnAcknowledged(std::uint64_t id, const CallResult& result) {
   AsyncCallbackHandle timer;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto open = requests_.find(id);
     if (open == requests_.end()) {
       return;
@@ -124,7 +124,7 @@ void Requests::OnTime(std::uint64_t id) {
   std::string error = "the receiver does not react";
   std::string peer;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto open = requests_.find(id);
     if (open == requests_.end()) {
       return;
@@ -142,7 +142,7 @@ std::expected<void, std::string> Requests::Accept(std::string_view connection,
                                                   std::uint64_t request, std::string_view type,
                                                   std::string_view payload) {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto open = requests_.find(request);
     if (open == requests_.end()) {
       return std::unexpected("request " + std::to_string(request) + " is not open");
@@ -158,7 +158,7 @@ std::expected<void, std::string> Requests::Accept(std::string_view connection,
 void Requests::OnOwnerChanged(std::string_view bus_name, std::string_view before) {
   std::vector<std::uint64_t> orphans;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     for (const auto& [id, request] : requests_) {
       if (request.bus_name == bus_name && request.peer == before) {
         orphans.push_back(id);
@@ -175,7 +175,7 @@ void Requests::Close(const std::string& error) {
   for (;;) {
     std::uint64_t id = 0;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       closed_ = error;
       if (requests_.empty()) {
         return;
@@ -189,7 +189,7 @@ void Requests::Close(const std::string& error) {
 void Requests::Finish(std::uint64_t id, Answer answer) {
   std::map<std::uint64_t, Request>::node_type ended;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     ended = requests_.extract(id);
   }
   if (!ended) {

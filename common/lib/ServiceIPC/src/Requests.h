@@ -4,12 +4,13 @@
 #include "Courier.h"
 #include "EventLoop.h"
 #include "SdBus.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <chrono>
 #include <cstdint>
 #include <expected>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -84,11 +85,11 @@ class Requests {
   Courier& courier_;
   sd_bus* bus_ = nullptr;  // touched by the loop's thread only, once it runs
 
-  std::mutex mutex_;
-  // guarded by mutex_; elements are destroyed without it, since their timers may be running
-  std::map<std::uint64_t, Request> requests_;
-  std::uint64_t last_id_ = 0;
-  std::optional<std::string> closed_;  // why
+  Mutex mutex_;
+  // Elements are destroyed without it, since their timers may be running
+  std::map<std::uint64_t, Request> requests_ ZELT_GUARDED_BY(mutex_);
+  std::uint64_t last_id_ ZELT_GUARDED_BY(mutex_) = 0;
+  std::optional<std::string> closed_ ZELT_GUARDED_BY(mutex_);  // why
 };
 
 }  // namespace zelt

@@ -28,7 +28,7 @@ std::pair<AsyncCallbackHandle, bool> TimerQueue::Add(std::string_view name,
   const auto delay = ToMicroseconds(interval);
   bool wake = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (periodic) {
       entry->period = std::max<std::chrono::microseconds>(delay, kShortestPeriod);
     }
@@ -48,19 +48,19 @@ std::pair<AsyncCallbackHandle, bool> TimerQueue::Add(std::string_view name,
 }
 
 std::optional<TimerQueue::Time> TimerQueue::NextWake() const {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return armed_;
 }
 
 void TimerQueue::RunDue(Time now) {
   const std::uint64_t last_sequence = [this] {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return sequence_;
   }();
   for (;;) {
     std::shared_ptr<Entry> entry;
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       const auto due = std::ranges::find_if(waiting_, [&](const auto& item) {
         return item.first.first > now || item.first.second <= last_sequence;
       });
@@ -89,7 +89,7 @@ void TimerQueue::Insert(const std::shared_ptr<Entry>& entry, Time deadline) {
 }
 
 void TimerQueue::Remove(const std::shared_ptr<Entry>& entry) {
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   waiting_.erase(Key(entry->deadline, entry->sequence));
 }
 

@@ -1,14 +1,15 @@
 #pragma once
 
 #include "zelt/AsyncCallbackHandle.h"
+#include "zelt/Mutex.h"
 #include "zelt/RevocableCallback.h"
+#include "zelt/ThreadAnnotations.h"
 #include "zelt/UniqueFunction.h"
 
 #include <chrono>
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -48,21 +49,20 @@ class TimerQueue : public std::enable_shared_from_this<TimerQueue> {
 
     const std::string name;
     RevocableCallback<> callback;
-    // guarded by mutex_
+    // guarded by mutex_ of the queue
     Time deadline;
     std::uint64_t sequence = 0;
     std::chrono::microseconds period{};  // 0: fires once
   };
   using Key = std::pair<Time, std::uint64_t>;
 
-  void Insert(const std::shared_ptr<Entry>& entry, Time deadline);
+  void Insert(const std::shared_ptr<Entry>& entry, Time deadline) ZELT_REQUIRES(mutex_);
   void Remove(const std::shared_ptr<Entry>& entry);
 
-  mutable std::mutex mutex_;
-  // guarded by mutex_
-  std::map<Key, std::shared_ptr<Entry>> waiting_;
-  std::uint64_t sequence_ = 0;
-  std::optional<Time> armed_;
+  mutable Mutex mutex_;
+  std::map<Key, std::shared_ptr<Entry>> waiting_ ZELT_GUARDED_BY(mutex_);
+  std::uint64_t sequence_ ZELT_GUARDED_BY(mutex_) = 0;
+  std::optional<Time> armed_ ZELT_GUARDED_BY(mutex_);
 };
 
 }  // namespace zelt

@@ -1,5 +1,8 @@
 #include "ServiceModelImpl.h"
 
+#include <systemd/sd-daemon.h>
+
+#include <chrono>
 #include <future>
 #include <stdexcept>
 #include <utility>
@@ -41,6 +44,20 @@ service_state::State ServiceModelImpl::GetServiceState(std::string_view service,
 
 void ServiceModelImpl::SetMyServiceState(service_state::State state) {
   connection_->SetState(static_cast<std::uint32_t>(state));
+  const char* const change = state == service_state::State::Ready      ? "READY=1\n"
+                             : state == service_state::State::Stopping ? "STOPPING=1\n"
+                                                                       : "";
+  sd_notify(0, (change + ("STATUS=" + GetServiceStateString(state))).c_str());
+}
+
+AsyncCallbackHandle ServiceModelImpl::AddWatchdog(UniqueFunction<void(AliveFunction alive)> ask) {
+  std::uint64_t limit = 0;
+  if (sd_watchdog_enabled(0, &limit) <= 0) {
+    return {};
+  }
+  return AddTimer(
+      "Watchdog", [ask = std::move(ask)]() mutable { ask([] { sd_notify(0, "WATCHDOG=1"); }); },
+      std::chrono::microseconds(limit / 3), true);
 }
 
 AsyncCallbackHandle ServiceModelImpl::WatchServiceState(

@@ -19,6 +19,7 @@ class ServiceModelImpl final : public ServiceModel {
                                Seconds interval, bool periodic) override;
   service_state::State GetServiceState(std::string_view service, Seconds timeout) override;
   void SetMyServiceState(service_state::State state) override;
+  AsyncCallbackHandle AddWatchdog(UniqueFunction<void(AliveFunction alive)> ask) override;
   AsyncCallbackHandle WatchServiceState(
       std::string_view service, UniqueFunction<void(service_state::State)> callback) override;
   std::vector<ServiceInfo> ListServices(Seconds timeout) override;

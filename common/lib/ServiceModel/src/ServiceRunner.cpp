@@ -4,18 +4,18 @@
 #include "ServiceModelImpl.h"
 #include "zelt/FreeMemory.h"
 #include "zelt/LogClient.h"
+#include "zelt/Mutex.h"
 #include "zelt/RunGuarded.h"
 #include "zelt/StartThread.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <algorithm>
 #include <cctype>
 #include <chrono>
-#include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <exception>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -41,10 +41,10 @@ class ExitGuard {
   ExitGuard& operator=(const ExitGuard&) = delete;
   ~ExitGuard() {
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       is_over_ = true;
     }
-    changed_.notify_all();
+    changed_.NotifyAll();
     if (thread_.joinable()) {
       thread_.join();
     }
@@ -59,8 +59,13 @@ class ExitGuard {
 
  private:
   void Watch() {
-    std::unique_lock lock(mutex_);
-    if (!changed_.wait_for(lock, kExitTime, [this] { return is_over_; })) {
+    Lock lock(mutex_);
+    const auto deadline = std::chrono::steady_clock::now() + kExitTime;
+    bool in_time = true;
+    while (!is_over_ && in_time) {
+      in_time = changed_.WaitUntil(lock, deadline);
+    }
+    if (!is_over_) {
       ZELT_LOG_AS("RunService", kLogError, kModelLogCategory)
           << name_ << " does not come to its end, ending at once";
       FlushLog();
@@ -70,9 +75,9 @@ class ExitGuard {
 
   const std::string_view name_;
   std::thread thread_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool is_over_ = false;  // guarded by mutex_
+  Mutex mutex_;
+  Condition changed_;
+  bool is_over_ ZELT_GUARDED_BY(mutex_) = false;
 };
 
 // One run of one service. Three threads meet here: the one that runs the service; the stopper,
@@ -104,11 +109,12 @@ class Runner {
   void StopService(MicroserviceIF& service);
   bool EndStopper();
   void JoinStopper();
-  std::vector<AsyncCallbackHandle> Watch(States& states, gsl::span<const std::string_view> names);
+  std::vector<AsyncCallbackHandle> Watch(States Runner::* states,
+                                         gsl::span<const std::string_view> names);
   void WaitForDependencies(gsl::span<const std::string_view> names);
   void WaitForShutdownDependencies();
   bool RunToEnd(const ServiceRunner::Factory& factory);
-  [[noreturn]] void GiveUp();
+  [[noreturn]] void GiveUp() ZELT_EXCLUDES(mutex_);
 
   // constant after construction
   const std::string name_;
@@ -120,20 +126,25 @@ class Runner {
   gsl::span<const std::string_view> shutdown_dependencies_;  // constant while it runs
   std::thread stopper_;                                      // touched by the service's thread only
 
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  // guarded by mutex_
-  Cause cause_ = Cause::None;  // the first one
-  bool is_bus_lost_ = false;
-  bool is_stopping_ = false;                 // the stopper is at DoDie
-  bool has_ended_ = false;                   // there is nothing left to stop
-  std::shared_ptr<MicroserviceIF> service_;  // from its creation until DoRun has returned
-  States dependencies_;
-  States shutdown_states_;
+  Mutex mutex_;
+  Condition changed_;
+  Cause cause_ ZELT_GUARDED_BY(mutex_) = Cause::None;  // the first one
+  bool is_bus_lost_ ZELT_GUARDED_BY(mutex_) = false;
+  bool is_stopping_ ZELT_GUARDED_BY(mutex_) = false;  // the stopper is at DoDie
+  bool has_ended_ ZELT_GUARDED_BY(mutex_) = false;    // there is nothing left to stop
+  std::shared_ptr<MicroserviceIF> service_;           // from its creation until DoRun has returned
+  States dependencies_ ZELT_GUARDED_BY(mutex_);
+  States shutdown_states_ ZELT_GUARDED_BY(mutex_);
 };
 
 bool IsGone(const std::optional<State>& state) {
   return state == State::NotRunning || state == State::Stopped;
+}
+
+template <class Predicate>
+bool All(const std::map<std::string, std::optional<State>, std::less<>>& states,
+         Predicate is_good) {
+  return std::ranges::all_of(states, [&](const auto& item) { return is_good(item.second); });
 }
 
 // "Config (NOT_RUNNING), Audio (no answer)": those of `states` that are not as they should be.
@@ -171,7 +182,7 @@ int Runner::Run(const ServiceRunner::Factory& factory,
   JoinStopper();
   StopSignals::EndProcessByNext();  // also while the connection is closed
   model_->SetMyServiceState(State::Stopped);
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   return cause_ == Cause::BusLost ? 1 : 0;
 }
 
@@ -188,7 +199,7 @@ void Runner::CheckNames(gsl::span<const std::string_view> names) {
 // Creates the service and runs it. False when it threw.
 bool Runner::RunToEnd(const ServiceRunner::Factory& factory) {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (cause_ != Cause::None) {
       guard_.Start();
       return true;  // before there was anything to stop
@@ -204,15 +215,15 @@ bool Runner::RunToEnd(const ServiceRunner::Factory& factory) {
     }
     step = "run";
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       service_ = service;
     }
-    changed_.notify_all();
+    changed_.NotifyAll();
     service->DoRun();
   };
   const bool completed = RunGuarded(kModelLogCategory, run, "Failed to ", step, " service ", name_);
   guard_.Start();
-  const std::lock_guard lock(mutex_);
+  const Lock lock(mutex_);
   service_ = nullptr;  // the stopper, if it is at it, holds its own
   return completed;
 }
@@ -220,11 +231,11 @@ bool Runner::RunToEnd(const ServiceRunner::Factory& factory) {
 // On the IPC thread.
 void Runner::OnBusLost() {
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     is_bus_lost_ = true;
     cause_ = cause_ == Cause::None ? Cause::BusLost : cause_;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
   signals_.Cancel();
 }
 
@@ -236,14 +247,16 @@ void Runner::StopWhenDue() {
   if (signal) {
     ZELT_LOG_AS("Stop", kLogInfo, kModelLogCategory)
         << "Received " << (*signal == SIGTERM ? "SIGTERM" : "SIGINT") << ", stopping " << name_;
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     cause_ = cause_ == Cause::None ? Cause::Signal : cause_;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
   std::shared_ptr<MicroserviceIF> service;
   {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return service_ || has_ended_; });
+    Lock lock(mutex_);
+    while (!service_ && !has_ended_) {
+      changed_.Wait(lock);
+    }
     service = service_;
     is_stopping_ = service != nullptr;
   }
@@ -266,11 +279,11 @@ void Runner::StopService(MicroserviceIF& service) {
 bool Runner::EndStopper() {
   bool is_stopping = false;
   {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     has_ended_ = true;
     is_stopping = is_stopping_;
   }
-  changed_.notify_all();
+  changed_.NotifyAll();
   signals_.Cancel();
   return is_stopping;
 }
@@ -282,37 +295,35 @@ void Runner::JoinStopper() {
   }
 }
 
-std::vector<AsyncCallbackHandle> Runner::Watch(States& states,
+std::vector<AsyncCallbackHandle> Runner::Watch(States Runner::* states,
                                                gsl::span<const std::string_view> names) {
   std::vector<AsyncCallbackHandle> watches;
   for (const auto name : names) {
     {
-      const std::lock_guard lock(mutex_);
-      states.emplace(name, std::nullopt);
+      const Lock lock(mutex_);
+      (this->*states).emplace(name, std::nullopt);
     }
-    watches.push_back(model_->WatchServiceState(name, [this, &states, name](State state) {
-      const std::lock_guard lock(mutex_);
-      states.find(name)->second = state;
-      changed_.notify_all();
+    watches.push_back(model_->WatchServiceState(name, [this, states, name](State state) {
+      const Lock lock(mutex_);
+      (this->*states).find(name)->second = state;
+      changed_.NotifyAll();
     }));
   }
   return watches;
 }
 
 void Runner::WaitForDependencies(gsl::span<const std::string_view> names) {
-  const auto watches = Watch(dependencies_, names);
+  const auto watches = Watch(&Runner::dependencies_, names);
+  const auto is_told = [](const std::optional<State>& state) { return state.has_value(); };
   const auto is_ready = [](const std::optional<State>& state) { return state == State::Ready; };
-  std::unique_lock lock(mutex_);
-  const auto all = [this](auto predicate) {
-    return std::ranges::all_of(dependencies_,
-                               [&](const auto& item) { return predicate(item.second); });
-  };
+  Lock lock(mutex_);
   // The first answers come at once; a line for each of them would only confuse.
-  changed_.wait_for(lock, kPatience, [&] {
-    return cause_ != Cause::None || all([](const auto& state) { return state.has_value(); });
-  });
+  const auto patience = std::chrono::steady_clock::now() + kPatience;
+  for (bool in_time = true; cause_ == Cause::None && !All(dependencies_, is_told) && in_time;) {
+    in_time = changed_.WaitUntil(lock, patience);
+  }
   std::string logged;
-  while (cause_ == Cause::None && !all(is_ready)) {
+  while (cause_ == Cause::None && !All(dependencies_, is_ready)) {
     auto missing = Missing(dependencies_, is_ready);
     if (logged.empty()) {
       model_->SetMyServiceState(State::WaitingForDependencies);
@@ -321,7 +332,7 @@ void Runner::WaitForDependencies(gsl::span<const std::string_view> names) {
       ZELT_LOG(kLogInfo, kModelLogCategory) << name_ << " waits for: " << missing;
       logged = std::move(missing);
     }
-    changed_.wait(lock);
+    changed_.Wait(lock);
   }
   if (cause_ == Cause::None && !logged.empty()) {
     ZELT_LOG(kLogInfo, kModelLogCategory) << "Everything that " << name_ << " waited for is ready";
@@ -330,19 +341,19 @@ void Runner::WaitForDependencies(gsl::span<const std::string_view> names) {
 
 // A bus that is lost tells no states.
 void Runner::WaitForShutdownDependencies() {
-  const auto watches = Watch(shutdown_states_, shutdown_dependencies_);
-  std::unique_lock lock(mutex_);
-  const auto all_gone = [this] {
-    return is_bus_lost_ ||
-           std::ranges::all_of(shutdown_states_, IsGone, &States::value_type::second);
-  };
-  if (!changed_.wait_for(lock, kShutdownDependencyTime, all_gone)) {
+  const auto watches = Watch(&Runner::shutdown_states_, shutdown_dependencies_);
+  Lock lock(mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + kShutdownDependencyTime;
+  bool in_time = true;
+  while (!is_bus_lost_ && !All(shutdown_states_, IsGone) && in_time) {
+    in_time = changed_.WaitUntil(lock, deadline);
+  }
+  if (!is_bus_lost_ && !All(shutdown_states_, IsGone)) {
     ZELT_LOG(kLogWarning, kModelLogCategory)
         << name_ << " stops although these still run: " << Missing(shutdown_states_, IsGone);
   }
 }
 
-// Without mutex_.
 void Runner::GiveUp() {
   model_->SetMyServiceState(State::Failed);
   connection_->Flush();

@@ -1,9 +1,15 @@
+#include "zelt/FileDescriptor.h"
 #include "zelt/ServiceModel.h"
 #include "zelt/fake/TestBus.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <condition_variable>
 #include <mutex>
 
@@ -168,6 +174,38 @@ TEST_F(RunnerTest, ExceptionsEndTheProcessWithFailure) {
     model_.reset();
     states_.clear();
   }
+}
+
+TEST_F(RunnerTest, SupervisorIsToldWhenTheServiceIsReadyGoesOnAndStops) {
+  const FileDescriptor supervisor(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
+  const std::string path = bus_.Folder() / "notify";
+  path.copy(static_cast<char*>(address.sun_path), sizeof address.sun_path - 1);
+  ASSERT_EQ(bind(supervisor.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  const auto next = [&] {
+    std::array<char, 200> text{};
+    pollfd readable{supervisor.Get(), POLLIN, 0};
+    const bool comes = poll(&readable, 1, 60'000) == 1;
+    const auto size = comes ? recv(supervisor.Get(), text.data(), text.size(), 0) : 0;
+    return std::string(text.data(), static_cast<std::size_t>(std::max<ssize_t>(size, 0)));
+  };
+  setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  setenv("WATCHDOG_USEC", "3000", 1);
+  Start({"serve"});
+  unsetenv("NOTIFY_SOCKET");
+  unsetenv("WATCHDOG_USEC");
+  EXPECT_EQ(next(), "STATUS=STARTING");
+  EXPECT_EQ(next(), "STATUS=INITIALIZING");
+  EXPECT_EQ(next(), "READY=1\nSTATUS=READY");
+  EXPECT_EQ(next(), "WATCHDOG=1");
+  EXPECT_EQ(next(), "WATCHDOG=1");
+  service_->Signal(SIGTERM);
+  std::string text = next();
+  while (text == "WATCHDOG=1") {
+    text = next();
+  }
+  EXPECT_EQ(text, "STOPPING=1\nSTATUS=STOPPING");
+  EXPECT_EQ(service_->Wait(), 0);
 }
 
 TEST_F(RunnerTest, HungServiceDoesNotTellItsState) {

@@ -42,6 +42,7 @@ class TestService : public zelt::MicroserviceIF {
       TellProcess();
     }
     SetMyServiceState(zelt::service_state::State::Ready);
+    const auto watchdog = Model()->AddWatchdog([](auto alive) { alive(); });
     stop_.get_future().wait();
     if (mode_ == "run-throws-late") {
       throw std::runtime_error("cannot go on");

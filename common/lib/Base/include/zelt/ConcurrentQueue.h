@@ -2,14 +2,14 @@
 
 #include "zelt/Busy.h"
 #include "zelt/FreeMemory.h"
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 
 #include <algorithm>
-#include <condition_variable>
 #include <cstddef>
 #include <limits>
 #include <list>
 #include <map>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -67,13 +67,15 @@ class ConcurrentQueue {
   T Pop() {
     std::list<Item> node;
     {
-      std::unique_lock lock(mutex_);
+      Lock lock(mutex_);
       if (items_.empty() && std::exchange(highest_, 0) >= kBacklog) {
-        lock.unlock();
+        lock.Unlock();
         GiveBackFreeMemory();
-        lock.lock();
+        lock.Relock();
       }
-      condition_.wait(lock, [this] { return !items_.empty(); });
+      while (items_.empty()) {
+        condition_.Wait(lock);
+      }
       node.splice(node.begin(), items_, items_.begin());
       const Item& item = node.front();
       all_ = {all_.number - 1, all_.bytes - item.bytes};
@@ -87,13 +89,13 @@ class ConcurrentQueue {
   }
 
   std::size_t Size() const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     return all_.number;
   }
 
   // What waits of one source.
   QueueLoad Waiting(std::string_view source) const {
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     const auto found = sources_.find(source);
     return found == sources_.end() ? QueueLoad() : found->second;
   }
@@ -114,7 +116,7 @@ class ConcurrentQueue {
     std::list<Item> node;  // allocate outside the lock
     node.push_back({std::move(value), bytes, {}});
     {
-      const std::lock_guard lock(mutex_);
+      const Lock lock(mutex_);
       if (door == Door::Bounded) {
         Admit(source_name, bytes);
       }
@@ -129,11 +131,11 @@ class ConcurrentQueue {
       closed_ = closed_ || door == Door::Closing;
       items_.splice(items_.end(), node);
     }
-    condition_.notify_all();
+    condition_.NotifyAll();
   }
 
-  // Throws Busy unless there is room. With mutex_ held.
-  void Admit(std::string_view source_name, std::size_t bytes) const {
+  // Throws Busy unless there is room.
+  void Admit(std::string_view source_name, std::size_t bytes) const ZELT_REQUIRES(mutex_) {
     if (closed_) {
       throw Busy("nothing more is taken");
     }
@@ -152,15 +154,15 @@ class ConcurrentQueue {
   }
 
   const QueueLoad limit_;
-  mutable std::mutex mutex_;
-  std::condition_variable condition_;
+  mutable Mutex mutex_;
+  Condition condition_;
 
-  // guarded by mutex_
-  std::list<Item> items_;
-  QueueLoad all_;
-  Sources sources_;          // those of which something waits
-  std::size_t highest_ = 0;  // bytes that waited at a time since the last backlog
-  bool closed_ = false;
+  std::list<Item> items_ ZELT_GUARDED_BY(mutex_);
+  QueueLoad all_ ZELT_GUARDED_BY(mutex_);
+  Sources sources_ ZELT_GUARDED_BY(mutex_);  // those of which something waits
+  // Bytes that waited at a time since the last backlog.
+  std::size_t highest_ ZELT_GUARDED_BY(mutex_) = 0;
+  bool closed_ ZELT_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace zelt

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "zelt/Mutex.h"
+#include "zelt/ThreadAnnotations.h"
 #include "zelt/UniqueFunction.h"
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 #include <utility>
 
@@ -24,7 +25,7 @@ class RevocableCallback {
   // Calls the callback, unless it has been revoked. True if it was called.
   bool operator()(Args... args) {
     UniqueFunction<void(Args...)> revoked;  // outlives the lock
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     if (revoked_.load(std::memory_order_relaxed)) {
       return false;
     }
@@ -50,17 +51,16 @@ class RevocableCallback {
       return;
     }
     UniqueFunction<void(Args...)> revoked;  // outlives the lock
-    const std::lock_guard lock(mutex_);
+    const Lock lock(mutex_);
     revoked = std::exchange(callback_, nullptr);
   }
 
  private:
-  std::mutex mutex_;  // held while the callback runs
+  Mutex mutex_;  // held while the callback runs
   std::atomic<std::thread::id> running_on_{std::thread::id()};
   std::atomic<bool> revoked_{false};
-  // guarded by mutex_
-  bool revoked_from_inside_ = false;
-  UniqueFunction<void(Args...)> callback_;
+  bool revoked_from_inside_ = false;  // written and read by the thread that holds mutex_
+  UniqueFunction<void(Args...)> callback_ ZELT_GUARDED_BY(mutex_);
 };
 
 }  // namespace zelt

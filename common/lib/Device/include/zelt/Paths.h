@@ -16,6 +16,6 @@ std::string TargetAttributesFile();                  // /etc/zelt/target-attribu
 std::string EnableCollaborationTestKeyConfigFile();  // /var/lib/zelt/collaboration_test_key
 std::string DoIgnoreDockForStandardCableFile();      // /etc/zelt/do_ignore_dock_for_standard_cable
 std::string ConfigFile();                            // /etc/zelt/config.toml
-std::string ConfigSharedMemoryFile();                // /dev/shm/zelt-config
+std::string ConfigSharedMemoryFile();                // /run/zelt-config/block
 
 }  // namespace zelt

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 
 namespace orka {
@@ -64,7 +63,5 @@ enum class NotifyMessage : std::uint32_t {
   IoTRegistration = 54,
   IoTConnectionStatus = 55,
 };
-
-inline constexpr std::size_t kNotifyMessageCount = 56;
 
 }  // namespace orka

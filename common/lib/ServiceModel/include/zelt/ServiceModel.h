@@ -52,8 +52,16 @@ class ServiceModel {
   virtual service_state::State GetServiceState(std::string_view service, Seconds timeout) = 0;
 
   // Publishes this service's own state; each one is told, however soon the next follows. Does
-  // nothing for a model that owns no name.
+  // nothing for a model that owns no name. A supervisor that has asked for it (NOTIFY_SOCKET) is
+  // told that the service is ready, and that it stops.
   virtual void SetMyServiceState(service_state::State state) = 0;
+
+  // Tells a supervisor that watches this process (WATCHDOG_USEC) that the service goes on, until
+  // the handle is closed: three times as often as it demands, calls `ask` on the IPC thread, which
+  // has to have `alive` called by the thread whose progress counts, and to return soon. When nobody
+  // watches, does nothing and returns a closed handle.
+  using AliveFunction = UniqueFunction<void()>;
+  virtual AsyncCallbackHandle AddWatchdog(UniqueFunction<void(AliveFunction alive)> ask) = 0;
 
   // Calls `callback` on the IPC thread with the state of `service`: once soon, then on every
   // change.

@@ -18,11 +18,11 @@ class FakeConfig : public SharedMemoryBlockReaderIF {
   ConfigRecord record{};  // starts with nobody assigned
   int error = 0;          // what Get() answers, with errorText
   std::string errorText;
-  bool emptyPointer = false;  // Get() gives no record, whatever `error` says
+  bool empty_pointer = false;  // Get() gives no record, whatever `error` says
 
   std::atomic<int> locks = 0;
   std::atomic<int> unlocks = 0;
-  std::atomic<int> mostLocksHeld = 0;  // 1 when each read took the lock for itself
+  std::atomic<int> most_locks_held = 0;  // 1 when each read took the lock for itself
 
   void SetWorkingMode(std::string_view mode) {
     record.workingMode.fill('\0');
@@ -36,7 +36,7 @@ class FakeConfig : public SharedMemoryBlockReaderIF {
     record.officers.officers[0].collaborationEnabled = enabled;
   }
 
-  void Lock() override { mostLocksHeld = std::max(mostLocksHeld.load(), ++locks - unlocks); }
+  void Lock() override { most_locks_held = std::max(most_locks_held.load(), ++locks - unlocks); }
   void Unlock() override { ++unlocks; }
 };
 
@@ -46,7 +46,7 @@ class FakeConfigReader : public ConfigReaderIF {
 
   ConfigResult Get() override {
     ConfigResult result{.record = {}, .error = config_->error, .errorText = config_->errorText};
-    if (!config_->emptyPointer) {
+    if (!config_->empty_pointer) {
       result.record = {config_, &config_->record};
     }
     return result;

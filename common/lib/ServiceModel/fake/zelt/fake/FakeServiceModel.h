@@ -99,6 +99,23 @@ class FakeServiceModel : public ServiceModel,
     states_.push_back(state);
   }
 
+  // Somebody watches, and asks every second.
+  AsyncCallbackHandle AddWatchdog(UniqueFunction<void(AliveFunction alive)> ask) override {
+    return FakeServiceModel::AddTimer(
+        "Watchdog",
+        [this, ask = std::move(ask)]() mutable {
+          ask([this] {
+            const std::lock_guard lock(mutex_);
+            ++times_alive_;
+          });
+        },
+        Seconds(1), true);
+  }
+  int TimesAlive() const {
+    const std::lock_guard lock(mutex_);
+    return times_alive_;
+  }
+
   // There are no other services.
   service_state::State GetServiceState(std::string_view, Seconds) override {
     return service_state::State::NotRunning;
@@ -129,6 +146,7 @@ class FakeServiceModel : public ServiceModel,
 
   std::shared_ptr<FakeServiceIPC> ipc_ = std::make_shared<FakeServiceIPC>();
   mutable std::mutex mutex_;
+  int times_alive_ = 0;
 
   // guarded by mutex_
   Seconds now_{};

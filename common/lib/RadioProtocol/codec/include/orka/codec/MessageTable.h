@@ -290,9 +290,19 @@ constexpr bool AlternativesAreComplete(Direction direction, std::size_t count) {
   });
 }
 
+constexpr std::uint32_t LastKind() {
+  std::uint32_t last = 0;
+  for (const MessageRow& row : kMessageTable) {
+    if (row.notify != kNoNotification) {
+      last = std::max(last, static_cast<std::uint32_t>(row.notify));
+    }
+  }
+  return last;
+}
+
 // Each kind that is no event of the link itself has a row, and one alternative only.
 constexpr bool NotificationsAreComplete() {
-  for (std::uint32_t kind = 0; kind < kNotifyMessageCount; ++kind) {
+  for (std::uint32_t kind = 0; kind <= LastKind(); ++kind) {
     const auto notify = static_cast<NotifyMessage>(kind);
     const bool of_the_link = notify == N::RadioConnected || notify == N::HandshakeCompleted ||
                              notify == N::ConnectionLost || notify == N::HandshakeFailed;

@@ -53,6 +53,7 @@ int main(int argc, char** argv) {
                "zelt-config");
   std::string path = zelt::ConfigFile();
   std::string check;
+  app.set_version_flag("--version", KOVA_VERSION);
   app.add_option("--file", path, "The configuration file")->capture_default_str();
   app.add_option(
          "--check", check,

@@ -26,6 +26,9 @@ TEST(ConfigProgramTest, RefusesABadFileServesAGoodOneAndEndsWhenTold) {
   fake::ChildProcess checked({ZELT_CONFIG, "--check", ""}, bus.Folder() / "checked.log");
   EXPECT_EQ(checked.Wait(), 1);
   EXPECT_THAT(checked.Output(), StartsWith(": cannot be read: "));
+  fake::ChildProcess version({ZELT_CONFIG, "--version"}, bus.Folder() / "version.log");
+  EXPECT_EQ(version.Wait(), 0);
+  EXPECT_EQ(version.Output(), KOVA_VERSION "\n");
   fake::ChildProcess good({ZELT_CONFIG, "--check", SAMPLE_CONFIG}, bus.Folder() / "good.log");
   EXPECT_EQ(good.Wait(), 0) << good.Output();
 

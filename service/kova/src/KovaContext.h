@@ -49,7 +49,7 @@ constexpr bool IsTopic() {
 #define KOVA_PUBLISHED(package, message) std::is_same_v<T, package::message> ||
   return
 #include "kova/Accepted.def"
-      false;
+      false;  // NOLINT(readability-simplify-boolean-expr): each row ends with ||
 }
 
 // Every handler of the service, and all that they share. What they remember is one value, `state`.

@@ -81,6 +81,7 @@ int main(int argc, char** argv) {
   bool out_of_service = false;
   std::string store;
 
+  app.set_version_flag("--version", KOVA_VERSION);
   auto* listen =
       app.add_option("--listen", options.listen, "ADDRESS:PORT to listen on; port 0 takes any");
   app.add_option("--pty", options.pty_link,

@@ -23,7 +23,7 @@ TEST_F(LinkTest, HelloAndItsAnswerCarryWhatBothSidesNeed) {
   EXPECT_THAT(seen_.Await(2), ElementsAre(N::HandshakeCompleted, N::RadioConnected));
   EXPECT_TRUE(protocol_.IsRadioConnected());
   EXPECT_EQ(protocol_.GetMaxTransferDataSize(), 65527) << "the largest that fits a frame";
-  EXPECT_EQ(protocol_.GetSendRoom(), 256 * 1024);
+  EXPECT_EQ(protocol_.GetSendRoom(), std::size_t{256} * 1024);
   EXPECT_THAT(protocol_.GetDeviceDescriptors(), ElementsAre(std::pair(0x17, 80)));
   protocol_.Stop();
   EXPECT_TRUE(protocol_.GetDeviceDescriptors().empty());

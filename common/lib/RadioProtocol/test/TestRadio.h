@@ -93,7 +93,9 @@ class TestRadio {
     address.sin_family = AF_INET;
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(port_);
-    ::connect(first.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (::connect(first.Get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+      throw std::runtime_error("cannot connect");
+    }
     return first;
   }
   void TakeConnection() {

@@ -15,9 +15,9 @@ namespace zelt {
 
 // Owners of what sd-bus and sd-event hand out. Their reference counts are not atomic: everything
 // that belongs to one connection is released on its IPC thread, or when that thread is gone.
-template <class T, T* (*Unref)(T*)>
+template <class T, T* (*unref)(T*)>
 struct Unreferencer {
-  void operator()(T* object) const { Unref(object); }
+  void operator()(T* object) const { unref(object); }
 };
 using BusPtr = std::unique_ptr<sd_bus, Unreferencer<sd_bus, sd_bus_unref>>;
 using SlotPtr = std::unique_ptr<sd_bus_slot, Unreferencer<sd_bus_slot, sd_bus_slot_unref>>;

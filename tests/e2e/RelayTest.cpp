@@ -36,6 +36,9 @@ constexpr ToRadio kToRadio[] = {
 TEST(Relay, MessagesReachTheRadio) {
   Stack stack;
   stack.StartAll();
+  EXPECT_TRUE(stack.radio->Output().contains(
+      R"(hello of "ZPX" version "1.2.3 build 45", protocol 1, camera 1, tethered 1)"))
+      << stack.radio->Output();
   stack.Radio({"notify", "FileHandleOpenRequest", R"({"file_name":"a","handle_id":9})"});
   stack.kova->WaitForLine("Publishing [Kova.FileHandleOpenRequest]");
   for (const ToRadio& row : kToRadio) {

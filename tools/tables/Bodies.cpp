@@ -1,13 +1,18 @@
 #include "Bodies.h"
 
 #include "orka/codec/MessageTable.h"
+#include "orka/codec/Texts.h"
 
 #include <google/protobuf/descriptor.h>
 #include <google/protobuf/descriptor.pb.h>
 
+#include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <map>
+#include <set>
 #include <sstream>
+#include <vector>
 
 namespace {
 
@@ -59,9 +64,9 @@ void Add(std::map<std::string, std::string>& rows, const pb::Descriptor& type) {
   }
 }
 
-}  // namespace
-
-std::string Bodies() {
+// Calls `use` with each protobuf message that is a body.
+template <class Use>
+void ForEachBody(Use use) {
   std::ifstream definitions(KOVA_DESCRIPTOR_SET, std::ios::binary);
   pb::FileDescriptorSet set;
   set.ParseFromIstream(&definitions);
@@ -69,19 +74,54 @@ std::string Bodies() {
   for (const auto& file : set.file()) {
     pool.BuildFile(file);
   }
-  std::map<std::string, std::string> rows;
   for (const auto& row : orka::codec::kMessageTable) {
     std::string name(row.type);
     if (const auto colons = name.find("::"); colons != std::string::npos) {
       name.replace(colons, 2, ".");
     }
     if (const auto* type = pool.FindMessageTypeByName(name)) {
-      Add(rows, *type);
+      use(*type);
     }
   }
+}
+
+// Adds the texts of a message, each by the numbers of the fields that lead to it.
+void AddTexts(std::set<std::string>& texts, const pb::Descriptor& type, const std::string& path) {
+  for (int i = 0; i < type.field_count(); ++i) {
+    const pb::FieldDescriptor& field = *type.field(i);
+    const std::string inner = path + ' ' + std::to_string(field.number());
+    if (field.type() == pb::FieldDescriptor::TYPE_STRING) {
+      texts.insert(inner);
+    } else if (field.message_type() != nullptr) {
+      AddTexts(texts, *field.message_type(), inner);
+    }
+  }
+}
+
+}  // namespace
+
+std::string Bodies() {
+  std::map<std::string, std::string> rows;
+  ForEachBody([&rows](const pb::Descriptor& type) { Add(rows, type); });
   std::string table = "| Message or enumeration | Fields, or values |\n|---|---|\n";
   for (const auto& [name, content] : rows) {
     table += "| " + name + " |" + content + " |\n";
   }
   return table;
+}
+
+std::string TextThatDiffers() {
+  std::set<std::string> texts;
+  ForEachBody([&texts](const pb::Descriptor& type) { AddTexts(texts, type, type.full_name()); });
+  std::set<std::string> listed;
+  for (const auto& [message, path] : orka::codec::kTextFields) {
+    std::string text(message);
+    for (const unsigned number : path) {
+      text += number != 0 ? ' ' + std::to_string(number) : "";
+    }
+    listed.insert(text);
+  }
+  std::vector<std::string> differ;
+  std::ranges::set_symmetric_difference(texts, listed, std::back_inserter(differ));
+  return differ.empty() ? "" : differ.front();
 }

@@ -2,6 +2,8 @@
 //
 //   tables FILE            writes them anew
 //   tables --check FILE    changes nothing; fails when they differ
+//
+// Either fails when the codec's list of texts is not that of the definitions.
 
 #include "Bodies.h"
 
@@ -157,6 +159,10 @@ int main(int argc, char** argv) {
   if (argc != 2 && !check) {
     std::cerr << "usage: tables [--check] FILE\n";
     return 2;
+  }
+  if (const std::string text = TextThatDiffers(); !text.empty()) {
+    std::cerr << "codec/Texts.h: kTextFields differs from the definitions in " << text << '\n';
+    return 1;
   }
   const std::string path = arguments.back();
   const std::string document = (std::ostringstream() << std::ifstream(path).rdbuf()).str();

@@ -22,7 +22,6 @@ constexpr std::uint16_t kTransferFileData = 3;
 // What the radio is told when nobody on the camera answers it.
 constexpr std::uint32_t kWriteNotAnswered = 19;
 constexpr std::uint32_t kCreateNotAnswered = 8;
-constexpr std::uint64_t kFileHandleNotAnswered = 0x0111849C;
 
 }  // namespace
 
@@ -320,7 +319,7 @@ void KovaContext::HandleFileHandleOpenTimeout(std::uint16_t handle_id,
   timer->second.Close();
   file_handle_open_timers.erase(timer);
   ToRadio(orka::FileHandleRespWrapper{.handle_id = handle_id,
-                                      .status = kFileHandleNotAnswered,
+                                      .status = orka::kFileHandleFailed,
                                       .attributes = 0,
                                       .data = std::monostate()},
           RadioPart::Itself);

@@ -317,23 +317,27 @@ class Bench : public testing::Test {
 
 // --- Messages ------------------------------------------------------------------------------------
 
-// A message with something in every field: numbers 1000 + n (outside every enumeration), texts,
-// sub-messages, and fields that its type does not know. With `oneof_case`, only that field.
-template <class T>
-T Sample(int oneof_case = 0) {
+// The bytes of a message with something in every field: numbers 1000 + n (outside every
+// enumeration), texts, sub-messages, and fields that its type does not know. With `only`, that
+// field alone.
+inline std::string SampleWire(int only = 0) {
   std::string wire;
   for (int field = 1; field <= 12; ++field) {
-    if (oneof_case == 0) {
+    if (only == 0) {
       const int number = 1000 + field;
       wire += {static_cast<char>(field << 3), static_cast<char>((number & 0x7F) | 0x80),
                static_cast<char>(number >> 7)};
     }
-    if (oneof_case == 0 || oneof_case == field) {
+    if (only == 0 || only == field) {
       wire += {static_cast<char>(field << 3 | 2), '\x02', '\x08', '\x05'};
     }
   }
+  return wire;
+}
+template <class T>
+T Sample(int oneof_case = 0) {
   T message;
-  EXPECT_TRUE(message.ParseFromString(wire));
+  EXPECT_TRUE(message.ParseFromString(SampleWire(oneof_case)));
   return message;
 }
 

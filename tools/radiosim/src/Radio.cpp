@@ -1,5 +1,6 @@
 #include "Radio.h"
 
+#include "orka/ConversionTables.h"
 #include "orka/codec/Codec.h"
 #include "orka/codec/LinkControl.h"
 
@@ -138,8 +139,12 @@ Radio::Configuration Radio::FactoryConfiguration() {
                         {Kova::GATT_APPEARANCE, std::string("\x00\x40", 2)},
                         {Kova::GATT_TX_POWER, std::string("\x04", 1)},
                         {Kova::GATT_MTU, std::string("\xF7\x00", 2)}};
-  configuration.buttons = {
-      {"OneDot", false}, {"TwoDots", false}, {"ThreeDots", false}, {"EButton", true}};
+  for (const auto& [name, code] : orka::kButtonIdentifiers) {
+    auto& button = configuration.buttons[static_cast<std::uint32_t>(code)];
+    button.set_name(name);
+    button.set_identifier(static_cast<std::uint32_t>(code));
+    button.set_subscribed(name == "EButton");
+  }
   return configuration;
 }
 
@@ -336,14 +341,12 @@ void Radio::SetConfiguration(const Received& received) {
 
 void Radio::SubscribeButtons(const Received& received) {
   for (const auto& button : As<Kova::ButtonsSubscribtionMsg>(received).request().buttons()) {
-    configuration_.buttons[button.name()] = button.subscribed();
+    configuration_.buttons[button.identifier()] = button;
   }
   Kova::ButtonsSubscribtionMsg message;
   auto& response = *message.mutable_response();
-  for (const auto& [name, subscribed] : configuration_.buttons) {
-    auto& button = *response.add_buttons();
-    button.set_name(name);
-    button.set_subscribed(subscribed);
+  for (const auto& [code, button] : configuration_.buttons) {
+    *response.add_buttons() = button;
   }
   Respond(received, message);
 }
@@ -743,9 +746,9 @@ json::State Radio::State() const {
   for (const int code : subscriptions_) {
     state.add_subscriptions(static_cast<std::uint32_t>(code));
   }
-  for (const auto& [name, subscribed] : configuration_.buttons) {
-    if (subscribed) {
-      state.add_subscribed_buttons(name);
+  for (const auto& [code, button] : configuration_.buttons) {
+    if (button.subscribed()) {
+      state.add_subscribed_buttons(button.name().empty() ? std::to_string(code) : button.name());
     }
   }
   return state;

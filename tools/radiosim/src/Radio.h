@@ -130,8 +130,8 @@ class Radio {
   struct Configuration {
     Kova::LedBrightnessSettingMsg brightness;
     Kova::BluetoothConfigMsg::Response bluetooth;
-    std::map<int, std::string> gatt;  // by property name
-    std::map<std::string, bool> buttons;
+    std::map<int, std::string> gatt;                                        // by property name
+    std::map<std::uint32_t, Kova::ButtonsSubscribtionMsg::Button> buttons;  // by code
     std::map<std::uint32_t, std::string> values;
     bool covert = false;
     bool wlan_enabled = true;

@@ -351,6 +351,9 @@ void Simulator::OnFrame(const orka::pel::BaseMessage& header, ByteView payload) 
            ": " + decoded.error);
     return;
   }
+  if (!decoded.note.empty()) {
+    print_("not exactly: " + std::string(decoded.row->name) + ": " + decoded.note);
+  }
   const Received received{decoded.row, header, std::move(*decoded.message),
                           std::move(decoded.chunk)};
   std::optional<std::uint16_t> chunk;
@@ -496,6 +499,9 @@ std::string Simulator::SendMessage(const orka::codec::MessageRow& row,
   const orka::codec::Encoded encoded = EncodeFromRadio(row, data);
   if (!encoded.error.empty()) {
     return encoded.error;
+  }
+  if (!encoded.note.empty()) {
+    print_("not exactly: " + std::string(row.name) + ": " + encoded.note);
   }
   if (transfer == nullptr || options_.verbose) {
     print_("-> " + std::string(row.name) + " " + Hex(row.opcode) + " " + ToJson(data));

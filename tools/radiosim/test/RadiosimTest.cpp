@@ -20,6 +20,8 @@
 #include <future>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -252,6 +254,25 @@ TEST_F(RadiosimTest, SettingsAreKeptAndClockRunsOn) {
   EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"Medium")"));
 }
 
+TEST_F(RadiosimTest, WhatNoTableKnowsGoesThereAndBack) {
+  Connect();
+  const auto ask = [this](const orka::RadioOutgoingMessage& message, N kind) {
+    Send(message);
+    EXPECT_TRUE(seen_.AwaitKind(kind));
+  };
+  ask(Parsed<Kova::OpcodeSubscriptionMsg>(R"({"request":{"subscribe":true,"codes":[77,2]}})"),
+      N::OpcodeSubscription);
+  EXPECT_THAT(Last<Kova::OpcodeSubscriptionMsg>(N::OpcodeSubscription).response().codes(),
+              ElementsAre(2, 77));
+  ask(Parsed<Kova::ButtonsSubscribtionMsg>(
+          R"({"request":{"buttons":[{"identifier":7,"subscribed":true}]}})"),
+      N::ButtonsSubscribtion);
+  EXPECT_THAT(ToJson(Last<Kova::ButtonsSubscribtionMsg>(N::ButtonsSubscribtion)),
+              HasSubstr(R"({"name":"","identifier":7,"subscribed":true})"));
+  ask(Parsed<Kova::LedBrightnessSettingMsg>(R"({"intensity":7})"), N::LedBrightness);
+  EXPECT_EQ(Last<Kova::LedBrightnessSettingMsg>(N::LedBrightness).intensity(), 7);
+}
+
 TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
   options_.radio.drain_per_minute = 120;
   Connect();
@@ -440,7 +461,9 @@ TEST_P(RadiosimLineTest, SlowLineIsNotTakenForALostOne) {
   bits_per_second_ = 9600;
   options_.max_transfer_size = 2900;
   Connect();
+  const auto since = std::chrono::steady_clock::now();
   EXPECT_EQ(Push("slow", std::string(2900, 's')), orka::qrx::Result::Success);
+  EXPECT_GE(std::chrono::steady_clock::now() - since, std::chrono::milliseconds(2500));
   EXPECT_TRUE(camera_.IsRadioConnected());
   EXPECT_THAT(Command("faults"), HasSubstr("slow line of 9600 bits per second: slowed"));
 }
@@ -474,7 +497,8 @@ TEST_F(RadiosimTest, CommandsNameWhatWasWrong) {
       {R"(notify Docking {"kex":1})", "kex: Cannot find field"},
       {R"(notify FileAccessResponse {"result":300})", "result: at most 255"},
       {R"(notify FileAccessResponse {"file":1})", "file: Cannot find field"},
-      {R"(notify LedBrightnessResponse {"brightness":"Dim"})", "no code for brightness \"Dim\""},
+      {R"(notify LedBrightnessResponse {"brightness":"Dim"})",
+       "no counterpart for brightness \"Dim\""},
       {"received many", "\"many\" is no number"},
       {"silent maybe", R"("on" or "off")"},
       {"fault explode", "unknown fault \"explode\""},
@@ -494,19 +518,81 @@ TEST_F(RadiosimTest, CommandsNameWhatWasWrong) {
   }
 }
 
+// Which of these frames a rule hits, in words: '*' for each that it does.
+std::string Hits(FaultPlan& plan) {
+  using Chunk = std::optional<std::uint16_t>;
+  const struct {
+    bool incoming;
+    std::string_view message;
+    bool is_response;
+    bool is_link_control;
+    Chunk chunk;
+  } frames[] = {
+      {true, "TransferDataRequest", false, false, Chunk(1)},
+      {true, "TransferDataRequest", false, false, Chunk(2)},
+      {false, "TransferDataResponse", true, false, Chunk(1)},
+      {false, "TransferDataResponse", true, false, Chunk(2)},
+      {false, "Docking", false, false, {}},
+      {false, "KeepAlive", false, true, {}},
+      {true, "KeepAlive", false, true, {}},
+  };
+  std::string hits;
+  for (const auto& [incoming, message, is_response, is_link_control, chunk] : frames) {
+    hits += plan.Fire(incoming, message, is_response, is_link_control, chunk).empty() ? '.' : '*';
+  }
+  return hits;
+}
+std::string Hits(const std::string& rule, std::uint64_t seed = 1) {
+  FaultPlan plan(seed);
+  std::string error;
+  EXPECT_TRUE(plan.Add(rule, error)) << error;
+  std::string hits = Hits(plan);
+  for (int more = rule.contains("probability") ? 200 : 0; more > 0; --more) {
+    hits += Hits(plan);
+  }
+  return hits;
+}
+
+TEST(FaultPlan, RulesHitWhatTheyName) {
+  for (const auto& [rule, hits] : std::vector<std::pair<const char*, const char*>>{
+           {"drop", "..***.."},
+           {"drop direction=in", "**....."},
+           {"drop message=KeepAlive", ".....*."},
+           {"drop direction=in message=KeepAlive", "......*"},
+           {"delay chunk=2", "...*..."},
+           {"delay direction=in chunk=2", ".*....."},
+           {"wrong-transaction", "..**..."},
+           {"corrupt after=1 count=1", "...*..."},
+           {"refuse-chunk", "......."}}) {
+    EXPECT_EQ(Hits(rule), hits) << rule;
+  }
+  const std::string rule = "drop probability=0.3";
+  const std::string hits = Hits(rule, 7);
+  EXPECT_NEAR(static_cast<double>(std::ranges::count(hits, '*')), 0.3 * 603, 60);
+  EXPECT_EQ(Hits(rule, 7), hits);
+  EXPECT_NE(Hits(rule, 8), hits);
+}
+
 TEST_F(RadiosimTest, PlanFileNamesFileAndLineOfWhatIsWrong) {
   const auto load = [&](const std::string& text) {
     const fs::path path = folder_ / "plan.toml";
     std::ofstream(path) << text;
     FaultPlan plan;
     std::string error;
-    return plan.Load(path.string(), error) ? plan.Report() : error;
+    if (!plan.Load(path.string(), error)) {
+      return error;
+    }
+    const std::string hits = Hits(plan);
+    return std::to_string(plan.BitsPerSecond()) + " bit/s " + hits + '\n' + plan.Report();
   };
-  EXPECT_EQ(
-      load(
-          "seed = 3\nbits_per_second = 0\n[[fault]]\nkind = \"drop\"\nmessage = \"RtVersionResponse\"\n"
-          "probability = 0.5\nafter = 1\n"),
-      "fault drop direction=out message=RtVersionResponse: matched 0, fired 0\n");
+  const std::string rule = "[[fault]]\nkind = \"drop\"\nmessage = \"Docking\"\nprobability = 0.5\n";
+  std::set<std::string> seeds;  // by what they lead to
+  for (int seed = 0; seed < 10; ++seed) {
+    seeds.insert(load("seed = " + std::to_string(seed) + "\nbits_per_second = 9600\n" + rule));
+  }
+  const std::string report = "\nfault drop direction=out message=Docking: matched 1, fired ";
+  EXPECT_THAT(seeds, ElementsAre("9600 bit/s ....*.." + report + "1\n",
+                                 "9600 bit/s ......." + report + "0\n"));
   for (const auto& [text, error] : std::vector<std::pair<std::string, std::string>>{
            {"seed = \"x\"", ":1: seed"},
            {"\nfaults = 1", ":2: \"faults\" is not expected"},

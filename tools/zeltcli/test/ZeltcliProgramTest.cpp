@@ -32,7 +32,11 @@ class FakeKova {
             R"({"date_time":{"year":2026,"month":1,"day":2,"utc_offset_minutes":-90}})");
     Respond("Kova.RtFactoryResetRequest", "Kova.RtFactoryResetResponse", R"({"result":5})");
     Respond("Kova.InjectQrxRequest", "Kova.InjectQrxResponse", R"({"payload":"hAE="})");
-    Respond("Kova.VideoControlRequest", "Kova.GetDateTimeResp", "{}");
+    On("Kova.VideoControlRequest", [this](const auto& envelope, const MessageValue& message) {
+      const auto selector = message.Number("radio_send_selector");
+      Answer(envelope, selector == 0 ? "Kova.GetDateTimeResp" : "Kova.VideoControlResponse",
+             selector == 0 ? "{}" : R"({"result":)" + std::to_string(selector) + "}");
+    });
     On("Kova.RtVersionMsg", [this](const auto& envelope, const MessageValue& message) {
       before_telling_(envelope.sender);
       if (message.Has("request")) {
@@ -143,7 +147,10 @@ TEST_F(ZeltcliTest, EachKindOfFailureHasItsStatusAndAnAdvice) {
   Expect(1, {"video", "snapshot"}, "expected Kova.VideoControlResponse as the answer, got");
   Expect(2, {"factory-reset"}, "add --yes");
   Expect(2, {"socket", "set", "localhost", "1"}, "\"localhost\" is no IP address");
-  Expect(2, {"socket", "set", "::1", "65536"}, "65536 is no port");
+  Expect(1, {"video", "snapshot", "--selector", "7"}, "refused snapshot: result 7");
+  for (const std::string port : {"0", "65536"}) {
+    Expect(2, {"socket", "set", "::1", port}, port + " is no port");
+  }
   Expect(2, {"inject", "00", "--header", "1,x"}, "is no header");
   Expect(2, {"inject", "00", "--header", "1,2,256"}, "is no header");
   Expect(2, {"inject", "00", "--header", "1,3"}, "kind 3 cannot be injected");
@@ -200,6 +207,7 @@ TEST_F(ZeltcliTest, LinkIsFollowedToItsEnd) {
   Expect(1, {"link", "up"}, "Kova could not start the link");
   kova_.StartsTo("HANDSHAKE_FAILED");
   Expect(1, {"link", "up"}, "the link is HANDSHAKE_FAILED");
+  Expect(7, {"version", "--timeout", "0"}, "the link to the radio is HANDSHAKE_FAILED");
   kova_.StartsTo("CONNECTING");
   Expect(7, {"link", "up", "--timeout", "0.2"}, "the link is still CONNECTING");
   Expect(0, {"link", "down"}, "the link is DISCONNECTED");

@@ -124,6 +124,11 @@ void LinkLogic::HandleHelloAnswer(codec::ByteView payload) {
   ZELT_LOG(zelt::kLogInfo, kLogCategoryRadio)
       << "Radio \"" << answer->name << "\" answered on " << settings_.line << ", largest transfer "
       << answer->max_transfer_size << ", in service " << answer->in_service;
+  if (answer->max_transfer_size == 0) {
+    ZELT_LOG(zelt::kLogError, kLogCategoryRadio)
+        << "Radio \"" << answer->name
+        << "\" takes no files: its largest transfer size is 0, and 1 to 65527 is expected";
+  }
   events_.connected(*answer);
 }
 

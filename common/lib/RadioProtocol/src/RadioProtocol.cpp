@@ -3,6 +3,9 @@
 #include "Line.h"
 #include "Sessions.h"
 
+#include "orka/codec/Codec.h"
+#include "zelt/LogClient.h"
+
 namespace orka {
 
 class RadioProtocol::Impl : public Sessions {
@@ -73,6 +76,13 @@ FileHandleRespWrapper RadioProtocol::MakeFileHandleResponse(
       break;
     case Kova::FileHandleOpenResponse::FILEHANDLEDATAONEOF_NOT_SET:
       break;
+  }
+  if (const auto encoded = codec::EncodeToRadio(result); !encoded.error.empty()) {
+    ZELT_LOG(zelt::kLogError, kLogCategoryRadio)
+        << "The radio is told that file handle " << result.handle_id
+        << " failed: " << encoded.error;
+    result.status = kFileHandleFailed;
+    result.data = std::monostate();
   }
   return result;
 }

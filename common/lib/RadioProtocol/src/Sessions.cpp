@@ -181,6 +181,11 @@ FrameVerdict Sessions::Received(std::uint64_t session, const pel::BaseMessage& h
     return {FrameVerdict::Kind::Malformed,
             Describe(decoded.row->name, decoded.row->opcode) + ": " + decoded.error};
   }
+  if (!decoded.note.empty()) {
+    ZELT_LOG(zelt::kLogWarning, kLogCategoryRadio)
+        << "Not exactly what the radio sent: " << Describe(decoded.row->name, decoded.row->opcode)
+        << ", " << decoded.note;
+  }
   ZELT_LOG(zelt::kLogVerbose, kLogCategoryRadio)
       << "Received " << Describe(decoded.row->name, decoded.row->opcode) << ", transaction "
       << header.transaction << ", " << payload.size() << " bytes";
@@ -274,6 +279,11 @@ SendResult Sessions::TrySend(const RadioOutgoingMessage& message, std::uint32_t 
   if (!link->Queue(frame, encoded.payload.size())) {
     error += kNoRoom;
     return SendResult::QueueFull;
+  }
+  if (!encoded.note.empty()) {
+    ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kLogCategoryRadio)
+        << "Not exactly what was to be sent: " << Describe(encoded.row->name, encoded.row->opcode)
+        << ", " << encoded.note;
   }
   ZELT_LOG_AS("SendToRadio", zelt::kLogVerbose, kLogCategoryRadio)
       << "Sent " << Describe(encoded.row->name, encoded.row->opcode) << " to part " << selector

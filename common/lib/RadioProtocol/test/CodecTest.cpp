@@ -2,6 +2,7 @@
 #include "orka/codec/Codec.h"
 #include "orka/codec/Frame.h"
 #include "orka/codec/LinkControl.h"
+#include "orka/codec/Texts.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -71,6 +72,7 @@ TEST(RadioLinkDocument, ExamplesAreWhatTheCodeSends) {
       {"HelloAnswer",
        {{.kind = 3}, Encode(HelloAnswer{1, true, 4096, "radio", {{0x17, 80}, {0x24, 1}}})}},
       {"KeepAlive", {{.kind = 3}, Encode(LinkControl::KeepAlive)}},
+      {"Goodbye", {{.kind = 3}, Encode(LinkControl::Goodbye)}},
       {"Request", {{.transaction = 1}, EncodeToRadio(Kova::RtVersionRequest()).payload}},
       {"Response", {{.kind = 1, .transaction = 1}, Answer("RtVersionResponse", version)}},
       {"Broadcast", {{.kind = 2}, Answer("CovertModeBroadcast", covert)}},
@@ -83,6 +85,17 @@ TEST(RadioLinkDocument, ExamplesAreWhatTheCodeSends) {
       {"TransferDataResponse",
        {{.kind = 1, .transaction = 2},
         Answer("TransferDataResponse", qrx::TransferDataResponse{qrx::Result::Success, 258})}},
+      {"FileAccessResponse",
+       {{.kind = 1, .transaction = 3},
+        Answer("FileAccessResponse",
+               qrx::FileAccessResponse{qrx::Result::NoSpace, 8U << 20U, "image.bin"})}},
+      {"FileHandleOpenResponse",
+       {{.kind = 1, .transaction = 9},
+        EncodeToRadio(FileHandleRespWrapper{0x1234, 0, 3, qrx::DirectoryDataType{{"a", "bc"}}})
+            .payload}},
+      {"Addresses",
+       {{.address = 0x0102, .source = 0x0304, .destination = 0x0506, .transaction = 5},
+        EncodeToRadio(Kova::HardwareIdRequest()).payload}},
       {"Code for a name", {{.transaction = 4}, EncodeToRadio(brightness).payload}},
   };
   auto examples = DocumentExamples();
@@ -125,11 +138,7 @@ Union Default(std::size_t index, std::index_sequence<Index...> /*alternatives*/)
 }
 template <class Union>
 Union Default(std::size_t index) {
-  auto message = Default<Union>(index, std::make_index_sequence<std::variant_size_v<Union>>());
-  if (auto* brightness = std::get_if<Kova::LedBrightnessSettingMsg>(&message)) {
-    brightness->set_brightness("Low");  // the one that means nothing when it is empty
-  }
-  return message;
+  return Default<Union>(index, std::make_index_sequence<std::variant_size_v<Union>>());
 }
 
 TEST(Codec, EveryRowComesBackAsItself) {
@@ -186,86 +195,271 @@ TEST(Codec, RecordsKeepEveryField) {
   EXPECT_THAT(DecodeToRadio(pel::FrameKind::Response, unknown_data).error, HasSubstr("9"));
 }
 
-TEST(Codec, NamesTravelAsCodesAndComeBack) {
-  Kova::OpcodeSubscriptionMsg subscription;
-  subscription.mutable_request()->add_codes(Kova::SUBSCRIBE_LTE_STATUS);
-  Kova::ButtonsSubscribtionMsg buttons;
-  buttons.mutable_request()->add_buttons()->set_name("ThreeDots");
-  Kova::GattConfigMsg gatt;
-  gatt.mutable_set_request()->add_properties()->set_name(Kova::GATT_MTU);
-  const auto on_the_link = [](auto sent) {
-    const auto encoded = EncodeToRadio(sent);
-    const auto decoded = DecodeToRadio(encoded.row->kind, encoded.payload);
-    EXPECT_TRUE(decoded.message) << decoded.error;
-    auto back = std::get<decltype(sent)>(*decoded.message);
-    if constexpr (std::is_same_v<decltype(sent), Kova::ButtonsSubscribtionMsg>) {
-      back.mutable_request()->mutable_buttons(0)->clear_identifier();
-    }
-    EXPECT_EQ(back.SerializeAsString(), sent.SerializeAsString());
-    sent.ParseFromArray(encoded.payload.data() + 2, static_cast<int>(encoded.payload.size()) - 2);
-    return sent;
-  };
-  EXPECT_EQ(static_cast<int>(on_the_link(subscription).request().codes(0)), 0xB49B);
-  EXPECT_EQ(on_the_link(buttons).request().buttons(0).identifier(), 102);
-  EXPECT_EQ(on_the_link(buttons).request().buttons(0).name(), "");
-  EXPECT_EQ(static_cast<int>(on_the_link(gatt).set_request().properties(0).name()), 8);
-
-  Collaboration::RadioConnectionMsg connection;
-  auto* descriptor = connection.add_device_descriptors();
-  descriptor->set_attribute(static_cast<Collaboration::AttributeID>(0x99));
-  descriptor = connection.add_device_descriptors();
-  descriptor->set_attribute(static_cast<Collaboration::AttributeID>(0x24));
-  Bytes payload = {0xB4, 0x03};
-  const std::string body = connection.SerializeAsString();
-  payload.insert(payload.end(), body.begin(), body.end());
-  const auto decoded = DecodeFromRadio(pel::FrameKind::Broadcast, payload);
-  ASSERT_TRUE(decoded.message) << decoded.error;
-  const auto& known =
-      std::get<Collaboration::RadioConnectionMsg>(*decoded.message).device_descriptors();
-  ASSERT_EQ(known.size(), 1) << "the unknown attribute is skipped";
-  EXPECT_EQ(known[0].attribute(), Collaboration::NETWORK_CAPABILITY);
+Kova::OpcodeSubscriptionMsg Subscribe(std::vector<int> codes) {
+  Kova::OpcodeSubscriptionMsg message;
+  message.mutable_request()->mutable_codes()->Assign(codes.begin(), codes.end());
+  return message;
+}
+Kova::OpcodeSubscriptionMsg Subscribed(std::vector<int> codes) {
+  Kova::OpcodeSubscriptionMsg message;
+  message.mutable_response()->mutable_codes()->Assign(codes.begin(), codes.end());
+  return message;
+}
+Kova::GattConfigMsg GattGet(std::vector<int> names) {
+  Kova::GattConfigMsg message;
+  message.mutable_get_request()->mutable_names()->Assign(names.begin(), names.end());
+  return message;
+}
+// As the oneof's case that has properties.
+Kova::GattConfigMsg Gatt(int message_case, const std::vector<int>& names) {
+  Kova::GattConfigMsg message;
+  auto& properties = message_case == Kova::GattConfigMsg::kSetRequest
+                         ? *message.mutable_set_request()->mutable_properties()
+                     : message_case == Kova::GattConfigMsg::kBroadcast
+                         ? *message.mutable_broadcast()->mutable_properties()
+                         : *message.mutable_get_response()->mutable_properties();
+  for (const int name : names) {
+    auto& property = *properties.Add();
+    property.set_name(static_cast<Kova::GattConfigPropertyName>(name));
+    property.set_value(std::to_string(properties.size()));
+  }
+  return message;
+}
+using Named = std::pair<const char*, std::uint32_t>;
+Kova::ButtonsSubscribtionMsg Buttons(bool request, const std::vector<Named>& buttons) {
+  Kova::ButtonsSubscribtionMsg message;
+  for (const auto& [name, identifier] : buttons) {
+    auto& button = request ? *message.mutable_request()->add_buttons()
+                           : *message.mutable_response()->add_buttons();
+    button.set_name(name);
+    button.set_identifier(identifier);
+  }
+  return message;
+}
+Kova::LedBrightnessSettingMsg Brightness(const char* name, std::uint32_t intensity) {
+  Kova::LedBrightnessSettingMsg message;
+  message.set_brightness(name);
+  message.set_intensity(intensity);
+  return message;
+}
+template <class T>
+T Video(int action) {
+  T message;
+  message.set_action(static_cast<Kova::VideoActionType>(action));
+  return message;
+}
+Collaboration::RadioConnectionMsg Attributes(const std::vector<std::pair<int, unsigned>>& all) {
+  Collaboration::RadioConnectionMsg message;
+  for (const auto& [attribute, value] : all) {
+    auto& descriptor = *message.add_device_descriptors();
+    descriptor.set_attribute(static_cast<Collaboration::AttributeID>(attribute));
+    descriptor.set_value(value);
+  }
+  return message;
 }
 
-TEST(Codec, ValuesWithoutACounterpartAreNamed) {
-  Kova::OpcodeSubscriptionMsg subscription;
-  subscription.mutable_response()->add_codes(static_cast<Kova::SubscriptionMsgCode>(77));
-  Kova::GattConfigMsg gatt;
-  gatt.mutable_get_request()->add_names(static_cast<Kova::GattConfigPropertyName>(10));
-  Kova::ButtonsSubscribtionMsg buttons;
-  buttons.mutable_response()->add_buttons()->set_name("onedot");
-  Kova::LedBrightnessSettingMsg brightness;
-  Kova::VideoControlBroadcast video;
-  video.set_action(static_cast<Kova::VideoActionType>(6));
-  const std::vector<std::pair<RadioOutgoingMessage, std::string>> outgoing = {
-      {subscription, "subscription \"77\""},
-      {gatt, "GATT property \"10\""},
-      {buttons, "button \"onedot\""},
-      {brightness, "brightness \"\""},
-      {video, "video action 6"},
+Bytes Payload(std::uint16_t opcode, const std::string& body) {
+  Bytes payload;
+  ByteWriter(payload).Put(opcode);
+  payload.insert(payload.end(), body.begin(), body.end());
+  return payload;
+}
+
+// The bytes of a message, with nothing changed.
+template <class Union>
+std::string BodyOf(const Union& message) {
+  return std::visit(
+      [](const auto& held) {
+        if constexpr (requires { held.SerializeAsString(); }) {
+          return held.SerializeAsString();
+        } else {
+          return std::string("a record");
+        }
+      },
+      message);
+}
+
+TEST(Codec, NamesGoAsCodesAndWhatNoTableKnowsAsItIs) {
+  constexpr int kSet = Kova::GattConfigMsg::kSetRequest;
+  const struct {
+    RadioOutgoingMessage sent;
+    RadioOutgoingMessage on_line;
+    const char* left_out;
+  } rows[] = {
+      {Subscribe({4, 77}), Subscribe({0xB49B, 77}), ""},
+      {Subscribe({0xB413, 0}), Subscribe({0xB413}), "subscription 46099"},
+      {GattGet({}), GattGet({}), ""},
+      {GattGet({0, 42}), GattGet({1, 42}), ""},
+      {Gatt(kSet, {7, 11}), Gatt(kSet, {8, 11}), ""},
+      {Buttons(true, {{"EButton", 1}, {"onedot", 145}, {"", 7}, {"onedot", 0}}),
+       Buttons(true, {{"", 151}, {"", 145}, {"", 7}}), "button \"onedot\""},
+      {Brightness("Medium", 1), Brightness("", 200), ""},
+      {Brightness("", 7), Brightness("", 7), ""},
+      {Brightness("Dim", 7), Brightness("", 7), ""},
+      {Video<Kova::VideoControlRequest>(5), Video<Kova::VideoControlRequest>(5), ""},
+      {Video<Kova::VideoControlBroadcast>(77), Video<Kova::VideoControlBroadcast>(77), ""},
+  };
+  for (const auto& [sent, on_line, left_out] : rows) {
+    const Encoded encoded = EncodeToRadio(sent);
+    SCOPED_TRACE(encoded.row->name);
+    EXPECT_EQ(encoded.error, "");
+    EXPECT_EQ(encoded.note.empty(), *left_out == '\0') << encoded.note;
+    EXPECT_THAT(encoded.note, HasSubstr(left_out));
+    EXPECT_EQ(encoded.payload, Payload(encoded.row->opcode, BodyOf(on_line)));
+    const auto decoded = DecodeToRadio(encoded.row->kind, encoded.payload);
+    ASSERT_TRUE(decoded.message) << decoded.error;
+    EXPECT_EQ(EncodeToRadio(*decoded.message).payload, encoded.payload);
+  }
+  const std::pair<RadioOutgoingMessage, const char*> refused[] = {
+      {Subscribe({0xB413}), "subscription 46099"},
+      {GattGet({10}), "GATT property 10"},  // without it, all would be asked for
+      {Gatt(kSet, {10}), "GATT property 10"},
+      {Buttons(true, {{"onedot", 0}}), "button \"onedot\""},
+      {Brightness("Dim", 0), "brightness \"Dim\""},
       {qrx::TransferDataRequest{3, 0, 1}, "0 bytes"},
   };
-  for (const auto& [message, error] : outgoing) {
-    const auto encoded = EncodeToRadio(message);
+  for (const auto& [message, error] : refused) {
+    const Encoded encoded = EncodeToRadio(message);
     EXPECT_THAT(encoded.error, HasSubstr(error));
     EXPECT_TRUE(encoded.payload.empty());
   }
-  buttons.mutable_response()->mutable_buttons(0)->set_identifier(1);
-  brightness.set_intensity(1);
-  const std::vector<std::tuple<std::uint16_t, std::string, std::string>> incoming = {
-      {0x8484, subscription.SerializeAsString(), "subscription code 77"},
-      {0x8421, buttons.SerializeAsString(), "button code 1"},
-      {0x8422, brightness.SerializeAsString(), "brightness code 1"},
-      {0x8498, std::string("\x18\x06", 2), "video action code 6"},
-      {0x8401, "\xFF", "no Kova.RtVersionResponse"},
+  EXPECT_THAT(EncodeToRadio(Subscribe({0, 15, 17, 15, 17, 1176, 17, 17})).note,
+              HasSubstr("subscription 1176 and 2 more"));
+}
+
+TEST(Codec, CodesComeAsNamesAndWhatNoTableKnowsAsItIs) {
+  constexpr int kGet = Kova::GattConfigMsg::kGetResponse;
+  constexpr int kChange = Kova::GattConfigMsg::kBroadcast;
+  const struct {
+    const char* row;
+    RadioNotificationData on_line;
+    RadioNotificationData told;
+    const char* left_out;
+  } rows[] = {
+      {"OpcodeSubscriptionResponse", Subscribed({77, 0xB49B}), Subscribed({77, 4}), ""},
+      {"OpcodeSubscriptionResponse", Subscribed({5}), Subscribed({}), "subscription 5"},
+      {"GattConfigGetResponse", Gatt(kGet, {8, 42, 0}), Gatt(kGet, {7, 42}), "GATT property 0"},
+      {"GattConfigSetResponse", Gatt(kGet, {1}), Gatt(kGet, {0}), ""},
+      {"GattConfigBroadcast", Gatt(kChange, {10}), Gatt(kChange, {9}), ""},
+      {"ButtonsSubscribtionResponse", Buttons(false, {{"", 102}, {"x", 7}}),
+       Buttons(false, {{"ThreeDots", 102}, {"", 7}}), ""},
+      {"LedBrightnessResponse", Brightness("", 0), Brightness("Off", 0), ""},
+      {"LedBrightnessResponse", Brightness("x", 7), Brightness("", 7), ""},
+      {"VideoControlRequest", Video<Kova::VideoControlRequest>(6),
+       Video<Kova::VideoControlRequest>(6), ""},
+      {"RadioConnection", Attributes({{0x99, 1}, {0x24, 2}, {0, 256}}), Attributes({{4, 2}}),
+       "attribute 153, attribute 0"},
   };
-  for (const auto& [opcode, body, error] : incoming) {
-    Bytes payload;
-    ByteWriter(payload).Put(opcode);
-    payload.insert(payload.end(), body.begin(), body.end());
-    const auto decoded = DecodeFromRadio(pel::FrameKind::Response, payload);
-    EXPECT_FALSE(decoded.message);
-    EXPECT_THAT(decoded.error, HasSubstr(error));
+  for (const auto& [name, on_line, told, left_out] : rows) {
+    SCOPED_TRACE(name);
+    const MessageRow& row = *FindRow(Direction::FromRadio, name);
+    const auto decoded = DecodeFromRadio(row.kind, Payload(row.opcode, BodyOf(on_line)));
+    ASSERT_TRUE(decoded.message) << decoded.error;
+    EXPECT_EQ(BodyOf(*decoded.message), BodyOf(told));
+    EXPECT_EQ(decoded.note.empty(), *left_out == '\0') << decoded.note;
+    EXPECT_THAT(decoded.note, HasSubstr(left_out));
+    const auto again = DecodeFromRadio(row.kind, EncodeFromRadio(row, told).payload);
+    ASSERT_TRUE(again.message) << again.error;
+    EXPECT_EQ(BodyOf(*again.message), BodyOf(told));
   }
+  EXPECT_THAT(
+      EncodeFromRadio(*FindRow(Direction::FromRadio, "RadioConnection"), Attributes({{9, 1}})).note,
+      HasSubstr("attribute 9"));
+}
+
+// ------------------------------------------------------------------------------------------------
+// Texts that are not UTF-8.
+
+// A body with nothing but this text in this field.
+std::string BodyWith(const TextField& field, std::string text) {
+  for (std::size_t depth = field.path.size(); depth-- > 0;) {
+    if (field.path[depth] != 0) {
+      const std::string head = {static_cast<char>(field.path[depth] << 3U | 2U),
+                                static_cast<char>(text.size())};
+      text.insert(0, head);
+    }
+  }
+  return text;
+}
+
+// A payload of this row as it is told, and as it is when it is sent back in the same row.
+struct Passed {
+  std::string note;
+  std::string told;
+  Bytes back;
+};
+Passed Pass(const MessageRow& row, const Bytes& payload) {
+  const auto passed = [](const auto& decoded, const auto& encode) -> Passed {
+    return decoded.message
+               ? Passed{decoded.note, BodyOf(*decoded.message), encode(*decoded.message).payload}
+               : Passed{decoded.error, "", {}};
+  };
+  if (row.direction == Direction::ToRadio) {
+    return passed(DecodeToRadio(row.kind, payload),
+                  [](const RadioOutgoingMessage& message) { return EncodeToRadio(message); });
+  }
+  return passed(DecodeFromRadio(row.kind, payload), [&](const RadioNotificationData& message) {
+    return EncodeFromRadio(row, message);
+  });
+}
+
+TEST(Texts, BytesThatAreNotUtf8ComeAndGoBackExactly) {
+  // The second is UTF-8, but has a code point that stands for a byte.
+  const std::pair<std::string, std::string> texts[] = {
+      {"a\xFF\xC3\xA4\xED\xA0\x80z", "a\xEF\x9F\xBF\xC3\xA4"},
+      {"\xEF\x9E\x81", "\xEF\x9F\xAF\xEF"}};
+  int tried = 0;
+  for (const MessageRow& row : kMessageTable) {
+    for (const TextField& field : kTextFields) {
+      std::string type(row.type);
+      const std::size_t colons = type.find("::");
+      if (colons == std::string::npos || type.replace(colons, 2, ".") != field.message) {
+        continue;
+      }
+      SCOPED_TRACE(row.name);
+      for (const auto& [text, told] : texts) {
+        ++tried;
+        const Bytes payload = Payload(row.opcode, BodyWith(field, text));
+        const Passed passed = Pass(row, payload);
+        EXPECT_THAT(passed.note, HasSubstr("not UTF-8, in field"));
+        if (type == "Kova.ButtonsSubscribtionMsg" || type == "Kova.LedBrightnessSettingMsg") {
+          continue;  // a name of theirs is not used
+        }
+        EXPECT_THAT(passed.told, HasSubstr(told));
+        ASSERT_EQ(passed.back.size(), payload.size());
+        EXPECT_TRUE(std::equal(payload.begin() + 2, payload.end(), passed.back.begin() + 2));
+      }
+    }
+  }
+  EXPECT_GE(tried, 50);
+  EXPECT_EQ(
+      Pass(*FindRow(Direction::FromRadio, "RtVersionResponse"), Payload(0x8401, "\x0A\x02\xC3\xA4"))
+          .note,
+      "");
+}
+
+TEST(Texts, EveryBodyIsReadOrRefusedAndEveryTextComesBack) {
+  std::mt19937 random(3);
+  for (int round = 0; round < 5000; ++round) {
+    std::string bytes(random() % 40, '\0');
+    std::ranges::generate(bytes, [&] {  // what makes escapes and fields comes often
+      constexpr std::string_view kOften("\xEF\x9E\x9F\x80\x0A\x12\x02\x01");
+      return random() % 5 == 0 ? static_cast<char>(random()) : kOften[random() % kOften.size()];
+    });
+    const std::string escaped = EscapeText(bytes);
+    ASSERT_EQ(UnescapeText(escaped), bytes);
+    Kova::RtVersionResponse version;
+    version.set_version(escaped);
+    ASSERT_TRUE(version.ParseFromString(version.SerializeAsString())) << "it is UTF-8";
+    for (const char* row : {"RtVersionResponse", "BluetoothStatusResponse", "WlanControlResponse",
+                            "ButtonsSubscribtionResponse"}) {
+      const auto opcode = FindRow(Direction::FromRadio, row)->opcode;
+      const auto decoded = DecodeFromRadio(pel::FrameKind::Response, Payload(opcode, bytes));
+      ASSERT_NE(decoded.message.has_value(), !decoded.error.empty());
+    }
+  }
+  EXPECT_THAT(DecodeFromRadio(pel::FrameKind::Response, Payload(0x8401, "\xFF")).error,
+              HasSubstr("no Kova.RtVersionResponse"));
 }
 
 TEST(Codec, ResultsPrintTheirNameOrNumber) {
@@ -294,6 +488,7 @@ TEST(Codec, WhatDoesNotFitAFrameIsRefused) {
 // Frames.
 
 struct Received {
+  std::vector<pel::BaseMessage> headers;
   std::vector<Bytes> payloads;
   std::map<Drop, int> drops;
 };
@@ -301,7 +496,8 @@ struct Received {
 Received Deframe(ByteView bytes, std::size_t step) {
   Received received;
   Deframer deframer(
-      [&](const pel::BaseMessage&, ByteView payload) {
+      [&](const pel::BaseMessage& header, ByteView payload) {
+        received.headers.push_back(header);
         received.payloads.emplace_back(payload.begin(), payload.end());
         return true;
       },
@@ -316,16 +512,22 @@ TEST(Deframer, EveryLengthComesBackWhereverItIsCut) {
   std::mt19937 random(1);
   for (const std::size_t size :
        {0U, 1U, 2U, 236U, 237U, 238U, 239U, 253U, 254U, 255U, 508U, 65535U}) {
-    Bytes payload(size);
-    for (std::uint8_t& byte : payload) {
-      byte = static_cast<std::uint8_t>(size % 2 == 0 ? 0xAA : random() % 3);
-    }
-    Bytes line;
-    AppendFrame({}, payload, line);
-    EXPECT_LE(line.size(), kMaxEncodedFrame + 1);
-    EXPECT_EQ(std::ranges::count(line, 0), 1) << "the delimiter only";
-    for (const std::size_t step : {std::size_t{1}, std::size_t{7}, line.size()}) {
-      EXPECT_EQ(Deframe(line, step).payloads, std::vector<Bytes>({payload})) << size;
+    for (const bool zeros : {true, false}) {
+      Bytes payload(size, 0xAA);
+      if (zeros) {
+        std::ranges::generate(payload, [&] { return static_cast<std::uint8_t>(random() % 3); });
+      }
+      const pel::BaseMessage header{
+          0x0102, 3, 4, 0x0506, 0x0708, 0x090A, static_cast<std::uint16_t>(size)};
+      Bytes line;
+      AppendFrame(header, payload, line);
+      EXPECT_EQ(std::ranges::count(line, 0), 1) << "the delimiter only";
+      EXPECT_EQ(line.size() == kMaxEncodedFrame + 1, size == 65535 && !zeros) << "the largest";
+      for (const std::size_t step : {std::size_t{1}, std::size_t{7}, line.size()}) {
+        const Received received = Deframe(line, step);
+        EXPECT_EQ(received.headers, std::vector({header}));
+        EXPECT_EQ(received.payloads, std::vector<Bytes>({payload})) << size;
+      }
     }
   }
 }

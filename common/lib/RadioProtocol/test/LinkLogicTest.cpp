@@ -356,6 +356,14 @@ TEST(LinkLogic, OnlyTheFirstGoodAnswerBeginsASession) {
   EXPECT_EQ(bench.sent.back().second, LinkControl::Goodbye);
 }
 
+TEST(LinkLogic, RadioThatTakesNoFilesIsNamedAndKept) {
+  Bench bench;
+  bench.Greet();
+  bench.Bring(Control(codec::Encode(codec::HelloAnswer{1, true, 0, "small", {}})));
+  EXPECT_THAT(bench.told, ElementsAre("small"));
+  EXPECT_TRUE(bench.log.Contains("Radio \"small\" takes no files"));
+}
+
 TEST(LinkLogic, RadioOfAnotherVersionIsLeftWithoutAGoodbye) {
   Bench bench;
   bench.Greet();

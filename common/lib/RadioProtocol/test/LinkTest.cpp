@@ -56,6 +56,57 @@ TEST_F(LinkTest, RequestsAndBroadcastsCarryTheRightHeader) {
   EXPECT_EQ(protocol_.GetCounters().sends_refused, 2);
 }
 
+TEST_F(LinkTest, WhatCannotBeSaidExactlyIsSaidAsFarAsItCanBe) {
+  Connect();
+  Kova::GattConfigMsg gatt;
+  for (const int name : {0, 10}) {
+    gatt.mutable_get_request()->add_names(static_cast<Kova::GattConfigPropertyName>(name));
+  }
+  EXPECT_EQ(protocol_.SendToRadio(gatt, 0), SendResult::Sent);
+  EXPECT_TRUE(log_.Contains("GattConfigGetRequest (0x0433), no counterpart for GATT property 10"));
+  const codec::Bytes name = {0x04, 0x89, 0x0A, 1, 0xFF};
+  radio_.Send(Kind::Request, name, 5);
+  ASSERT_TRUE(seen_.AwaitKind(N::FileAccessWriteRequest));
+  EXPECT_TRUE(log_.Contains("FileAccessWriteRequest (0x0489), text that is not UTF-8, in field 1"));
+  Kova::FileAccessWriteResponse answer;
+  answer.set_file_name(
+      std::get<Kova::FileAccessWriteRequest>(seen_.Data(N::FileAccessWriteRequest).at(0))
+          .file_name());
+  EXPECT_EQ(protocol_.SendToRadio(answer, 0), SendResult::Sent);
+  EXPECT_EQ(radio_.Next(Kind::Response)->payload, (codec::Bytes{0x84, 0x89, 0x0A, 1, 0xFF}));
+}
+
+TEST_F(LinkTest, FileHandleAnswersKeepTheirDataOrFail) {
+  const auto made = [this](const auto& set) {
+    Kova::FileHandleOpenResponse response;
+    response.set_handle_id(0x12345);
+    response.set_status(1ULL << 40U);
+    response.set_attributes(3);
+    set(response);
+    return protocol_.MakeFileHandleResponse(response);
+  };
+  using Response = Kova::FileHandleOpenResponse;
+  FileHandleRespWrapper expected{0x2345, 1ULL << 40U, 3, {}};
+  EXPECT_EQ(made([](Response&) {}), expected);
+  expected.data = qrx::DirectoryDataType{{"a", "b"}};
+  EXPECT_EQ(made([](Response& response) {
+              response.mutable_directory()->add_entries("a");
+              response.mutable_directory()->add_entries("b");
+            }),
+            expected);
+  expected.data = std::uint32_t{7};
+  EXPECT_EQ(made([](Response& response) { response.set_size(7); }), expected);
+  const std::string largest(65'518, 't');
+  expected.data = largest;
+  EXPECT_EQ(made([&](Response& response) { response.set_text(largest); }), expected);
+  expected.data = codec::Bytes(largest.begin(), largest.end());
+  EXPECT_EQ(made([&](Response& response) { response.set_content(largest); }), expected);
+  expected.status = 0x0111849C;
+  expected.data = std::monostate();
+  EXPECT_EQ(made([&](Response& response) { response.set_content(largest + 't'); }), expected);
+  EXPECT_TRUE(log_.Contains("file handle 9029 failed: 65536 bytes are too long for a frame"));
+}
+
 // Fills the line until nothing more is taken. Then the radio reads it all, and the link goes on.
 TEST_F(LinkTest, WhatIsTakenArrivesAlsoWhenTheRadioDoesNotReadForAWhile) {
   Connect();

@@ -1,6 +1,7 @@
 #include "orka/codec/Codec.h"
 
 #include "orka/codec/Frame.h"
+#include "orka/codec/Texts.h"
 
 #include <array>
 #include <type_traits>
@@ -51,61 +52,82 @@ const MessageRow* RowToRadio(const RadioOutgoingMessage& message) {
 }
 
 // ------------------------------------------------------------------------------------------------
-// Bodies. Put and Take fill `error` when they fail.
+// Bodies. Put and Take fill `error` when they fail, and `note` where they had to depart from what
+// was given.
+
+struct Outcome {
+  std::string error;
+  std::string note;
+};
 
 constexpr std::string_view kTooLong = "a text or list is too long";
 
+// Notes what was left out; false when nothing is left.
+bool Judge(bool expressed, const LeftOut& left_out, Outcome& outcome) {
+  if (!expressed) {
+    outcome.error = "no counterpart for " + left_out.Text();
+  } else if (!left_out.IsEmpty()) {
+    outcome.note += (outcome.note.empty() ? "" : "; ") + ("no counterpart for " + left_out.Text());
+  }
+  return expressed;
+}
+
 template <Proto T>
-bool Put(const T& message, ByteView /*chunk*/, Bytes& out, std::string& error) {
+bool Put(const T& message, ByteView /*chunk*/, Bytes& out, Outcome& outcome) {
   const auto append = [&](const T& final) {
     const std::size_t size = final.ByteSizeLong();
-    if (size > kMaxPayload) {
-      error = std::to_string(size) + " bytes are too long for a frame";
+    if (size > 3 * kMaxPayload) {  // an escaped byte takes three
+      outcome.error = std::to_string(size) + " bytes are too long for a frame";
       return false;
     }
     const std::size_t at = out.size();
     out.resize(at + size);
     final.SerializeWithCachedSizesToArray(out.data() + at);
+    const ByteView body = ByteView(out).subspan(at);
+    if (Bytes bytes; MayHoldEscapes(body) && UnescapeTexts(final.GetTypeName(), body, bytes)) {
+      out.resize(at);
+      out.insert(out.end(), bytes.begin(), bytes.end());
+    }
     return true;
   };
   if constexpr (Converted<T>) {
     T copy = message;
-    return ToCodes(copy, error) && append(copy);
+    LeftOut left_out;
+    return Judge(ToCodes(copy, left_out), left_out, outcome) && append(copy);
   } else {
     return append(message);
   }
 }
 
-bool Put(const std::string& raw, ByteView /*chunk*/, Bytes& out, std::string& /*error*/) {
+bool Put(const std::string& raw, ByteView /*chunk*/, Bytes& out, Outcome& /*outcome*/) {
   out.insert(out.end(), raw.begin(), raw.end());
   return true;
 }
 
-bool Put(const qrx::FileAccessRequest& request, ByteView /*chunk*/, Bytes& out,
-         std::string& error) {
+bool Put(const qrx::FileAccessRequest& request, ByteView /*chunk*/, Bytes& out, Outcome& outcome) {
   ByteWriter writer(out);
   writer.Put(request.operation);
   writer.Put(request.access_code);
   writer.Put(request.file_size);
   const bool fits = writer.PutCounted(request.file_name);
-  error = fits ? std::string_view() : kTooLong;
+  outcome.error = fits ? std::string_view() : kTooLong;
   return fits;
 }
 
 bool Put(const qrx::FileAccessResponse& response, ByteView /*chunk*/, Bytes& out,
-         std::string& error) {
+         Outcome& outcome) {
   ByteWriter writer(out);
   writer.Put(static_cast<std::uint8_t>(response.result));
   writer.Put(response.file_size);
   const bool fits = writer.PutCounted(response.file_name);
-  error = fits ? std::string_view() : kTooLong;
+  outcome.error = fits ? std::string_view() : kTooLong;
   return fits;
 }
 
-bool Put(const qrx::TransferDataRequest& request, ByteView chunk, Bytes& out, std::string& error) {
+bool Put(const qrx::TransferDataRequest& request, ByteView chunk, Bytes& out, Outcome& outcome) {
   if (chunk.size() != request.data_size) {
-    error = "the chunk has " + std::to_string(chunk.size()) + " bytes, its record says " +
-            std::to_string(request.data_size);
+    outcome.error = "the chunk has " + std::to_string(chunk.size()) + " bytes, its record says " +
+                    std::to_string(request.data_size);
     return false;
   }
   out.reserve(out.size() + 6 + chunk.size());
@@ -118,15 +140,14 @@ bool Put(const qrx::TransferDataRequest& request, ByteView chunk, Bytes& out, st
 }
 
 bool Put(const qrx::TransferDataResponse& response, ByteView /*chunk*/, Bytes& out,
-         std::string& /*error*/) {
+         Outcome& /*outcome*/) {
   ByteWriter writer(out);
   writer.Put(static_cast<std::uint8_t>(response.result));
   writer.Put(response.chunk_number);
   return true;
 }
 
-bool Put(const FileHandleRespWrapper& response, ByteView /*chunk*/, Bytes& out,
-         std::string& error) {
+bool Put(const FileHandleRespWrapper& response, ByteView /*chunk*/, Bytes& out, Outcome& outcome) {
   ByteWriter writer(out);
   writer.Put(response.handle_id);
   writer.Put(response.status);
@@ -152,71 +173,91 @@ bool Put(const FileHandleRespWrapper& response, ByteView /*chunk*/, Bytes& out,
         }
       },
       response.data);
-  error = fits ? std::string_view() : kTooLong;
+  outcome.error = fits ? std::string_view() : kTooLong;
   return fits;
 }
 
+// A text that is not UTF-8 costs a message; with its bytes escaped it does not.
 template <Proto T>
-bool Take(ByteView body, T& message, Bytes& /*chunk*/, std::string& error) {
-  if (!message.ParseFromArray(body.data(), static_cast<int>(body.size()))) {
-    error = "the body is no " + message.GetTypeName();
+bool Parse(ByteView body, T& message, Outcome& outcome) {
+  const auto parse = [&message](ByteView bytes) {
+    return message.ParseFromArray(bytes.data(), static_cast<int>(bytes.size()));
+  };
+  if (!MayHoldEscapes(body) && parse(body)) {
+    return true;
+  }
+  Bytes escaped;
+  unsigned field = 0;
+  if (!EscapeTexts(message.GetTypeName(), body, escaped, field) || !parse(escaped)) {
+    outcome.error = "the body is no " + message.GetTypeName();
+    return false;
+  }
+  if (field != 0) {
+    outcome.note = "text that is not UTF-8, in field " + std::to_string(field);
+  }
+  return true;
+}
+
+template <Proto T>
+bool Take(ByteView body, T& message, Bytes& /*chunk*/, Outcome& outcome) {
+  if (!Parse(body, message, outcome)) {
     return false;
   }
   if constexpr (Converted<T>) {
-    return ToNames(message, error);
+    LeftOut left_out;
+    return Judge(ToNames(message, left_out), left_out, outcome);
   } else {
     return true;
   }
 }
 
-bool Take(ByteView body, std::string& raw, Bytes& /*chunk*/, std::string& /*error*/) {
+bool Take(ByteView body, std::string& raw, Bytes& /*chunk*/, Outcome& /*outcome*/) {
   raw.assign(body.begin(), body.end());
   return true;
 }
 
-bool AtEnd(const ByteReader& reader, std::string& error) {
+bool AtEnd(const ByteReader& reader, Outcome& outcome) {
   if (!reader.AtEnd()) {
-    error = reader.Ok() ? "the record has bytes after its end" : "the record is cut short";
+    outcome.error = reader.Ok() ? "the record has bytes after its end" : "the record is cut short";
   }
   return reader.AtEnd();
 }
 
-bool Take(ByteView body, qrx::FileAccessRequest& request, Bytes& /*chunk*/, std::string& error) {
+bool Take(ByteView body, qrx::FileAccessRequest& request, Bytes& /*chunk*/, Outcome& outcome) {
   ByteReader reader(body);
   request.operation = reader.Take<std::uint8_t>();
   request.access_code = reader.Take<std::uint32_t>();
   request.file_size = reader.Take<std::uint32_t>();
   request.file_name = reader.TakeText();
-  return AtEnd(reader, error);
+  return AtEnd(reader, outcome);
 }
 
-bool Take(ByteView body, qrx::FileAccessResponse& response, Bytes& /*chunk*/, std::string& error) {
+bool Take(ByteView body, qrx::FileAccessResponse& response, Bytes& /*chunk*/, Outcome& outcome) {
   ByteReader reader(body);
   response.result = static_cast<qrx::Result>(reader.Take<std::uint8_t>());
   response.file_size = reader.Take<std::uint32_t>();
   response.file_name = reader.TakeText();
-  return AtEnd(reader, error);
+  return AtEnd(reader, outcome);
 }
 
-bool Take(ByteView body, qrx::TransferDataRequest& request, Bytes& chunk, std::string& error) {
+bool Take(ByteView body, qrx::TransferDataRequest& request, Bytes& chunk, Outcome& outcome) {
   ByteReader reader(body);
   request.kind = reader.Take<std::uint16_t>();
   request.chunk_number = reader.Take<std::uint16_t>();
   request.data_size = reader.Take<std::uint16_t>();
   const ByteView data = reader.TakeBytes(request.data_size);
   chunk.assign(data.begin(), data.end());
-  return AtEnd(reader, error);
+  return AtEnd(reader, outcome);
 }
 
-bool Take(ByteView body, qrx::TransferDataResponse& response, Bytes& /*chunk*/,
-          std::string& error) {
+bool Take(ByteView body, qrx::TransferDataResponse& response, Bytes& /*chunk*/, Outcome& outcome) {
   ByteReader reader(body);
   response.result = static_cast<qrx::Result>(reader.Take<std::uint8_t>());
   response.chunk_number = reader.Take<std::uint16_t>();
-  return AtEnd(reader, error);
+  return AtEnd(reader, outcome);
 }
 
-bool Take(ByteView body, FileHandleRespWrapper& response, Bytes& /*chunk*/, std::string& error) {
+bool Take(ByteView body, FileHandleRespWrapper& response, Bytes& /*chunk*/, Outcome& outcome) {
   ByteReader reader(body);
   response.handle_id = reader.Take<std::uint16_t>();
   response.status = reader.Take<std::uint64_t>();
@@ -244,10 +285,10 @@ bool Take(ByteView body, FileHandleRespWrapper& response, Bytes& /*chunk*/, std:
       break;
     }
     default:
-      error = "unknown kind of data " + std::to_string(tag);
+      outcome.error = "unknown kind of data " + std::to_string(tag);
       return false;
   }
-  return AtEnd(reader, error);
+  return AtEnd(reader, outcome);
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -257,8 +298,11 @@ Encoded Encode(const MessageRow& row, const Union& message, ByteView chunk) {
   Encoded result;
   result.row = &row;
   ByteWriter(result.payload).Put(row.opcode);
+  Outcome outcome;
   const bool fits = std::visit(
-      [&](const auto& held) { return Put(held, chunk, result.payload, result.error); }, message);
+      [&](const auto& held) { return Put(held, chunk, result.payload, outcome); }, message);
+  result.error = std::move(outcome.error);
+  result.note = std::move(outcome.note);
   if (fits && result.payload.size() > kMaxPayload) {
     result.error = std::to_string(result.payload.size()) + " bytes are too long for a frame";
   }
@@ -269,13 +313,13 @@ Encoded Encode(const MessageRow& row, const Union& message, ByteView chunk) {
 }
 
 template <class Union>
-using TakeInto = bool (*)(ByteView body, Union& message, Bytes& chunk, std::string& error);
+using TakeInto = bool (*)(ByteView body, Union& message, Bytes& chunk, Outcome& outcome);
 
 template <class Union, std::size_t... Index>
 constexpr auto MakeTakers(std::index_sequence<Index...> /*alternatives*/) {
   return std::array<TakeInto<Union>, sizeof...(Index)>{
-      [](ByteView body, Union& message, Bytes& chunk, std::string& error) {
-        return Take(body, message.template emplace<Index>(), chunk, error);
+      [](ByteView body, Union& message, Bytes& chunk, Outcome& outcome) {
+        return Take(body, message.template emplace<Index>(), chunk, outcome);
       }...};
 }
 
@@ -294,9 +338,12 @@ Decoded<Union> Decode(Direction direction, pel::FrameKind kind, ByteView payload
     return result;
   }
   Union message;
-  if (kTakers[result.row->alternative](reader.TakeRest(), message, result.chunk, result.error)) {
+  Outcome outcome;
+  if (kTakers[result.row->alternative](reader.TakeRest(), message, result.chunk, outcome)) {
     result.message = std::move(message);
   }
+  result.error = std::move(outcome.error);
+  result.note = std::move(outcome.note);
   return result;
 }
 

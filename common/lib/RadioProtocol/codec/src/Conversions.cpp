@@ -4,227 +4,216 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <sstream>
+#include <iomanip>
 
 namespace orka::codec {
 namespace {
 
-// The code of a name, and the name of a code. nullptr with `error` when the table has none.
-template <class Table, class Name>
-auto CodeOf(const Table& table, const Name& name, std::string_view what, std::string& error)
-    -> const typename Table::mapped_type* {
-  const auto row = table.find(name);
-  if (row == table.end()) {
-    std::ostringstream text;
-    text << "no code for " << what << " \"" << name << '"';
-    error = text.str();
-    return nullptr;
-  }
-  return &row->second;
-}
-
 template <class Table>
-auto NameOf(const Table& table, std::uint32_t code, std::string_view what, std::string& error)
-    -> const typename Table::key_type* {
-  const auto row = std::ranges::find_if(
-      table, [&](const auto& entry) { return static_cast<std::uint32_t>(entry.second) == code; });
+auto FindValue(const Table& table, std::int64_t value) {
+  return std::ranges::find_if(
+      table, [value](const auto& row) { return static_cast<std::int64_t>(row.second) == value; });
+}
+
+// Between the numbers of a table's two sides. One that the table does not have stays as it is.
+// False when it is the number of something else on the other side.
+template <class Table>
+bool KeyToValue(const Table& table, int& number) {
+  const auto row = table.find(static_cast<typename Table::key_type>(number));
   if (row == table.end()) {
-    std::ostringstream text;
-    text << "unknown " << what << " code " << code;
-    error = text.str();
-    return nullptr;
+    return FindValue(table, number) == table.end();
   }
-  return &row->first;
+  number = static_cast<int>(row->second);
+  return true;
+}
+template <class Table>
+bool ValueToKey(const Table& table, int& number) {
+  const auto row = FindValue(table, number);
+  if (row == table.end()) {
+    return !table.contains(static_cast<typename Table::key_type>(number));
+  }
+  number = static_cast<int>(row->first);
+  return true;
 }
 
-// Both directions of an enumeration's field: names are numbers, too.
-template <class Table, class Enum>
-bool EnumToCode(const Table& table, Enum& field, std::string_view what, std::string& error) {
-  const auto* code = CodeOf(table, field, what, error);
-  if (code != nullptr) {
-    field = static_cast<Enum>(*code);
+// Keeps the elements that can be converted. False when there were some, and none is left.
+template <class Repeated, class Convert>
+bool ConvertEach(Repeated& elements, Convert convert) {
+  const int before = elements.size();
+  int kept = 0;
+  for (int at = 0; at < before; ++at) {
+    if (convert(*elements.Mutable(at))) {
+      elements.SwapElements(at, kept++);
+    }
   }
-  return code != nullptr;
-}
-template <class Table, class Enum>
-bool CodeToEnum(const Table& table, Enum& field, std::string_view what, std::string& error) {
-  const auto* name = NameOf(table, static_cast<std::uint32_t>(field), what, error);
-  if (name != nullptr) {
-    field = *name;
-  }
-  return name != nullptr;
+  elements.erase(elements.begin() + kept, elements.end());
+  return kept > 0 || before == 0;
 }
 
-// Applies `convert` to every element of a repeated enumeration field.
-template <class Enum, class Repeated, class Convert>
-bool ForEachEnum(Repeated& field, Convert convert) {
-  return std::ranges::all_of(field, [&](int& value) {
-    auto as_enum = static_cast<Enum>(value);
-    const bool ok = convert(as_enum);
-    value = static_cast<int>(as_enum);
-    return ok;
-  });
+// An answer goes also when nothing is left of its list: whoever asked gets the result. A request
+// does not: without its list it asks for something else.
+template <class Convert>
+bool ConvertSubscriptions(Kova::OpcodeSubscriptionMsg& message, LeftOut& left_out,
+                          Convert to_other_side) {
+  const auto convert = [&](int& code) {
+    const bool expressed = to_other_side(kSubscriptionOpcodes, code);
+    if (!expressed) {
+      left_out.Add("subscription", code);
+    }
+    return expressed;
+  };
+  if (message.has_request()) {
+    return ConvertEach(*message.mutable_request()->mutable_codes(), convert);
+  }
+  if (message.has_response()) {
+    ConvertEach(*message.mutable_response()->mutable_codes(), convert);
+  }
+  return true;
 }
 
 template <class Convert>
-bool ForEachSubscription(Kova::OpcodeSubscriptionMsg& message, Convert convert) {
-  switch (message.OpcodeSubscriptionOneof_case()) {
-    case Kova::OpcodeSubscriptionMsg::kRequest:
-      return ForEachEnum<Kova::SubscriptionMsgCode>(*message.mutable_request()->mutable_codes(),
-                                                    convert);
-    case Kova::OpcodeSubscriptionMsg::kResponse:
-      return ForEachEnum<Kova::SubscriptionMsgCode>(*message.mutable_response()->mutable_codes(),
-                                                    convert);
-    default:
-      return true;
-  }
-}
-
-template <class Convert>
-bool ForEachGattName(Kova::GattConfigMsg& message, Convert convert) {
-  const auto properties = [&](auto& field) {
-    return std::ranges::all_of(field, [&](Kova::GattConfigMsg::Property& property) {
-      Kova::GattConfigPropertyName name = property.name();
-      const bool ok = convert(name);
-      property.set_name(name);
-      return ok;
-    });
+bool ConvertGatt(Kova::GattConfigMsg& message, LeftOut& left_out, Convert to_other_side) {
+  const auto number = [&](int& name) {
+    const bool expressed = to_other_side(kGattDescriptorCodes, name);
+    if (!expressed) {
+      left_out.Add("GATT property", name);
+    }
+    return expressed;
+  };
+  const auto property = [&](Kova::GattConfigMsg::Property& element) {
+    int name = element.name();
+    const bool expressed = number(name);
+    element.set_name(static_cast<Kova::GattConfigPropertyName>(name));
+    return expressed;
   };
   switch (message.GattConfigOneof_case()) {
     case Kova::GattConfigMsg::kGetRequest:
-      return ForEachEnum<Kova::GattConfigPropertyName>(
-          *message.mutable_get_request()->mutable_names(), convert);
-    case Kova::GattConfigMsg::kGetResponse:
-      return properties(*message.mutable_get_response()->mutable_properties());
-    case Kova::GattConfigMsg::kBroadcast:
-      return properties(*message.mutable_broadcast()->mutable_properties());
+      return ConvertEach(*message.mutable_get_request()->mutable_names(), number);
     case Kova::GattConfigMsg::kSetRequest:
-      return properties(*message.mutable_set_request()->mutable_properties());
+      return ConvertEach(*message.mutable_set_request()->mutable_properties(), property);
+    case Kova::GattConfigMsg::kGetResponse:
+      ConvertEach(*message.mutable_get_response()->mutable_properties(), property);
+      return true;
+    case Kova::GattConfigMsg::kBroadcast:
+      ConvertEach(*message.mutable_broadcast()->mutable_properties(), property);
+      return true;
     default:
       return true;
   }
 }
 
 template <class Convert>
-bool ForEachButton(Kova::ButtonsSubscribtionMsg& message, Convert convert) {
-  switch (message.ButtonsSubscribtionOneof_case()) {
-    case Kova::ButtonsSubscribtionMsg::kRequest:
-      return std::ranges::all_of(*message.mutable_request()->mutable_buttons(), convert);
-    case Kova::ButtonsSubscribtionMsg::kResponse:
-      return std::ranges::all_of(*message.mutable_response()->mutable_buttons(), convert);
-    default:
-      return true;
+bool ConvertButtons(Kova::ButtonsSubscribtionMsg& message, Convert convert) {
+  if (message.has_request()) {
+    return ConvertEach(*message.mutable_request()->mutable_buttons(), convert);
   }
+  if (message.has_response()) {
+    ConvertEach(*message.mutable_response()->mutable_buttons(), convert);
+  }
+  return true;
+}
+
+constexpr auto kToCode = [](const auto& table, int& number) { return KeyToValue(table, number); };
+constexpr auto kToName = [](const auto& table, int& number) { return ValueToKey(table, number); };
+
+template <class Convert>
+bool ConvertAction(Kova::VideoActionType& action, LeftOut& left_out, Convert to_other_side) {
+  int number = action;
+  const bool expressed = to_other_side(kVideoActions, number);
+  if (!expressed) {
+    left_out.Add("video action", number);
+  }
+  action = static_cast<Kova::VideoActionType>(number);
+  return expressed;
 }
 
 }  // namespace
 
-bool ToCodes(Kova::OpcodeSubscriptionMsg& message, std::string& error) {
-  return ForEachSubscription(message, [&](Kova::SubscriptionMsgCode& code) {
-    return EnumToCode(kSubscriptionOpcodes, code, "subscription", error);
-  });
+bool ToCodes(Kova::OpcodeSubscriptionMsg& message, LeftOut& left_out) {
+  return ConvertSubscriptions(message, left_out, kToCode);
 }
-bool ToNames(Kova::OpcodeSubscriptionMsg& message, std::string& error) {
-  return ForEachSubscription(message, [&](Kova::SubscriptionMsgCode& code) {
-    return CodeToEnum(kSubscriptionOpcodes, code, "subscription", error);
-  });
+bool ToNames(Kova::OpcodeSubscriptionMsg& message, LeftOut& left_out) {
+  return ConvertSubscriptions(message, left_out, kToName);
 }
 
-bool ToCodes(Kova::GattConfigMsg& message, std::string& error) {
-  return ForEachGattName(message, [&](Kova::GattConfigPropertyName& name) {
-    return EnumToCode(kGattDescriptorCodes, name, "GATT property", error);
-  });
+bool ToCodes(Kova::GattConfigMsg& message, LeftOut& left_out) {
+  return ConvertGatt(message, left_out, kToCode);
 }
-bool ToNames(Kova::GattConfigMsg& message, std::string& error) {
-  return ForEachGattName(message, [&](Kova::GattConfigPropertyName& name) {
-    return CodeToEnum(kGattDescriptorCodes, name, "GATT property", error);
-  });
+bool ToNames(Kova::GattConfigMsg& message, LeftOut& left_out) {
+  return ConvertGatt(message, left_out, kToName);
 }
 
-bool ToCodes(Kova::ButtonsSubscribtionMsg& message, std::string& error) {
-  return ForEachButton(message, [&](Kova::ButtonsSubscribtionMsg::Button& button) {
-    const auto* code = CodeOf(kButtonIdentifiers, button.name(), "button", error);
-    if (code == nullptr) {
+bool ToCodes(Kova::ButtonsSubscribtionMsg& message, LeftOut& left_out) {
+  return ConvertButtons(message, [&](Kova::ButtonsSubscribtionMsg::Button& button) {
+    if (const auto row = kButtonIdentifiers.find(button.name()); row != kButtonIdentifiers.end()) {
+      button.set_identifier(static_cast<std::uint32_t>(row->second));
+    } else if (button.identifier() == 0) {
+      left_out.Add("button", std::quoted(button.name()));
       return false;
     }
-    button.set_identifier(static_cast<std::uint32_t>(*code));
     button.clear_name();
     return true;
   });
 }
-bool ToNames(Kova::ButtonsSubscribtionMsg& message, std::string& error) {
-  return ForEachButton(message, [&](Kova::ButtonsSubscribtionMsg::Button& button) {
-    const auto* name = NameOf(kButtonIdentifiers, button.identifier(), "button", error);
-    if (name != nullptr) {
-      button.set_name(*name);
-    }
-    return name != nullptr;
+bool ToNames(Kova::ButtonsSubscribtionMsg& message, LeftOut& /*left_out*/) {
+  return ConvertButtons(message, [](Kova::ButtonsSubscribtionMsg::Button& button) {
+    const auto row = FindValue(kButtonIdentifiers, button.identifier());
+    button.set_name(row != kButtonIdentifiers.end() ? row->first : std::string());
+    return true;
   });
 }
 
-bool ToCodes(Kova::LedBrightnessSettingMsg& message, std::string& error) {
-  const auto* code = CodeOf(kBrightnessIntensities, message.brightness(), "brightness", error);
-  if (code != nullptr) {
-    message.set_intensity(static_cast<std::uint32_t>(*code));
-    message.clear_brightness();
-  }
-  return code != nullptr;
-}
-bool ToNames(Kova::LedBrightnessSettingMsg& message, std::string& error) {
-  const auto* name = NameOf(kBrightnessIntensities, message.intensity(), "brightness", error);
-  if (name != nullptr) {
-    message.set_brightness(*name);
-  }
-  return name != nullptr;
-}
-
-bool ToCode(Kova::VideoActionType& action, std::string& error) {
-  const auto row = std::ranges::find_if(kVideoActions,
-                                        [&](const auto& entry) { return entry.second == action; });
-  if (row == kVideoActions.end()) {
-    error = "no code for video action " + std::to_string(action);
+bool ToCodes(Kova::LedBrightnessSettingMsg& message, LeftOut& left_out) {
+  const auto row = kBrightnessIntensities.find(message.brightness());
+  if (row != kBrightnessIntensities.end()) {
+    message.set_intensity(static_cast<std::uint32_t>(row->second));
+  } else if (!message.brightness().empty() && message.intensity() == 0) {
+    left_out.Add("brightness", std::quoted(message.brightness()));
     return false;
   }
-  action = static_cast<Kova::VideoActionType>(row->first);
+  message.clear_brightness();
   return true;
 }
-bool ToName(Kova::VideoActionType& action, std::string& error) {
-  const auto row = kVideoActions.find(static_cast<qrx::VideoActionType>(action));
-  if (row == kVideoActions.end()) {
-    error = "unknown video action code " + std::to_string(action);
-    return false;
-  }
-  action = row->second;
+bool ToNames(Kova::LedBrightnessSettingMsg& message, LeftOut& /*left_out*/) {
+  const auto row = FindValue(kBrightnessIntensities, message.intensity());
+  message.set_brightness(row != kBrightnessIntensities.end() ? row->first : std::string());
   return true;
 }
 
-bool ToCodes(Collaboration::RadioConnectionMsg& message, std::string& error) {
-  for (auto& descriptor : *message.mutable_device_descriptors()) {
-    const auto row = std::ranges::find_if(
-        kAttributeIds, [&](const auto& entry) { return entry.second == descriptor.attribute(); });
+bool ToCode(Kova::VideoActionType& action, LeftOut& left_out) {
+  return ConvertAction(action, left_out, kToName);  // this table has the codes for keys
+}
+bool ToName(Kova::VideoActionType& action, LeftOut& left_out) {
+  return ConvertAction(action, left_out, kToCode);
+}
+
+bool ToCodes(Collaboration::RadioConnectionMsg& message, LeftOut& left_out) {
+  using Descriptor = Collaboration::RadioConnectionMsg::DeviceDescriptor;
+  ConvertEach(*message.mutable_device_descriptors(), [&](Descriptor& descriptor) {
+    const auto row = FindValue(kAttributeIds, descriptor.attribute());
     if (row == kAttributeIds.end() || descriptor.value() > UINT8_MAX) {
-      error = "no code for attribute " + std::to_string(descriptor.attribute()) + " with value " +
-              std::to_string(descriptor.value());
+      left_out.Add("attribute", descriptor.attribute());
       return false;
     }
     descriptor.set_attribute(static_cast<Collaboration::AttributeID>(row->first));
-  }
+    return true;
+  });
   return true;
 }
-bool ToNames(Collaboration::RadioConnectionMsg& message, std::string& error) {
-  qrx::DeviceDescriptors descriptors;
-  for (const auto& descriptor : message.device_descriptors()) {
-    const auto attribute = static_cast<std::uint32_t>(descriptor.attribute());
-    if (attribute > UINT8_MAX || descriptor.value() > UINT8_MAX) {
-      error = "attribute " + std::to_string(attribute) + " with value " +
-              std::to_string(descriptor.value()) + " is not two bytes";
+bool ToNames(Collaboration::RadioConnectionMsg& message, LeftOut& left_out) {
+  using Descriptor = Collaboration::RadioConnectionMsg::DeviceDescriptor;
+  ConvertEach(*message.mutable_device_descriptors(), [&](Descriptor& descriptor) {
+    const int attribute = descriptor.attribute();
+    const auto row = attribute >= 0 && attribute <= UINT8_MAX
+                         ? kAttributeIds.find(static_cast<std::uint8_t>(attribute))
+                         : kAttributeIds.end();
+    if (row == kAttributeIds.end() || descriptor.value() > UINT8_MAX) {
+      left_out.Add("attribute", attribute);
       return false;
     }
-    descriptors.emplace_back(static_cast<std::uint8_t>(attribute),
-                             static_cast<std::uint8_t>(descriptor.value()));
-  }
-  message.clear_device_descriptors();
-  qrx::AddDeviceDescriptorsToProtoMsg(message, descriptors);
+    descriptor.set_attribute(row->second);
+    return true;
+  });
   return true;
 }
 

@@ -117,13 +117,15 @@ class RadioProtocol {
                                       std::uint32_t radio_send_selector,
                                       std::unique_ptr<std::vector<std::uint8_t>> data);
 
-  // The largest chunk that the radio takes, in bytes; 0 before the first handshake.
+  // The largest chunk that the radio takes, in bytes; 0 before the first handshake, and of a radio
+  // that takes no file at all.
   virtual std::uint16_t GetMaxTransferDataSize();
 
   // What the next handshake tells the radio.
   virtual void SetIdentifyAsCamera(bool identifyAsCamera);
   virtual void SetUseTetheredConnection(bool useTetheredConnection);
 
+  // The record that answers the radio. What is too long for a frame becomes a failure.
   virtual FileHandleRespWrapper MakeFileHandleResponse(
       const Kova::FileHandleOpenResponse& response);
 

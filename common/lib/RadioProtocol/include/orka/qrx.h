@@ -92,6 +92,9 @@ enum class VideoActionType : std::uint32_t {};
 
 namespace orka {
 
+// The status of a file handle that the camera could not open or cannot tell about.
+inline constexpr std::uint64_t kFileHandleFailed = 0x0111849C;
+
 // Camera to radio: what became of a file handle that the radio wanted opened.
 struct FileHandleRespWrapper {
   std::uint16_t handle_id = 0;

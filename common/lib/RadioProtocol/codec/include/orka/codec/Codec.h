@@ -15,6 +15,7 @@ struct Encoded {
   const MessageRow* row = nullptr;
   Bytes payload;
   std::string error;  // why there is no payload; empty when there is one
+  std::string note;   // what could not be said exactly; for a warning
 };
 
 // `chunk`: the bytes that travel beside a TransferDataRequest, as many as it says.
@@ -29,6 +30,7 @@ struct Decoded {
   std::optional<Message> message;   // nothing: malformed
   Bytes chunk;                      // what travelled beside a TransferDataRequest
   std::string error;                // why there is no message
+  std::string note;                 // what could not be said exactly; for a warning
 };
 
 Decoded<RadioOutgoingMessage> DecodeToRadio(pel::FrameKind kind, ByteView payload);

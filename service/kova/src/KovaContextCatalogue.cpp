@@ -127,9 +127,12 @@ namespace {
 
 constexpr auto kCatalogue = Catalogue::Entries();
 
-static_assert(std::ranges::all_of(kCatalogue, [](const Catalogue::Entry& entry) {
-  return std::ranges::count(kCatalogue, entry.message, &Catalogue::Entry::message) == 1;
-}));
+static_assert(std::ranges::all_of(kCatalogue,
+                                  [](const Catalogue::Entry& entry) {
+                                    return std::ranges::count(kCatalogue, entry.message,
+                                                              &Catalogue::Entry::message) == 1;
+                                  }),
+              "a type is listed twice");
 
 }  // namespace
 

@@ -160,13 +160,17 @@ constexpr auto kDispatch = Dispatch::Rows();
 static_assert(std::ranges::equal(kDispatch, std::views::iota(std::size_t{0}, kDispatch.size()), {},
                                  [](const Dispatch::Row& row) {
                                    return static_cast<std::size_t>(row.kind);
-                                 }));
+                                 }),
+              "a row for each kind, in the order of their numbers");
 // Every alternative that can come reaches a handler, but for 0, which carries no message.
-static_assert(std::ranges::all_of(
-    std::views::iota(std::size_t{1}, std::variant_size_v<orka::RadioNotificationData>),
-    [](std::size_t alternative) {
-      return std::ranges::count(kDispatch, alternative, &Dispatch::Row::alternative) > 0;
-    }));
+static_assert(
+    std::ranges::all_of(std::views::iota(std::size_t{1},
+                                         std::variant_size_v<orka::RadioNotificationData>),
+                        [](std::size_t alternative) {
+                          return std::ranges::count(kDispatch, alternative,
+                                                    &Dispatch::Row::alternative) > 0;
+                        }),
+    "no handler takes one of the payloads");
 
 }  // namespace
 

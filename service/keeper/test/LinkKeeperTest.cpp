@@ -1,0 +1,160 @@
+// What the keeper does about what it hears, in simulated time.
+#include "LinkKeeper.h"
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <string>
+
+namespace zelt {
+namespace {
+
+// A script has words: "ready", "gone" (Kova), "told:LINK", "LINK" (published), "on", "off", and a
+// number of seconds that pass. Run() gives the orders, each after the time when it was given; those
+// of one moment in one word: "0:start 1.5:stop+start".
+class Script {
+ public:
+  explicit Script(double jitter) { keeper_.SetJitter(jitter); }
+
+  std::string Run(const std::string& script) {
+    std::istringstream words(script);
+    for (std::string word; words >> word;) {
+      Link link{};
+      if (std::isdigit(word[0]) != 0) {
+        Pass(std::stod(word));
+      } else if (word == "ready" || word == "gone") {
+        Take(keeper_.OnKova(word == "ready"));
+      } else if (word == "on" || word == "off") {
+        Take(keeper_.OnSwitch(word == "on"));
+      } else if (word.starts_with("told:") && Kova::RtConnectionState_Parse(word.substr(5), &link)) {
+        Take(keeper_.OnTold(link));
+      } else if (Kova::RtConnectionState_Parse(word, &link)) {
+        Take(keeper_.OnPublished(link));
+      } else {
+        ADD_FAILURE() << "no such word: " << word;
+      }
+    }
+    return given_;
+  }
+
+  const LinkKeeper& Keeper() const { return keeper_; }
+
+ private:
+  using Link = LinkKeeper::Link;
+
+  void Pass(double seconds) {
+    const double end = now_ + seconds;
+    while (due_ && *due_ <= end) {
+      now_ = *std::exchange(due_, std::nullopt);
+      Take(keeper_.OnTimer());
+    }
+    now_ = end;
+  }
+
+  void Take(const LinkKeeper::Orders& orders) {
+    if (orders.timer) {
+      due_ = now_ + orders.timer->count();
+    }
+    if (orders.stop || orders.start) {
+      std::ostringstream text;
+      text << (given_.empty() ? "" : " ") << now_ << ":" << (orders.stop ? "stop" : "")
+           << (orders.stop && orders.start ? "+" : "") << (orders.start ? "start" : "");
+      given_ += text.str();
+    }
+  }
+
+  LinkKeeper keeper_;
+  double now_ = 0;
+  std::optional<double> due_;
+  std::string given_;
+};
+
+constexpr const char* kUp = "ready told:CONNECTED 5 ";
+constexpr const char* kRestart = "DISCONNECTED CONNECTING ";
+
+struct Case {
+  const char* what;
+  std::string script;
+  const char* orders;
+  LinkKeeper::State state = KeepLinkStatus::ON;
+};
+
+const Case kCases[] = {
+    {"starts once both is known", "told:DISCONNECTED 9 ready", "9:start"},
+    {"starts nothing before it knows the link", "ready 99", ""},
+    {"leaves a link alone that is on its way", "ready told:CONNECTING 99", ""},
+    {"restarts a lost link at once", kUp + std::string("CONNECTION_IS_LOST"), "5:stop+start"},
+    {"restarts what it finds lost", "ready told:HANDSHAKE_FAILED", "0:stop+start"},
+    {"leaves more and more time",
+     std::string("ready told:DISCONNECTED CONNECTING HANDSHAKE_FAILED 1 ") + kRestart +
+         "HANDSHAKE_FAILED 2 " + kRestart + "HANDSHAKE_FAILED 4",
+     "0:start 1:stop+start 3:stop+start 7:stop+start"},
+    {"tries again when a start is refused in silence", "ready told:DISCONNECTED 7.5",
+     "0:start 1:start 3:start 7:start"},
+    {"begins anew after a second up",
+     std::string(kUp) + "CONNECTION_IS_LOST " + kRestart + "CONNECTED 1 CONNECTION_IS_LOST",
+     "5:stop+start 6:stop+start"},
+    {"does not after less",
+     std::string(kUp) + "CONNECTION_IS_LOST " + kRestart + "CONNECTED 0.5 CONNECTION_IS_LOST 2",
+     "5:stop+start 6.5:stop+start"},
+    {"waits for an upgrade, then restarts",
+     std::string(kUp) + "CONNECTION_IS_LOST " + kRestart +
+         "HANDSHAKE_FAILED UPGRADE_IN_PROCESS 999 CONNECTION_IS_LOST 1",
+     "5:stop+start 1005:stop+start"},
+    {"holds when a tool stops it", std::string(kUp) + "DISCONNECTED 999", "",
+     KeepLinkStatus::HELD},
+    {"holds when a tool stops its attempts",
+     "ready told:DISCONNECTED CONNECTING HANDSHAKE_FAILED 0.5 DISCONNECTED 999", "0:start",
+     KeepLinkStatus::HELD},
+    {"holds over a restart of Kova", std::string(kUp) + "DISCONNECTED gone ready told:DISCONNECTED 9",
+     "", KeepLinkStatus::HELD},
+    {"keeps on when a tool starts it",
+     std::string(kUp) + "DISCONNECTED 9 CONNECTING CONNECTED 9 CONNECTION_IS_LOST", "23:stop+start"},
+    {"starts again when switched on", std::string(kUp) + "DISCONNECTED 9 on", "14:start"},
+    {"tries at once when switched on", "ready told:DISCONNECTED CONNECTING HANDSHAKE_FAILED 0.5 on",
+     "0:start 0.5:stop+start"},
+    {"does nothing when switched off",
+     std::string("off ") + kUp + "CONNECTION_IS_LOST DISCONNECTED gone ready told:DISCONNECTED 99",
+     "", KeepLinkStatus::OFF},
+    {"stops what it started while a tool stopped it",
+     "ready told:DISCONNECTED DISCONNECTED CONNECTING DISCONNECTED 99", "0:start 0:stop",
+     KeepLinkStatus::HELD},
+    {"and starts it when switched on at that moment",
+     "ready told:DISCONNECTED DISCONNECTED CONNECTING on DISCONNECTED", "0:start 0:stop 0:start"},
+    {"takes no later start for that one",
+     "ready told:DISCONNECTED 0.5 DISCONNECTED 2 CONNECTING 99", "0:start"},
+    {"takes Kova's end for no tool", std::string(kUp) + "gone DISCONNECTED gone ready told:DISCONNECTED",
+     "5:start"},
+    {"does not believe old news", std::string(kUp) + "told:DISCONNECTED 9", ""},
+};
+
+TEST(LinkKeeper, DoesWhatTheTableSays) {
+  for (const Case& row : kCases) {
+    SCOPED_TRACE(row.what);
+    Script script(0);
+    EXPECT_EQ(script.Run(row.script), row.orders);
+    EXPECT_EQ(script.Keeper().GetState(), row.state);
+  }
+}
+
+// Nobody listens where the radio was: each start fails at once.
+TEST(LinkKeeper, TriesAnHourForARadioThatIsAwayAndNotTooOften) {
+  for (const double jitter : {0.0, 1.0}) {
+    Script script(jitter);
+    script.Run(kUp + std::string("CONNECTION_IS_LOST"));
+    unsigned failed = 0;
+    for (double seconds = 0; seconds < 3600; seconds += 0.25) {
+      if (script.Keeper().Attempts() != failed) {
+        script.Run(std::string(kRestart) + "HANDSHAKE_FAILED");
+        failed = script.Keeper().Attempts();
+      }
+      script.Run("0.25");
+    }
+    EXPECT_LE(script.Keeper().Attempts(), 130U);
+    EXPECT_GE(script.Keeper().Attempts(), 3600U / 33);
+    EXPECT_EQ(script.Keeper().GetState(), KeepLinkStatus::ON);
+  }
+}
+
+}  // namespace
+}  // namespace zelt

@@ -5,7 +5,9 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <utility>
+#include <vector>
 
 namespace zelt {
 namespace {
@@ -156,11 +158,14 @@ KeepLinkStatus KeeperService::Status() const {
 }
 
 void KeeperService::PublishChange() {
-  auto status = Status().SerializeAsString();
-  if (status != published_) {
-    ipc_->PublishImpl(TypeName<KeepLinkStatus>(), status);
-    published_ = std::move(status);
+  const KeepLinkStatus status = Status();
+  if (status.state() != published_.state()) {
+    ZELT_LOG(kLogInfo, kCategory) << "The state is " << KeepLinkStatus::State_Name(status.state());
+  } else if (status.attempts() == published_.attempts()) {
+    return;
   }
+  ipc_->PublishImpl(TypeName<KeepLinkStatus>(), status.SerializeAsString());
+  published_ = status;
 }
 
 }  // namespace zelt

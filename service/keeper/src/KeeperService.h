@@ -10,9 +10,7 @@
 
 #include <memory>
 #include <random>
-#include <string>
 #include <string_view>
-#include <vector>
 
 namespace zelt {
 
@@ -46,7 +44,7 @@ class KeeperService : public MicroserviceIF {
   // Touched by the thread in DoRun alone.
   bool is_running_ = true;
   LinkKeeper keeper_;
-  std::string published_;
+  KeepLinkStatus published_;
   std::minstd_rand chance_{std::random_device{}()};
   AsyncCallbackHandle timer_;
   unsigned timer_number_ = 0;

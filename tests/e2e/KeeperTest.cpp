@@ -17,8 +17,8 @@ TEST(Keeper, BringsTheLinkBackAndLeavesItAloneWhenItWasStopped) {
     EXPECT_EQ(result.status, 0) << result.output;
     return result.output;
   };
-  // What the keeper says once it has heard all that Kova has told so far; what it then sent to Kova,
-  // Kova has taken.
+  // What the keeper says once it has heard all that Kova has told so far. What it sent to Kova
+  // because of that, Kova has taken.
   const auto settled = [&] {
     tool({"link", "status"});
     std::string said = tool({"link", "keep", "status"});

@@ -91,8 +91,7 @@ void KeeperService::DoDie() {
 void KeeperService::HearLink(std::string_view payload,
                              LinkKeeper::Orders (LinkKeeper::*event)(LinkKeeper::Link)) {
   if (const auto status = Parse<Kova::RTConnectionStatus>(payload)) {
-    tasks_.PushAlways(
-        [this, event, link = status->status()] { CarryOut((keeper_.*event)(link)); });
+    tasks_.PushAlways([this, event, link = status->status()] { CarryOut((keeper_.*event)(link)); });
   }
 }
 

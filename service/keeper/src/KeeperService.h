@@ -28,7 +28,8 @@ class KeeperService : public MicroserviceIF {
  private:
   using Envelope = ServiceIPC::MessageEnvelope;
 
-  void HearLink(std::string_view payload, LinkKeeper::Orders (LinkKeeper::*event)(LinkKeeper::Link));
+  void HearLink(std::string_view payload,
+                LinkKeeper::Orders (LinkKeeper::*event)(LinkKeeper::Link));
   void HearRequest(const Envelope& envelope, std::string_view payload);
   void Answer(const Envelope& envelope, KeepLinkRequest::Action action);
 

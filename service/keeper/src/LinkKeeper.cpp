@@ -8,8 +8,8 @@ namespace {
 
 constexpr LinkKeeper::Seconds kFirstDelay{1};
 constexpr LinkKeeper::Seconds kLongestDelay{30};
-constexpr double kJitter = 0.1;             // of the delay
-constexpr LinkKeeper::Seconds kSettled{1};  // a link that is lost sooner was none
+constexpr double kJitter = 0.1;              // of the delay
+constexpr LinkKeeper::Seconds kSettled{1};   // a link that is lost sooner was none
 constexpr LinkKeeper::Seconds kOnItsWay{1};  // an order; Kova takes one in far less
 
 }  // namespace

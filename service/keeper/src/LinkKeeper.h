@@ -28,8 +28,8 @@ class LinkKeeper {
 
   // To be carried out in this order.
   struct Orders {
-    bool stop = false;             // send Kova STOP
-    bool start = false;            // send Kova START
+    bool stop = false;               // send Kova STOP
+    bool start = false;              // send Kova START
     std::optional<Seconds> timer{};  // call OnTimer after so long, in place of any earlier one
   };
 

@@ -154,8 +154,8 @@ void LinkKeep(const Cli& cli) {
     text = "on: the link is kept up" +
            (attempts > 0 ? ", attempt " + std::to_string(attempts) : std::string());
   }
-  cli.output.Result(text, JsonObject().Add("state", text.substr(0, text.find(':')))
-                              .Add("attempts", attempts));
+  cli.output.Result(
+      text, JsonObject().Add("state", text.substr(0, text.find(':'))).Add("attempts", attempts));
 }
 
 std::string LinkState(const Cli& cli) {

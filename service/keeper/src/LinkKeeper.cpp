@@ -101,7 +101,7 @@ LinkKeeper::Orders LinkKeeper::Look() {
 
 LinkKeeper::Orders LinkKeeper::Try() {
   ++attempts_;
-  own_stop_ = *link_ != Kova::DISCONNECTED;
+  own_stop_ = link_ != Kova::DISCONNECTED;
   own_start_ = true;
   // Kova publishes nothing of a start that it refuses, be it that the port is not there.
   awaits_ = Awaits::NextTry;
@@ -133,7 +133,7 @@ LinkKeeper::Orders LinkKeeper::Started() {
   }
   if (was_own) {  // on its way when somebody else stopped the link
     own_stop_ = true;
-    return {.stop = true};
+    return {.stop = true, .start = false, .timer = {}};
   }
   state_ = KeepLinkStatus::ON;
   return {};

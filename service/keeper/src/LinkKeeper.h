@@ -28,9 +28,9 @@ class LinkKeeper {
 
   // To be carried out in this order.
   struct Orders {
-    bool stop = false;               // send Kova STOP
-    bool start = false;              // send Kova START
-    std::optional<Seconds> timer{};  // call OnTimer after so long, in place of any earlier one
+    bool stop = false;             // send Kova STOP
+    bool start = false;            // send Kova START
+    std::optional<Seconds> timer;  // call OnTimer after so long, in place of any earlier one
   };
 
   // The state of the service Kova has changed.

@@ -2,6 +2,7 @@
 #
 #   kova          the service, its unit, user, bus policy and serial port
 #   zelt-config   Config, and what all services of the camera share: their groups and bus policy
+#   zelt-keeper   the service that keeps the link up, its unit and user
 #   zelt-tools    zeltcli, radiosim
 #   libzelt-dev   what services are built with
 #
@@ -12,7 +13,7 @@ include(CMakePackageConfigHelpers)
 
 set(KOVA_PACKAGE_REVISION 1 CACHE STRING "Debian revision of the packages")
 set(packaging "${PROJECT_SOURCE_DIR}/packaging")
-set(packages kova zelt-config zelt-tools libzelt-dev)
+set(packages kova zelt-config zelt-keeper zelt-tools libzelt-dev)
 
 # kova_install_files(COMPONENT DIRECTORY FILE [NAME]): FILE from packaging/COMPONENT.
 function(kova_install_file component directory file)
@@ -24,14 +25,15 @@ function(kova_install_file component directory file)
     COMPONENT ${component})
 endfunction()
 
-# --- kova, zelt-config -----------------------------------------------------------------------------
+# --- kova, zelt-config, zelt-keeper ----------------------------------------------------------------
 
-install(TARGETS kova RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT kova)
-install(TARGETS zelt-config RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT zelt-config)
-foreach(service kova zelt-config)
+foreach(service kova zelt-config zelt-keeper)
+  install(TARGETS ${service} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT ${service})
   kova_install_file(${service} lib/systemd/system ${service}.service)
   kova_install_file(${service} lib/sysusers.d ${service}.sysusers ${service}.conf)
-  kova_install_file(${service} lib/tmpfiles.d ${service}.tmpfiles ${service}.conf)
+  if(EXISTS ${packaging}/${service}/${service}.tmpfiles)
+    kova_install_file(${service} lib/tmpfiles.d ${service}.tmpfiles ${service}.conf)
+  endif()
   kova_install_file(${service} ${CMAKE_INSTALL_MANDIR}/man8 ${service}.8)
 endforeach()
 kova_install_file(kova ${CMAKE_INSTALL_DATADIR}/dbus-1/system.d zelt.service.Kova.conf)
@@ -166,6 +168,12 @@ kova_package(zelt-config SECTION misc
 The service Config publishes the configuration of the camera to its other
 services. With it comes what these share: their groups, and who may do what
 on the bus.")
+kova_package(zelt-keeper SECTION misc
+  DEPENDS "kova (>= ${PROJECT_VERSION}), systemd"
+  SUGGESTS "zelt-tools"
+  DESCRIPTION "keeps a camera's link to its radio up
+The service Keeper starts the link once Kova is ready, and again after a loss
+or a failed handshake. A link that was stopped on purpose it leaves alone.")
 kova_package(zelt-tools SECTION utils
   SUGGESTS "kova, bash-completion"
   DESCRIPTION "tools for the services of a camera

@@ -68,6 +68,9 @@ stack_kova() {
   stack_wait 15 'Kova to be ready' stack_ready
 }
 
+# Keeps the link up from now on.
+stack_keeper() { stack_spawn keeper "$BIN/zelt-keeper"; }
+
 stack_ready() { [ "$("$BIN/kova" --get-state)" = READY ]; }
 
 stack_start() {

@@ -53,11 +53,12 @@ void Print(const Cli& cli, Session& session) {
   }
 }
 
-// What Kova publishes is taken from Kova alone; whoever wants to see all sees who sent it.
+// What Kova and Keeper publish is taken from them alone; whoever wants to see all sees who sent it.
 void Follow(const Cli& cli, const std::string& topic) {
   const bool is_kovas = std::ranges::find(kTopicsOfKova, topic) != kTopicsOfKova.end();
+  const char* const other = topic == kKeepStatus ? kKeeper : "";
   Session session;
-  session.Subscribe(topic, is_kovas ? kKova : "");
+  session.Subscribe(topic, is_kovas ? kKova : other);
   cli.output.Notice("subscribed to " + (topic.empty() ? "everything" : topic));
   Print(cli, session);
 }

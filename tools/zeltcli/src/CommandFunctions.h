@@ -11,6 +11,8 @@ namespace zelt::cli {
 
 inline constexpr const char* kKova = "Kova";
 inline constexpr const char* kLinkStatus = "Kova.RTConnectionStatus";
+inline constexpr const char* kKeeper = "Keeper";
+inline constexpr const char* kKeepStatus = "zelt.KeepLinkStatus";
 
 // When waiting ends, and how long an answer may take, as the command line or the command says.
 Clock::time_point Deadline(const Cli& cli);
@@ -38,6 +40,7 @@ void PushFirmware(const Cli& cli);
 void LinkStatus(const Cli& cli);
 void LinkUp(const Cli& cli);
 void LinkDown(const Cli& cli);
+void LinkKeep(const Cli& cli);
 // Its state by name; empty when Kova does not tell it within a second.
 std::string LinkState(const Cli& cli);
 // Nothing reaches the radio until the next `link up`.

@@ -51,6 +51,13 @@ constexpr auto kCommands = std::to_array<Command>({
     {"link status", "The state of the link to the radio", 5, nullptr, LinkStatus},
     {"link up", "Start the link and wait until it is up", 40, nullptr, LinkUp},
     {"link down", "Stop the link", 10, nullptr, LinkDown},
+    {"link keep", "Whether the keeper keeps the link up", 5,
+     [](CLI::App& app, Arguments& arguments) {
+       app.add_option("SWITCH", arguments.name, "on, off or status")
+           ->required()
+           ->check(CLI::IsMember({"on", "off", "status"}));
+     },
+     LinkKeep},
     {"link watch", "Print every state of the link", 0, CountOption, LinkWatch},
     {"socket set", "Reach the radio over the network", 5,
      [](CLI::App& app, Arguments& arguments) {

@@ -72,6 +72,9 @@ std::vector<std::string> CandidatesFor(const std::string& argument, std::string_
   if (argument == "ACTION") {
     return VideoActions(types);
   }
+  if (argument == "SWITCH") {
+    return {"off", "on", "status"};
+  }
   if (argument == "SHELL") {
     return {"bash", "zsh"};
   }

@@ -2,6 +2,7 @@
 #include "Session.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstdint>
 #include <initializer_list>
 #include <optional>
@@ -129,6 +130,32 @@ void LinkDown(const Cli& cli) {
   Link link(cli);
   link.Order("STOP");
   link.Result(link.WaitFor({"DISCONNECTED"}, link.Ask()));
+}
+
+void LinkKeep(const Cli& cli) {
+  std::string action = cli.arguments.name;
+  std::ranges::transform(action, action.begin(), [](unsigned char c) { return std::toupper(c); });
+  StateOf(kKeeper, kStateTimeout);
+  Session session;
+  const auto request = cli.types.FromJson(cli.types.Find("zelt.KeepLinkRequest"),
+                                          JsonObject().Add("action", action).Str());
+  const Incoming answer =
+      session.Request(kKeeper, request.Type(), request.Bytes(), AnswerTime(cli));
+  const auto status = cli.types.Parse(kKeepStatus, answer.payload);
+  if (answer.type != kKeepStatus || !status) {
+    throw CliError(Exit::Failed, "Keeper answered something else", "");
+  }
+  const std::int64_t state = status->Number("state");
+  const std::int64_t attempts = status->Number("attempts");
+  std::string text = "off: the link is left as it is";
+  if (state == 1) {
+    text = "held: the link was stopped on purpose, and stays down until it is started";
+  } else if (state == 2) {
+    text = "on: the link is kept up" +
+           (attempts > 0 ? ", attempt " + std::to_string(attempts) : std::string());
+  }
+  cli.output.Result(
+      text, JsonObject().Add("state", text.substr(0, text.find(':'))).Add("attempts", attempts));
 }
 
 std::string LinkState(const Cli& cli) {

@@ -189,7 +189,8 @@ TEST(CompletionTest, CandidatesFitThePlace) {
     return Completions(*app, words);
   };
   EXPECT_THAT(complete({"li"}), ElementsAre("link", "listen"));
-  EXPECT_THAT(complete({"link", ""}), ElementsAre("down", "status", "up", "watch"));
+  EXPECT_THAT(complete({"link", ""}), ElementsAre("down", "keep", "status", "up", "watch"));
+  EXPECT_THAT(complete({"link", "keep", "o"}), ElementsAre("off", "on"));
   EXPECT_THAT(complete({"--timeout", "5", "video", "sn"}), ElementsAre("snapshot"));
   EXPECT_THAT(complete({"--timeout", ""}), IsEmpty());
   EXPECT_THAT(complete({"send", "Kova", "Kova.SetS"}), ElementsAre("Kova.SetSocketParams"));

@@ -133,9 +133,9 @@ class KovaContext {
 
   // With link_mutex held.
   void RegisterRadioProtocolCallback();
-  void SetConnectionState(const char* function, RtConnectionState state);
-  void UpdateConnectionStatus(RtConnectionState state);
-  void PublishKovaConnectionStatus(RtConnectionState state);
+  void SetConnectionState(const char* function, RtConnectionState status);
+  void UpdateConnectionStatus(RtConnectionState status);
+  void PublishKovaConnectionStatus(RtConnectionState status);
 
   // --- Queries whose answer goes to the one who asked ------------------------------------------
   Sent SendRtVersionRequest(const MessageEnvelope& envelope, const Kova::RtVersionMsg& message);

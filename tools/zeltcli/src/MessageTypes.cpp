@@ -106,7 +106,8 @@ CliError Explain(const pb::Descriptor& type, std::string text) {
   if (first < last && text.ends_with('^')) {
     const std::size_t mark = text.size() - last - 2;  // blanks in front of it
     const std::string rest = text.substr(std::min(first + 1 + mark, last), last - first - 1 - mark);
-    text = text.substr(0, first) + (rest.empty() ? " Here: the end." : " Here: " + rest);
+    text.resize(first);
+    text += rest.empty() ? " Here: the end." : " Here: " + rest;
   }
   std::ranges::replace(text, '\n', ' ');
   return DoesNotFit(type, text, {});

@@ -35,7 +35,6 @@ namespace {
 using namespace std::string_literals;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
-using ::testing::HasSubstr;
 using ::testing::MatchesRegex;
 
 constexpr std::uint32_t kCategory = 0x800A;
@@ -57,14 +56,14 @@ TEST(LoggerTest, LineTellsWhenAndWhereAndItsTextCannotFakeAnotherOrSteerTheTermi
   EXPECT_THAT(Written("a"),
               MatchesRegex("....-..-.. ..:..:..\\.... I ko\\\\nva 0x800A Handle: a\n"));
   const std::vector<std::pair<std::string, std::string>> rows = {
-      {"a\nE kova\r\t\x1b[2J\x7f\0b"s, "a\\nE kova\\r\\t\\x1b[2J\\x7f\\x00b"},
+      {"a\nE kova\r\t\x1b[2J\x7f\0b"s, R"(a\nE kova\r\t\x1b[2J\x7f\x00b)"},
       {"\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xB7 %s {}",
        "\xC3\xA9 \xE2\x82\xAC \xF0\x9F\x93\xB7 %s {}"},
-      {"C1 \xC2\x9B", "C1 \\xc2\\x9b"},
-      {"alone \xA9, cut \xE2\x82", "alone \\xa9, cut \\xe2\\x82"},
-      {"too long \xC0\xAF \xE0\x80\xAF", "too long \\xc0\\xaf \\xe0\\x80\\xaf"},
-      {"surrogate \xED\xA0\x80", "surrogate \\xed\\xa0\\x80"},
-      {"too large \xF4\x90\x80\x80 \xFF", "too large \\xf4\\x90\\x80\\x80 \\xff"}};
+      {"C1 \xC2\x9B", R"(C1 \xc2\x9b)"},
+      {"alone \xA9, cut \xE2\x82", R"(alone \xa9, cut \xe2\x82)"},
+      {"too long \xC0\xAF \xE0\x80\xAF", R"(too long \xc0\xaf \xe0\x80\xaf)"},
+      {"surrogate \xED\xA0\x80", R"(surrogate \xed\xa0\x80)"},
+      {"too large \xF4\x90\x80\x80 \xFF", R"(too large \xf4\x90\x80\x80 \xff)"}};
   for (const auto& [text, shown] : rows) {
     EXPECT_THAT(Written(text), EndsWith("Handle: " + shown + "\n"));
   }

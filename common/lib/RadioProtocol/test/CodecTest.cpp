@@ -129,11 +129,11 @@ TEST(Conversions, EverySubscriptionIsToSomethingThatTheRadioSends) {
 // ------------------------------------------------------------------------------------------------
 // Bodies.
 
-template <class Union, std::size_t... Index>
-Union Default(std::size_t index, std::index_sequence<Index...> /*alternatives*/) {
+template <class Union, std::size_t... indices>
+Union Default(std::size_t index, std::index_sequence<indices...> /*alternatives*/) {
   using Make = Union (*)();
-  static constexpr std::array<Make, sizeof...(Index)> kMakers = {
-      [] { return Union(std::in_place_index<Index>); }...};
+  static constexpr std::array<Make, sizeof...(indices)> kMakers = {
+      [] { return Union(std::in_place_index<indices>); }...};
   return kMakers.at(index)();
 }
 template <class Union>
@@ -213,13 +213,18 @@ Kova::GattConfigMsg GattGet(std::vector<int> names) {
 // As the oneof's case that has properties.
 Kova::GattConfigMsg Gatt(int message_case, const std::vector<int>& names) {
   Kova::GattConfigMsg message;
-  auto& properties = message_case == Kova::GattConfigMsg::kSetRequest
-                         ? *message.mutable_set_request()->mutable_properties()
-                     : message_case == Kova::GattConfigMsg::kBroadcast
-                         ? *message.mutable_broadcast()->mutable_properties()
-                         : *message.mutable_get_response()->mutable_properties();
+  const auto properties = [&]() -> auto& {
+    switch (message_case) {
+      case Kova::GattConfigMsg::kSetRequest:
+        return *message.mutable_set_request()->mutable_properties();
+      case Kova::GattConfigMsg::kBroadcast:
+        return *message.mutable_broadcast()->mutable_properties();
+      default:
+        return *message.mutable_get_response()->mutable_properties();
+    }
+  };
   for (const int name : names) {
-    auto& property = *properties.Add();
+    auto& property = *properties().Add();
     property.set_name(static_cast<Kova::GattConfigPropertyName>(name));
     property.set_value(std::to_string(properties.size()));
   }
@@ -374,7 +379,7 @@ TEST(Codec, CodesComeAsNamesAndWhatNoTableKnowsAsItIs) {
 std::string BodyWith(const TextField& field, std::string text) {
   for (std::size_t depth = field.path.size(); depth-- > 0;) {
     if (field.path[depth] != 0) {
-      const std::string head = {static_cast<char>(field.path[depth] << 3U | 2U),
+      const std::string head = {static_cast<char>(unsigned{field.path[depth]} << 3U | 2U),
                                 static_cast<char>(text.size())};
       text.insert(0, head);
     }

@@ -138,7 +138,7 @@ TEST_F(LinkTest, WhatIsTakenArrivesAlsoWhenTheRadioDoesNotReadForAWhile) {
     EXPECT_EQ(protocol_.SendToRadio(Kova::RtVersionRequest(), 0), SendResult::Sent);
     EXPECT_TRUE(radio_.Next(Kind::Request));
   }
-  while (protocol_.GetSendRoom() != 256 * 1024) {  // until the deadline of the test
+  while (protocol_.GetSendRoom() != std::size_t{256} * 1024) {  // until the deadline of the test
     std::this_thread::yield();
   }
 }

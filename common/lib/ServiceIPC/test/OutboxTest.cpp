@@ -21,7 +21,10 @@ class OutboxTest : public testing::Test {
     letter.id = ++id_;
     const auto put = outbox_.Put(connection, has_name, letter);
     EXPECT_EQ(letter.type.empty(), put.has_value()) << "a refused letter is untouched";
-    return put ? (*put ? "go" : "wait") : put.error().error;
+    if (!put) {
+      return put.error().error;
+    }
+    return *put ? "go" : "wait";
   }
   std::string Publish(const std::string& topic, std::size_t size = 0) {
     Broadcast broadcast{topic, std::string(size, 'x'), std::nullopt};

@@ -92,8 +92,9 @@ function(kova_program name)
 endfunction()
 
 # kova_test(NAME ServiceIPC GROUP unit SOURCES ... LINK ... [TIMEOUT seconds])
-# One GoogleTest program, one CTest entry a test case. GROUP is the CTest label: "unit" for what
-# needs no other process, "e2e" for real processes, "long" for what takes more than a few seconds.
+# One GoogleTest program, one CTest entry a test case. GROUP is the CTest label: "unit" for
+# one library or program, some on a bus of its own; "e2e" for real processes; "long" for what takes
+# more than a few seconds.
 function(kova_test)
   if(NOT KOVA_TESTS)
     return()

@@ -54,7 +54,7 @@ constexpr bool IsTopic() {
 
 // Every handler of the service, and all that they share. What they remember is one value, `state`.
 //
-// The IPC threads, the timers and the radio thread only push tasks onto the queue; the service
+// The IPC thread, the timers and the radio thread only push tasks onto the queue; the service
 // thread, which drains it, is the only one that runs handlers and touches the state below, so none
 // of it is locked. What more threads touch stands first, each with its lock.
 //

@@ -40,7 +40,7 @@ __attribute__((constructor)) void OpenCount() {
 
 // The C library's own, under the names that it gives them for this purpose; its names of parameters
 // are reserved ones, too.
-// NOLINTBEGIN(bugprone-reserved-identifier,readability-inconsistent-declaration-parameter-name)
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-inconsistent-declaration-parameter-name,readability-identifier-naming)
 extern "C" {
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
@@ -69,4 +69,4 @@ int posix_memalign(void** place, std::size_t alignment, std::size_t size) {
   return *place == nullptr ? ENOMEM : 0;
 }
 }
-// NOLINTEND(bugprone-reserved-identifier,readability-inconsistent-declaration-parameter-name)
+// NOLINTEND(bugprone-reserved-identifier,readability-inconsistent-declaration-parameter-name,readability-identifier-naming)

@@ -29,7 +29,7 @@ namespace {
 constexpr std::int64_t kKeepAliveAfter = 800'000'000;
 constexpr int kLookAgainMs = 200;
 constexpr std::int64_t kCountEvery = 8;
-enum LinkControl : std::uint8_t { kHello = 1, kHelloAnswer = 2, kKeepAlive = 3, kGoodbye = 4 };
+enum LinkControl : std::uint8_t { Hello = 1, HelloAnswer = 2, KeepAlive = 3, Goodbye = 4 };
 
 class Radio {
  public:
@@ -104,7 +104,7 @@ class Radio {
       line_ = std::make_unique<Stream>(Accept(listener_.Get(), true));
     }
     if (greeted_ && line_ && Now() - last_sent_ > kKeepAliveAfter) {
-      Put({FrameKind::LinkControl}, kKeepAlive, "");
+      Put({FrameKind::LinkControl}, KeepAlive, "");
       Flush();
     }
     return commands != nullptr && watched.front().revents != 0 && !commands->Serve();
@@ -127,7 +127,7 @@ class Radio {
   // False when the camera leaves.
   bool Handle(const Incoming& message) {
     if (message.header.kind == FrameKind::LinkControl) {
-      if (message.opcode == kHello) {
+      if (message.opcode == Hello) {
         greeted_ = true;
         Bytes body;
         Put16(body, 1);  // protocol version
@@ -136,9 +136,9 @@ class Radio {
         Put16(body, 5);
         body += "bench";
         body += '\0';  // no descriptors
-        Put({FrameKind::LinkControl}, kHelloAnswer, body);
+        Put({FrameKind::LinkControl}, HelloAnswer, body);
       }
-      return message.opcode != kGoodbye;
+      return message.opcode != Goodbye;
     }
     switch (message.opcode) {
       case opcode::kRelayedUp:

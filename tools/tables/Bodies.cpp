@@ -105,7 +105,7 @@ std::string Bodies() {
   ForEachBody([&rows](const pb::Descriptor& type) { Add(rows, type); });
   std::string table = "| Message or enumeration | Fields, or values |\n|---|---|\n";
   for (const auto& [name, content] : rows) {
-    table += "| " + name + " |" + content + " |\n";
+    table.append("| ").append(name).append(" |").append(content).append(" |\n");
   }
   return table;
 }

@@ -25,9 +25,9 @@ constexpr std::size_t kMaxTold = 20;
 constexpr std::size_t kMaxQuoted = 80;  // bytes
 constexpr std::array<std::string_view, 3> kTetheredModes = {"automatic", "never", "always"};
 
-template <std::size_t Size>
-std::string_view TextOf(const std::array<char, Size>& field) {
-  return {field.data(), strnlen(field.data(), Size)};
+template <std::size_t size>
+std::string_view TextOf(const std::array<char, size>& field) {
+  return {field.data(), strnlen(field.data(), size)};
 }
 
 bool HasControl(std::string_view text) {
@@ -116,13 +116,13 @@ class Checker {
     Problem(node.source().begin.line, text.str());
   }
 
-  template <std::size_t Size>
+  template <std::size_t size>
   bool Text(std::string_view key, const toml::node& node, std::size_t least,
-            std::array<char, Size>& field) {
+            std::array<char, size>& field) {
     const auto value = node.value_exact<std::string>();
-    if (!value || value->size() < least || value->size() >= Size || HasControl(*value)) {
+    if (!value || value->size() < least || value->size() >= size || HasControl(*value)) {
       Expected(key, node,
-               "a text of " + std::to_string(least) + " to " + std::to_string(Size - 1) +
+               "a text of " + std::to_string(least) + " to " + std::to_string(size - 1) +
                    " bytes without control characters");
       return false;
     }

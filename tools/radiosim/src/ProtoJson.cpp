@@ -188,14 +188,14 @@ bool AnyFromJson(std::string_view text, T& held, std::string& error) {
   }
 }
 
-template <std::size_t... Index>
-bool AlternativeFromJson(std::index_sequence<Index...> /*alternatives*/, std::size_t index,
+template <std::size_t... indices>
+bool AlternativeFromJson(std::index_sequence<indices...> /*alternatives*/, std::size_t index,
                          std::string_view json, orka::RadioNotificationData& data,
                          std::string& error) {
   using Parser = bool (*)(std::string_view, orka::RadioNotificationData&, std::string&);
-  static constexpr std::array<Parser, sizeof...(Index)> kParsers = {
+  static constexpr std::array<Parser, sizeof...(indices)> kParsers = {
       [](std::string_view text, orka::RadioNotificationData& into, std::string& why) {
-        return AnyFromJson(text, into.emplace<Index>(), why);
+        return AnyFromJson(text, into.emplace<indices>(), why);
       }...};
   return kParsers[index](json, data, error);
 }

@@ -92,7 +92,7 @@ class Output {
     }
   }
 
-  std::string Take() { return std::move(text_); }
+  std::string Take() { return std::exchange(text_, {}); }
 
  private:
   FileDescriptor read_;

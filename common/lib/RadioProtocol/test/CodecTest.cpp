@@ -213,7 +213,7 @@ Kova::GattConfigMsg GattGet(std::vector<int> names) {
 // As the oneof's case that has properties.
 Kova::GattConfigMsg Gatt(int message_case, const std::vector<int>& names) {
   Kova::GattConfigMsg message;
-  const auto properties = [&]() -> auto& {
+  const auto find = [&]() -> auto& {
     switch (message_case) {
       case Kova::GattConfigMsg::kSetRequest:
         return *message.mutable_set_request()->mutable_properties();
@@ -223,8 +223,9 @@ Kova::GattConfigMsg Gatt(int message_case, const std::vector<int>& names) {
         return *message.mutable_get_response()->mutable_properties();
     }
   };
+  auto& properties = find();
   for (const int name : names) {
-    auto& property = *properties().Add();
+    auto& property = *properties.Add();
     property.set_name(static_cast<Kova::GattConfigPropertyName>(name));
     property.set_value(std::to_string(properties.size()));
   }

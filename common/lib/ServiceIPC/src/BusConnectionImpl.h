@@ -83,9 +83,9 @@ class BusConnectionImpl final : public BusConnection,
   int OnNameOwnerChanged(sd_bus_message* message);
   int OnPropertiesChanged(sd_bus_message* message);
   int OnDisconnected(sd_bus_message* message);
-  template <int (BusConnectionImpl::*Handler)(sd_bus_message*)>
+  template <int (BusConnectionImpl::*handler)(sd_bus_message*)>
   static int Entry(sd_bus_message* message, void* self, sd_bus_error*) noexcept {
-    return (static_cast<BusConnectionImpl*>(self)->*Handler)(message);
+    return (static_cast<BusConnectionImpl*>(self)->*handler)(message);
   }
 
   // constant after construction

@@ -53,11 +53,11 @@ class BusObject {
 
   int OnSend(sd_bus_message* message, sd_bus_error* error);
   int OnRespond(sd_bus_message* message, sd_bus_error* error);
-  int OnAnyCall(sd_bus_message* message, sd_bus_error* error);
+  int OnAnyCall(sd_bus_message* call, sd_bus_error* error);
 
-  template <int (BusObject::*Handler)(sd_bus_message*, sd_bus_error*)>
+  template <int (BusObject::*handler)(sd_bus_message*, sd_bus_error*)>
   static int Entry(sd_bus_message* message, void* self, sd_bus_error* error) noexcept {
-    return (static_cast<BusObject*>(self)->*Handler)(message, error);
+    return (static_cast<BusObject*>(self)->*handler)(message, error);
   }
   static int OnUser(sd_bus_message* reply, void* change, sd_bus_error* error) noexcept;
   static int GetState(sd_bus*, const char* path, const char* interface, const char* property,

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <future>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 namespace zelt {
@@ -44,10 +45,13 @@ service_state::State ServiceModelImpl::GetServiceState(std::string_view service,
 
 void ServiceModelImpl::SetMyServiceState(service_state::State state) {
   connection_->SetState(static_cast<std::uint32_t>(state));
-  const char* const change = state == service_state::State::Ready      ? "READY=1\n"
-                             : state == service_state::State::Stopping ? "STOPPING=1\n"
-                                                                       : "";
-  sd_notify(0, (change + ("STATUS=" + GetServiceStateString(state))).c_str());
+  std::string change = "STATUS=" + GetServiceStateString(state);
+  if (state == service_state::State::Ready) {
+    change += "\nREADY=1";
+  } else if (state == service_state::State::Stopping) {
+    change += "\nSTOPPING=1";
+  }
+  sd_notify(0, change.c_str());
 }
 
 AsyncCallbackHandle ServiceModelImpl::AddWatchdog(UniqueFunction<void(AliveFunction alive)> ask) {

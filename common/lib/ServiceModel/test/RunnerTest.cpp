@@ -196,7 +196,7 @@ TEST_F(RunnerTest, SupervisorIsToldWhenTheServiceIsReadyGoesOnAndStops) {
   unsetenv("WATCHDOG_USEC");
   EXPECT_EQ(next(), "STATUS=STARTING");
   EXPECT_EQ(next(), "STATUS=INITIALIZING");
-  EXPECT_EQ(next(), "READY=1\nSTATUS=READY");
+  EXPECT_EQ(next(), "STATUS=READY\nREADY=1");
   EXPECT_EQ(next(), "WATCHDOG=1");
   EXPECT_EQ(next(), "WATCHDOG=1");
   service_->Signal(SIGTERM);
@@ -204,7 +204,7 @@ TEST_F(RunnerTest, SupervisorIsToldWhenTheServiceIsReadyGoesOnAndStops) {
   while (text == "WATCHDOG=1") {
     text = next();
   }
-  EXPECT_EQ(text, "STOPPING=1\nSTATUS=STOPPING");
+  EXPECT_EQ(text, "STATUS=STOPPING\nSTOPPING=1");
   EXPECT_EQ(service_->Wait(), 0);
 }
 

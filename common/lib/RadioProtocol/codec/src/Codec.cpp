@@ -315,11 +315,11 @@ Encoded Encode(const MessageRow& row, const Union& message, ByteView chunk) {
 template <class Union>
 using TakeInto = bool (*)(ByteView body, Union& message, Bytes& chunk, Outcome& outcome);
 
-template <class Union, std::size_t... Index>
-constexpr auto MakeTakers(std::index_sequence<Index...> /*alternatives*/) {
-  return std::array<TakeInto<Union>, sizeof...(Index)>{
+template <class Union, std::size_t... indices>
+constexpr auto MakeTakers(std::index_sequence<indices...> /*alternatives*/) {
+  return std::array<TakeInto<Union>, sizeof...(indices)>{
       [](ByteView body, Union& message, Bytes& chunk, Outcome& outcome) {
-        return Take(body, message.template emplace<Index>(), chunk, outcome);
+        return Take(body, message.template emplace<indices>(), chunk, outcome);
       }...};
 }
 

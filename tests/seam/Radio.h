@@ -60,6 +60,7 @@ struct BaseMessage {
 };
 }  // namespace pel
 
+inline constexpr std::uint64_t kFileHandleFailed = 0x0111849C;
 struct FileHandleRespWrapper {
   std::uint16_t handle_id = 0;
   std::uint64_t status = 0;

@@ -79,6 +79,9 @@ TEST_F(SerialTest, LineIsExclusiveAndNoticesTheCableGoing) {
 }
 
 // The device is opened, and then there is no descriptor left for the link.
+// The sanitizer of undefined behaviour opens a pipe to look whether memory can be read, and takes
+// an object for none when there is no descriptor left.
+#ifndef __SANITIZE_ADDRESS__
 TEST_F(SerialTest, StartThatFailsHalfwayLeavesTheDeviceFree) {
   rlimit before{};
   ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &before), 0);
@@ -93,6 +96,7 @@ TEST_F(SerialTest, StartThatFailsHalfwayLeavesTheDeviceFree) {
   RadioProtocol other(nullptr, "", "");
   EXPECT_TRUE(other.StartUart(Settings(), 0, 20));
 }
+#endif
 
 }  // namespace
 }  // namespace orka::test

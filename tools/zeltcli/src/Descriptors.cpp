@@ -3,9 +3,13 @@
 #include <cstddef>
 
 // The assembler copies the file in: nothing to generate, and nothing to install beside the tool.
+// The names are global, though hidden: of two local ones in a section, the linker for ARM64 makes
+// one entry of its table of addresses.
 asm(R"(
   .pushsection .rodata
   .balign 16
+  .globl kova_descriptors_begin, kova_descriptors_end
+  .hidden kova_descriptors_begin, kova_descriptors_end
   .type kova_descriptors_begin, %object
 kova_descriptors_begin:
   .incbin ")" KOVA_DESCRIPTOR_SET R"("

@@ -17,6 +17,8 @@
 
 // The definitions as protoc wrote them, put into the program by the assembler.
 asm(".pushsection .rodata\n"
+    ".globl radiosim_definitions_begin, radiosim_definitions_end\n"
+    ".hidden radiosim_definitions_begin, radiosim_definitions_end\n"
     "radiosim_definitions_begin: .incbin \"" RADIOSIM_DEFINITIONS
     "\"\n"
     "radiosim_definitions_end:\n"

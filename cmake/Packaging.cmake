@@ -3,7 +3,7 @@
 #   kova          the service, its unit, user, bus policy and serial port
 #   zelt-config   Config, and what all services of the camera share: their groups and bus policy
 #   zelt-keeper   the service that keeps the link up, its unit and user
-#   zelt-tools    zeltcli, radiosim
+#   zelt-tools    zeltcli, radiosim, zelt-testbed
 #   libzelt-dev   what services are built with
 #
 # scripts/package makes them.
@@ -46,16 +46,18 @@ install(FILES service/config/config.toml DESTINATION ${CMAKE_INSTALL_FULL_SYSCON
 
 # A tool that is not built yet adds its target here, its manual page and, if it has one, its
 # completion below.
-foreach(tool zeltcli radiosim kova-replay)
+foreach(tool zeltcli radiosim zelt-testbed kova-replay)
   if(TARGET ${tool})
     install(TARGETS ${tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT zelt-tools)
   endif()
 endforeach()
 install(FILES tools/zeltcli/zeltcli.1 packaging/zelt-tools/radiosim.1
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT zelt-tools)
-kova_install_file(zelt-tools ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
-  zeltcli.bash-completion zeltcli)
-kova_install_file(zelt-tools ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions _zeltcli)
+  packaging/zelt-tools/zelt-testbed.1 DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT zelt-tools)
+foreach(tool zeltcli zelt-testbed)
+  kova_install_file(zelt-tools ${CMAKE_INSTALL_DATADIR}/bash-completion/completions
+    ${tool}.bash-completion ${tool})
+  kova_install_file(zelt-tools ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions _${tool})
+endforeach()
 
 # --- libzelt-dev -----------------------------------------------------------------------------------
 
@@ -175,10 +177,11 @@ kova_package(zelt-keeper SECTION misc
 The service Keeper starts the link once Kova is ready, and again after a loss
 or a failed handshake. A link that was stopped on purpose it leaves alone.")
 kova_package(zelt-tools SECTION utils
-  SUGGESTS "kova, bash-completion"
+  SUGGESTS "kova, zelt-keeper, dbus-daemon, bash-completion"
   DESCRIPTION "tools for the services of a camera
 zeltcli talks to the services of the camera over the bus, and through Kova to
-the radio. radiosim is a radio to try the camera with.")
+the radio. radiosim is a radio to try the camera with; zelt-testbed starts
+all of it for a test, where kova, zelt-config and dbus-daemon are installed.")
 kova_package(libzelt-dev SECTION libdevel
   DEPENDS "libprotobuf-dev (>= 3.21), libprotobuf-dev (<< 3.22), libsystemd-dev, libmsgsl-dev, zlib1g-dev, pkg-config"
   SUGGESTS "protobuf-compiler"

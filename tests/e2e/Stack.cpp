@@ -1,6 +1,7 @@
 #include "Stack.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -29,15 +30,44 @@ std::string ReadFile(const std::filesystem::path& path) {
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
-Stack::Stack() {
-  for (const char* directory : {"dev", "etc/zelt", "var/lib/zelt"}) {
-    std::filesystem::create_directories(Root() / directory);
+Testbed::Testbed() {
+  std::string path = (std::filesystem::temp_directory_path() / "zelt-e2e-XXXXXX").string();
+  if (mkdtemp(path.data()) == nullptr) {
+    throw std::runtime_error("cannot create " + path);
   }
-  WriteFile(Root() / "etc/zelt/version", "VERSION=1.2.3\nBUILD_NUMBER=45\n");
-  WriteFile(Root() / "etc/zelt/target-attributes", "MODEL=OTTR\n");
-  std::filesystem::copy_file(std::string(KOVA_SOURCE_DIR) + "/service/config/config.toml",
-                             Root() / "etc/zelt/config.toml");
-  setenv("ZELT_ROOT", Root().c_str(), 1);
+  folder_ = path;
+  const std::vector<std::string> command = {std::string(KOVA_BIN_DIR) + "/zelt-testbed",
+                                            "--folder",
+                                            (folder_ / "bed").string(),
+                                            "--without",
+                                            "config",
+                                            "--without",
+                                            "radio",
+                                            "--without",
+                                            "kova"};
+  program_ = std::make_unique<Process>(command, folder_ / "testbed.log");
+  for (const char* variable : {"ZELT_BUS_ADDRESS", "ZELT_ROOT"}) {
+    setenv(variable, Value(variable).c_str(), 1);
+  }
+}
+
+Testbed::~Testbed() {
+  program_->Signal(SIGTERM);
+  program_->Wait();
+  std::filesystem::remove_all(folder_);
+}
+
+void Testbed::Kill() const {
+  kill(std::stoi(Value("BUS_PID")), SIGKILL);
+}
+
+std::string Testbed::Value(const std::string& variable) const {
+  const std::string start = "export " + variable + "='";
+  const std::string line = program_->WaitForLine(start);
+  return line.substr(start.size(), line.size() - start.size() - 1);
+}
+
+Stack::Stack() {
   setenv("ZELT_LOG_LEVEL", "8", 1);
   setenv("NO_COLOR", "1", 1);
 }

@@ -17,8 +17,28 @@ struct ToolResult {
   std::string output;
 };
 
-// A whole system of real processes in a temporary folder: its own bus, ZELT_ROOT and radio. Each
-// part but the bus is started by name, so that a test can leave it out, kill it or start it again.
+// What zelt-testbed starts when it starts nothing else: a folder, ZELT_ROOT, and a bus.
+class Testbed {
+ public:
+  Testbed();
+  Testbed(const Testbed&) = delete;
+  Testbed& operator=(const Testbed&) = delete;
+  ~Testbed();
+
+  const std::filesystem::path& Folder() const { return folder_; }
+  std::string Address() const { return Value("ZELT_BUS_ADDRESS"); }
+  void Kill() const;
+
+ private:
+  // Of what it prints.
+  std::string Value(const std::string& variable) const;
+
+  std::filesystem::path folder_;
+  std::unique_ptr<Process> program_;
+};
+
+// A whole system of real processes on a testbed. Each part but the bus is started here, by name, so
+// that a test can leave it out, halt it, kill it or start it again, and knows every line of it.
 class Stack {
  public:
   Stack();
@@ -44,11 +64,11 @@ class Stack {
   std::unique_ptr<Process> Run(const std::string& program,
                                const std::vector<std::string>& arguments);
 
-  std::filesystem::path Root() const { return Folder() / "root"; }
+  std::filesystem::path Root() const { return Folder() / "bed/root"; }
   const std::filesystem::path& Folder() const { return bus.Folder(); }
   std::string RadioPort() const;
 
-  zelt::fake::TestBus bus;
+  Testbed bus;
   std::unique_ptr<Process> config;
   std::unique_ptr<Process> radio;
   std::unique_ptr<Process> kova;

@@ -110,6 +110,8 @@ void KeeperService::Answer(const Envelope& envelope, KeepLinkRequest::Action act
     ZELT_LOG(kLogInfo, kCategory) << envelope.sender << " switches it "
                                   << (action == KeepLinkRequest::ON ? "on" : "off");
     CarryOut(keeper_.OnSwitch(action == KeepLinkRequest::ON));
+  } else if (action == KeepLinkRequest::TRY) {
+    CarryOut(keeper_.OnHint());
   }
   ipc_->SendResponseImpl(envelope, TypeName<KeepLinkStatus>(), Status().SerializeAsString());
 }

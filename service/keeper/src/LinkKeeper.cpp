@@ -8,9 +8,14 @@ namespace {
 
 constexpr LinkKeeper::Seconds kFirstDelay{1};
 constexpr LinkKeeper::Seconds kLongestDelay{30};
-constexpr double kJitter = 0.1;              // of the delay
+constexpr double kJitter = 0.04;             // of the delay; with more, too many in an hour
 constexpr LinkKeeper::Seconds kSettled{1};   // a link that is lost sooner was none
 constexpr LinkKeeper::Seconds kOnItsWay{1};  // an order; Kova takes one in far less
+
+bool IsDown(LinkKeeper::Link link) {
+  return link == Kova::DISCONNECTED || link == Kova::CONNECTION_IS_LOST ||
+         link == Kova::HANDSHAKE_FAILED;
+}
 
 }  // namespace
 
@@ -57,9 +62,24 @@ LinkKeeper::Orders LinkKeeper::OnSwitch(bool on) {
   return Look();
 }
 
+LinkKeeper::Orders LinkKeeper::OnHint() {
+  if (state_ != KeepLinkStatus::ON || !kova_is_ready_ || !link_ ||
+      (!IsDown(*link_) && link_ != Kova::CONNECTING)) {
+    return {};
+  }
+  // Also in place of an attempt that is on its way: a network may ask a host that was away only
+  // after a long pause.
+  attempts_ = 0;
+  return Try();
+}
+
 LinkKeeper::Orders LinkKeeper::OnTimer() {
   switch (std::exchange(awaits_, Awaits::Nothing)) {
     case Awaits::NextTry:
+      if (link_ == Kova::CONNECTING) {
+        awaits_ = Awaits::Failure;
+        return {};
+      }
       return Try();
     case Awaits::SettledLink:
       attempts_ = 0;
@@ -67,6 +87,7 @@ LinkKeeper::Orders LinkKeeper::OnTimer() {
     case Awaits::OwnStart:
       own_start_ = false;
       return {};
+    case Awaits::Failure:
     case Awaits::Nothing:
       return {};  // what it was set for is over
   }
@@ -75,28 +96,22 @@ LinkKeeper::Orders LinkKeeper::OnTimer() {
 
 // What is to be done about the link as it is.
 LinkKeeper::Orders LinkKeeper::Look() {
-  awaits_ = Awaits::Nothing;
+  const Awaits awaited = std::exchange(awaits_, Awaits::Nothing);
   if (!kova_is_ready_ || !link_) {
     return {};
   }
-  switch (*link_) {
-    case Kova::DISCONNECTED:
-    case Kova::CONNECTION_IS_LOST:
-    case Kova::HANDSHAKE_FAILED:
-      if (state_ != KeepLinkStatus::ON) {
-        return {};
-      }
-      if (attempts_ == 0) {
-        return Try();
-      }
-      awaits_ = Awaits::NextTry;
-      return {.timer = Delay()};
-    case Kova::CONNECTED:
-      awaits_ = Awaits::SettledLink;
-      return {.timer = kSettled};
-    default:
-      return {};
+  if (link_ == Kova::CONNECTED) {
+    awaits_ = Awaits::SettledLink;
+    return {.timer = kSettled};
   }
+  if (!IsDown(*link_) || state_ != KeepLinkStatus::ON) {
+    return {};
+  }
+  if (attempts_ == 0 || awaited == Awaits::Failure) {
+    return Try();
+  }
+  awaits_ = Awaits::NextTry;
+  return {.timer = awaited == Awaits::NextTry ? std::nullopt : std::optional(Delay())};
 }
 
 LinkKeeper::Orders LinkKeeper::Try() {
@@ -126,8 +141,11 @@ LinkKeeper::Orders LinkKeeper::Stopped() {
 }
 
 LinkKeeper::Orders LinkKeeper::Started() {
-  awaits_ = Awaits::Nothing;
   const bool was_own = std::exchange(own_start_, false);
+  if (was_own && state_ == KeepLinkStatus::ON) {
+    return {};  // its time runs since it was ordered
+  }
+  awaits_ = Awaits::Nothing;
   if (state_ != KeepLinkStatus::HELD) {
     return {};
   }
@@ -144,7 +162,7 @@ LinkKeeper::Seconds LinkKeeper::Delay() const {
   for (unsigned attempt = 1; attempt < attempts_ && delay < kLongestDelay; ++attempt) {
     delay *= 2;
   }
-  return std::min(delay, kLongestDelay) * (1 + kJitter * jitter_);
+  return std::min(delay, kLongestDelay) * (1 - kJitter * jitter_);
 }
 
 }  // namespace zelt

@@ -15,9 +15,14 @@ namespace zelt {
 //   HELD --somebody else starts it--> ON           any --switched on--> ON, and tries at once
 //
 // While ON and Kova is ready, a link that is down is started, one that was lost or whose handshake
-// failed is stopped and started: at once, then 1, 2, 4 ... 30 s (and up to a tenth) after each
-// attempt that failed. A link that was up for a second begins anew. One that is connecting, that is
-// up, or whose radio upgrades itself is left alone.
+// failed is stopped and started: at once, then again when the attempt has failed and its time is
+// over, which is 1, 2, 4 ... 30 s from its start. A link that was up for a second begins anew. One
+// that is connecting, that is up, or whose radio upgrades itself is left alone.
+//
+// From its start, not from its failure: while an attempt is on its way Kova greets the radio each
+// second, so that a radio that was silent is found at once, and no pause is to be between attempts.
+// Only those that fail early, since nobody listens or there is no port, are for nothing, and have
+// pauses.
 //
 // Not thread-safe; each call is one event.
 class LinkKeeper {
@@ -41,9 +46,11 @@ class LinkKeeper {
   // Kova has published a change of the link.
   Orders OnPublished(Link link);
   Orders OnSwitch(bool on);
+  // Somebody knows that the radio may be back.
+  Orders OnHint();
   Orders OnTimer();
 
-  // Of the next delay, the part of its tenth that chance adds: 0 to 1.
+  // How much earlier than it could be the next attempt is, by chance: 0 to 1.
   void SetJitter(double jitter) { jitter_ = jitter; }
 
   State GetState() const { return state_; }
@@ -53,7 +60,8 @@ class LinkKeeper {
  private:
   enum class Awaits : unsigned char {
     Nothing,      // of the timer
-    NextTry,      // until the next attempt
+    NextTry,      // until the next attempt, counted from the start of the last one
+    Failure,      // nothing: its time is over, and the attempt is still on its way
     SettledLink,  // until a link that is up counts as well
     OwnStart      // until an own start cannot come any more
   };

@@ -53,9 +53,9 @@ constexpr auto kCommands = std::to_array<Command>({
     {"link down", "Stop the link", 10, nullptr, LinkDown},
     {"link keep", "Whether the keeper keeps the link up", 5,
      [](CLI::App& app, Arguments& arguments) {
-       app.add_option("SWITCH", arguments.name, "on, off or status")
+       app.add_option("SWITCH", arguments.name, "on, off, try or status")
            ->required()
-           ->check(CLI::IsMember({"on", "off", "status"}));
+           ->check(CLI::IsMember({"on", "off", "try", "status"}));
      },
      LinkKeep},
     {"link watch", "Print every state of the link", 0, CountOption, LinkWatch},

@@ -73,7 +73,7 @@ std::vector<std::string> CandidatesFor(const std::string& argument, std::string_
     return VideoActions(types);
   }
   if (argument == "SWITCH") {
-    return {"off", "on", "status"};
+    return {"off", "on", "status", "try"};
   }
   if (argument == "SHELL") {
     return {"bash", "zsh"};

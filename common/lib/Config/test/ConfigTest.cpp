@@ -2,6 +2,7 @@
 #include "zelt/ConfigPublisher.h"
 #include "zelt/InterfaceFactory.h"
 #include "zelt/Paths.h"
+#include "zelt/fake/TempFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -44,17 +45,6 @@ ConfigRecord RecordOf(char mode) {
 
 class ConfigTest : public testing::Test {
  protected:
-  ConfigTest() {
-    std::string folder = testing::TempDir() + "config.XXXXXX";
-    root_ = mkdtemp(folder.data());
-    setenv("ZELT_ROOT", root_.c_str(), 1);
-    path_ = ConfigSharedMemoryFile();
-  }
-  ~ConfigTest() override {
-    unsetenv("ZELT_ROOT");
-    std::filesystem::remove_all(root_);
-  }
-
   static ConfigResult Get() {
     return InterfaceFactory::Create<ConfigReaderIF>("ConfigReaderIF")->Get();
   }
@@ -81,8 +71,8 @@ class ConfigTest : public testing::Test {
     ASSERT_EQ(WTERMSIG(status), SIGKILL);
   }
 
-  std::string root_;
-  std::string path_;
+  fake::RootFolder root_;
+  std::string path_ = ConfigSharedMemoryFile();
 };
 
 TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {

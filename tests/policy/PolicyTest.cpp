@@ -6,16 +6,11 @@
 
 #include <unistd.h>
 
-#include <fstream>
 #include <map>
 #include <regex>
-#include <sstream>
 
 namespace policy {
 namespace {
-
-constexpr const char* kServices = "zelt.ServiceIPC1";
-constexpr const char* kProperties = "org.freedesktop.DBus.Properties";
 
 struct Names {
   const char* user;
@@ -78,7 +73,7 @@ const std::map<std::string, const char*> kOwnName = {{"kova", "zelt.service.Kova
 class Trial {
  public:
   explicit Trial(const std::vector<std::string>& policies) : bus_(policies) {
-    for (const User& user : Users()) {
+    for (const User& user : kUsers) {
       connections_.emplace(user.name, std::make_unique<Connection>(bus_, user));
     }
     TryNames();
@@ -150,9 +145,7 @@ class PolicyTest : public testing::Test {
       GTEST_SKIP() << "only root can be several users";
     }
     for (const char* path : {ZELT_POLICY, KOVA_POLICY}) {
-      std::ostringstream text;
-      text << std::ifstream(path).rdbuf();
-      policies_.push_back(text.str());
+      policies_.push_back(ReadFile(path));
     }
   }
   std::vector<std::string> policies_;

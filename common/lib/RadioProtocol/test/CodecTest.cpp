@@ -519,6 +519,9 @@ TEST(Deframer, DamageLosesOnlyTheDamagedFrame) {
   }
   EXPECT_EQ(expect_two(Bytes(kMaxEncodedFrame + 1, 5)), (std::map<Drop, int>{{Drop::TooLong, 1}}));
   EXPECT_EQ(expect_two(Bytes(3, 0)), (std::map<Drop, int>{})) << "delimiters in a row";
+  // Its checksum is right, but it says that it has three bytes and has two.
+  const Bytes wrong_length = {1, 1, 1, 1, 1, 1, 1, 1, 1, 2, 1, 8, 3, 4, 1, 0xFD, 0xF6, 0x1B, 0xBC};
+  EXPECT_EQ(expect_two(wrong_length), (std::map<Drop, int>{{Drop::Malformed, 1}}));
 }
 
 TEST(LinkControl, CutAndForeignBodiesAreNoHello) {

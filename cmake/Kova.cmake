@@ -93,8 +93,7 @@ endfunction()
 
 # kova_test(NAME ServiceIPC GROUP unit SOURCES ... LINK ... [TIMEOUT seconds])
 # One GoogleTest program, one CTest entry a test case. GROUP is the CTest label: "unit" for
-# one library or program, some on a bus of its own; "e2e" for real processes; "long" for what takes
-# more than a few seconds.
+# one library or program, some on a bus of its own; "e2e" for real processes.
 function(kova_test)
   if(NOT KOVA_TESTS)
     return()

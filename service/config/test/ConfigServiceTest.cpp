@@ -4,6 +4,7 @@
 #include "zelt/Paths.h"
 #include "zelt/fake/FakeServiceModel.h"
 #include "zelt/fake/LogCapture.h"
+#include "zelt/fake/TempFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -29,22 +30,11 @@ using ::testing::IsEmpty;
 
 class ConfigServiceTest : public testing::Test {
  protected:
-  ConfigServiceTest() {
-    std::string folder = testing::TempDir() + "config.XXXXXX";
-    root_ = mkdtemp(folder.data());
-    setenv("ZELT_ROOT", root_.c_str(), 1);
-    std::filesystem::create_directories(root_ + "/etc/zelt");
-  }
-  ~ConfigServiceTest() override {
-    unsetenv("ZELT_ROOT");
-    std::filesystem::remove_all(root_);
-  }
-  static ParsedConfig Parse(const std::string& content) {
-    std::ofstream(ConfigFile()) << content;
-    return ReadConfigFile(ConfigFile());
+  ParsedConfig Parse(const std::string& content) const {
+    return ReadConfigFile(folder_.File("etc/zelt/config.toml", content));
   }
   // The problems of a file, without the file's name in front.
-  static std::vector<std::string> Problems(const std::string& content) {
+  std::vector<std::string> Problems(const std::string& content) const {
     std::vector<std::string> problems = Parse(content).problems;
     for (std::string& problem : problems) {
       EXPECT_EQ(problem.find(ConfigFile() + ":"), 0U) << problem;
@@ -53,7 +43,8 @@ class ConfigServiceTest : public testing::Test {
     return problems;
   }
 
-  std::string root_;
+  fake::RootFolder folder_;
+  const std::string root_ = folder_.path;
 };
 
 TEST_F(ConfigServiceTest, SampleIsReadWhole) {

@@ -21,7 +21,7 @@ std::size_t Radioed(const Trace& trace) {
       trace, [](const std::string& line) { return line.starts_with("radio "); }));
 }
 
-class Limits : public Bench {
+class Limits : public BenchTest {
  protected:
   Limits() { LogClient::SetLevel(kLogError); }
   // How many of `count` are taken.
@@ -214,6 +214,42 @@ TEST_F(Limits, SubscriberThatRepeatsItselfIsToldOnceForEachTopic) {
     EXPECT_EQ(context.TaskQueue().Size(), 4U);
     EXPECT_EQ(Drain().size(), 4U);
   }
+}
+
+// --- The firmware transfer -----------------------------------------------------------------------
+
+class Firmware : public BenchTest {
+ protected:
+  // Asks for an image, and is granted access: the first chunk is under way.
+  void Begin(const std::string& image, std::uint16_t limit) {
+    SetAnswers([&](auto& answers) { answers.max_transfer_data_size = limit; });
+    Kova::TransferFirmwareRequest request;
+    request.set_source_file_path(folder.File("image", image));
+    From("Upgrade", request);
+    const auto size = static_cast<std::uint32_t>(image.size());
+    EXPECT_EQ(Notify(41, orka::qrx::FileAccessResponse{{}, size, ""}).back(), sent);
+  }
+  Trace Acknowledge(std::uint32_t chunk) {
+    return Notify(43, orka::qrx::TransferDataResponse{{}, static_cast<std::uint16_t>(chunk)});
+  }
+  const std::string sent = Timer("Transfer data timer");
+};
+
+TEST_F(Firmware, ImageThatShrinksEndsTheTransfer) {
+  Begin(std::string(20006, 'x'), 10000);  // more than a stream reads ahead
+  std::filesystem::resize_file(folder.path / "image", 10001);
+  const auto failed = FromText<Kova::TransferFirmwareResponse>("result: 1");
+  EXPECT_EQ(Acknowledge(0).back(), Send("Upgrade", failed));
+}
+
+TEST_F(Firmware, ChunkNumbersWrap) {
+  LogClient::SetLevel(kLogError);
+  constexpr std::uint32_t kSize = 65538;
+  Begin(std::string(kSize, 'a'), 1);
+  for (std::uint32_t chunk = 0; chunk + 1 < kSize; ++chunk) {
+    ASSERT_EQ(Acknowledge(chunk), (Trace{Chunk((chunk + 1) % 65536, "a"), sent}));
+  }
+  EXPECT_EQ(Acknowledge(1).back(), Send("Upgrade", Kova::TransferFirmwareResponse()));
 }
 
 }  // namespace

@@ -30,7 +30,7 @@ namespace {
 
 // --- Start-up values -----------------------------------------------------------------------------
 
-class Configuration : public Bench {
+class Configuration : public BenchTest {
  protected:
   Trace Read() {
     context.ReadConfig();
@@ -39,28 +39,6 @@ class Configuration : public Bench {
   static std::string Said(const std::string& text) { return Log(6, "ReadConfig", text, 0x8007); }
   const Trace reading = {Said("Reading config")};
 };
-
-TEST_F(Configuration, SwitchesFollowTheRecordAndEachReadLocksForItself) {
-  using Case = std::tuple<const char*, bool, std::uint8_t, std::uint8_t, std::string, std::string>;
-  // clang-format off: one line a case
-  for (const auto& [mode, collaboration, streaming, uploading, identity, tethering] : {
-           Case{"Connected", true, 1, 1, "Working mode: Connected, Collaboration enabled: 1, Identify to radio as camera: 1", "Tethered streaming: 0, Tethered uploading: 0, Use Tethered Connection: 0"},
-           Case{"Connected", false, 0, 1, "Working mode: Connected, Collaboration enabled: 0, Identify to radio as camera: 0", "Tethered streaming: 1, Tethered uploading: 0, Use Tethered Connection: 1"},
-           Case{"Connected ", true, 1, 2, "Working mode: Connected , Collaboration enabled: 1, Identify to radio as camera: 0", "Tethered streaming: 0, Tethered uploading: 1, Use Tethered Connection: 1"},
-           Case{"Connected0123456789012345678901x", true, 77, 2, "Working mode: Connected0123456789012345678901x, Collaboration enabled: 1, Identify to radio as camera: 0", "Tethered streaming: 1, Tethered uploading: 1, Use Tethered Connection: 1"}}) {
-    // clang-format on
-    config->SetWorkingMode(mode);
-    config->SetCollaborationEnabled(collaboration);
-    config->record.tetheredStreaming = TetheredMode{streaming};
-    config->record.tetheredUploading = TetheredMode{uploading};
-    const int locks = config->locks;
-    const Trace switched = {Line("camera", identity.back()), Said(identity),
-                            Line("tethered", tethering.back()), Said(tethering)};
-    EXPECT_EQ(Read(), reading + switched);
-    EXPECT_EQ(config->locks - locks, 4);
-    EXPECT_EQ(config->most_locks_held, 1);
-  }
-}
 
 TEST_F(Configuration, FailureLeavesTheSwitchesAlone) {
   config->errorText = "no block";
@@ -146,7 +124,7 @@ class Life : public testing::Test {
   const std::string running = Said("DoRun", "Kova service running..........");
   const std::string dying = Said("DoDie", "Kova sevice is shutting down");
 
-  Folder folder;
+  fake::RootFolder folder;
   Journal journal;
   std::shared_ptr<TracedModel> model = std::make_shared<TracedModel>(journal);
   std::shared_ptr<PreparedContext> context = std::make_shared<PreparedContext>(model, journal);

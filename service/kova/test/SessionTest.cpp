@@ -2,8 +2,8 @@
 
 #include "Bench.h"
 #include "KovaService.h"
+#include "RtConnectionState.h"
 
-#include <ranges>
 #include <thread>
 
 namespace zelt::test {
@@ -13,23 +13,10 @@ constexpr std::uint32_t kHandshakeCompleted = 1;
 constexpr std::uint32_t kIgFailed = 47;
 constexpr std::array<std::uint32_t, 5> kLinkEvents = {kHandshakeCompleted, 3, 5, 44, kIgFailed};
 
-Kova::RtConnectionAction Action(Kova::RtConnectionAction::Action action) {
-  return With<Kova::RtConnectionAction>([&](auto& m) { m.set_action(action); });
-}
-const auto kStart = Action(Kova::RtConnectionAction::START);
-const auto kStop = Action(Kova::RtConnectionAction::STOP);
+const auto kStart = FromText<Kova::RtConnectionAction>("action: START");
+const auto kStop = FromText<Kova::RtConnectionAction>("action: STOP");
 
-// The status that was published last.
-std::string LastStatus(const Trace& trace) {
-  for (const std::string& line : trace | std::views::reverse) {
-    if (line.starts_with("publish Kova.RTConnectionStatus")) {
-      return line;
-    }
-  }
-  return "none";
-}
-
-class Session : public Bench {
+class Session : public BenchTest {
  protected:
   const std::string started =
       Line("start", "/dev/ttyS2", 1500000, 1, 8, 0, 0, 5, false, true, 0, 30);
@@ -49,13 +36,9 @@ TEST_F(Session, WhatAStoppedLinkReportedIsWithdrawn) {
   }
 }
 
-TEST_F(Session, IgFailureIsNotRepairedInTheNextSession) {
-  From("Peer", kStart);
-  Post(kIgFailed);
-  Post("Peer", kStop);
-  Post("Peer", kStart);
-  EXPECT_EQ(WithoutLog(Drain()),
-            (Trace{Publish(Status(6)), "stop", Publish(Status(0)), started, Publish(Status(1))}));
+TEST_F(Session, StatusThatThereIsNotHasAText) {
+  // NOLINTNEXTLINE(clang-analyzer-optin.core.EnumCastOutOfRange): on purpose
+  EXPECT_EQ(RtConnectionStateText(RtConnectionState{7}), "Unknown status");
 }
 
 TEST_F(Session, StartBehindTheStopOfTheServiceBringsNoLinkUp) {
@@ -160,7 +143,7 @@ class Restless : public testing::Test {
     });
   }
 
-  Folder folder;
+  fake::RootFolder folder;
   Journal journal;
   std::shared_ptr<TracedModel> model = std::make_shared<TracedModel>(journal);
 };

@@ -6,6 +6,8 @@
 #include "orka/codec/MessageTable.h"
 #include "orka/fake/Deadline.h"
 #include "orka/fake/NotificationLog.h"
+#include "zelt/fake/MessageText.h"
+#include "zelt/fake/TempFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -14,7 +16,6 @@
 #include <asio/post.hpp>
 #include <asio/write.hpp>
 
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <future>
@@ -33,6 +34,7 @@ using orka::RadioProtocol;
 using orka::SendResult;
 using testing::ElementsAre;
 using testing::HasSubstr;
+using zelt::fake::FromText;
 using N = orka::NotifyMessage;
 namespace fs = std::filesystem;
 
@@ -41,8 +43,6 @@ namespace fs = std::filesystem;
 class RadiosimTest : public testing::TestWithParam<bool> {
  protected:
   RadiosimTest() {
-    std::string folder = (fs::temp_directory_path() / "radiosim.XXXXXX").string();
-    folder_ = ::mkdtemp(folder.data());
     options_.radio.store = folder_ / "store";
     options_.radio.broadcast_every = std::chrono::milliseconds(20);
     options_.restart_time = std::chrono::milliseconds(50);
@@ -54,7 +54,6 @@ class RadiosimTest : public testing::TestWithParam<bool> {
     if (thread_.joinable()) {
       thread_.join();
     }
-    fs::remove_all(folder_);
   }
 
   template <class Action>
@@ -108,6 +107,13 @@ class RadiosimTest : public testing::TestWithParam<bool> {
   T Last(N kind) {
     return std::get<T>(seen_.Data(kind).back());
   }
+  // Sends a request; returns its answer as JSON.
+  template <class T>
+  std::string Ask(const std::string& request, N kind) {
+    seen_.Clear();
+    Send(FromText<T>(request));
+    return seen_.AwaitKind(kind) ? ToJson(seen_.Data(kind).back()) : "no answer";
+  }
 
   // Writes a file chunk by chunk, as long as the radio takes it.
   orka::qrx::Result Push(const std::string& name, const std::string& content) {
@@ -145,7 +151,8 @@ class RadiosimTest : public testing::TestWithParam<bool> {
   }
 
   orka::fake::Deadline deadline_{100};
-  fs::path folder_;
+  zelt::fake::TempFolder temporary_;
+  const fs::path& folder_ = temporary_.path;
   Options options_;
   bool pty_ = false;
   std::uint32_t bits_per_second_ = 0;
@@ -165,14 +172,6 @@ class RadiosimLineTest : public RadiosimTest {
 };
 INSTANTIATE_TEST_SUITE_P(TcpAndPty, RadiosimLineTest, testing::Bool(),
                          [](const auto& line) { return line.param ? "pty" : "tcp"; });
-
-template <class T>
-T Parsed(const std::string& json) {
-  T message;
-  std::string error;
-  EXPECT_TRUE(FromJson(json, message, error)) << error;
-  return message;
-}
 
 TEST_F(RadiosimTest, EveryRequestIsAnswered) {
   using orka::codec::Direction;
@@ -233,59 +232,46 @@ TEST_F(RadiosimTest, RequestsSentByHandAreNumberedAndEachIsAnswered) {
               testing::ContainsRegex("\"transaction\":2,.*\n.*\"transaction\":1,.*\n"));
 }
 
-TEST_F(RadiosimTest, SettingsAreKeptAndClockRunsOn) {
+TEST_F(RadiosimTest, SettingsAreKeptAlsoThoseThatNoTableKnows) {
   Connect();
-  Send(Parsed<Kova::LedBrightnessSettingMsg>(R"({"brightness":"High"})"));
-  Send(Parsed<Kova::RadioWlanControlOutgoingMsg>(R"({"action":"CONNECT","ssid":"depot"})"));
-  Send(Parsed<Kova::SetDateTimeReq>(R"({"dateTime":{"year":2031,"month":2,"day":30}})"));
-  ASSERT_TRUE(seen_.AwaitKind(N::SetDateTime));
-  EXPECT_NE(Last<Kova::SetDateTimeResp>(N::SetDateTime).result(), 0) << "there is no such day";
-  Send(Parsed<Kova::SetDateTimeReq>(
-      R"({"dateTime":{"year":2031,"month":2,"day":28,"hour":23,"utcOffsetMinutes":60}})"));
-  Send(Kova::GetDateTimeReq());
-  ASSERT_TRUE(seen_.AwaitKind(N::GetDateTime));
-  const auto time = Last<Kova::GetDateTimeResp>(N::GetDateTime).date_time();
-  EXPECT_EQ(time.year() * 10000 + time.month() * 100 + time.day(), 20310228);
-  EXPECT_EQ(time.hour(), 23);
-  EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"High")"));
-  EXPECT_THAT(Command("state"), HasSubstr(R"("wlan_ssid":"depot")"));
-  Send(Kova::RtFactoryResetRequest());
-  ASSERT_TRUE(seen_.AwaitKind(N::FactoryReset));
-  EXPECT_THAT(Command("state"), HasSubstr(R"("brightness":"Medium")"));
-}
-
-TEST_F(RadiosimTest, WhatNoTableKnowsGoesThereAndBack) {
-  Connect();
-  const auto ask = [this](const orka::RadioOutgoingMessage& message, N kind) {
-    Send(message);
-    EXPECT_TRUE(seen_.AwaitKind(kind));
-  };
-  ask(Parsed<Kova::OpcodeSubscriptionMsg>(R"({"request":{"subscribe":true,"codes":[77,2]}})"),
-      N::OpcodeSubscription);
-  EXPECT_THAT(Last<Kova::OpcodeSubscriptionMsg>(N::OpcodeSubscription).response().codes(),
-              ElementsAre(2, 77));
-  ask(Parsed<Kova::ButtonsSubscribtionMsg>(
-          R"({"request":{"buttons":[{"identifier":7,"subscribed":true}]}})"),
-      N::ButtonsSubscribtion);
-  EXPECT_THAT(ToJson(Last<Kova::ButtonsSubscribtionMsg>(N::ButtonsSubscribtion)),
-              HasSubstr(R"({"name":"","identifier":7,"subscribed":true})"));
-  ask(Parsed<Kova::LedBrightnessSettingMsg>(R"({"intensity":7})"), N::LedBrightness);
-  EXPECT_EQ(Last<Kova::LedBrightnessSettingMsg>(N::LedBrightness).intensity(), 7);
+  const auto has = [](const std::string& part) { return HasSubstr(part); };
+  using Date = Kova::SetDateTimeReq;
+  EXPECT_THAT(Ask<Date>("date_time { year: 2031 month: 2 day: 30 }", N::SetDateTime),
+              testing::Not(has(R"("result":0)")))
+      << "there is no such day";
+  Ask<Date>("date_time { year: 2031 month: 2 day: 28 hour: 23 utc_offset_minutes: 60 }",
+            N::SetDateTime);
+  EXPECT_THAT(Ask<Kova::GetDateTimeReq>("", N::GetDateTime),
+              has(R"({"year":2031,"month":2,"day":28,"hour":23)"));
+  Ask<Kova::RadioWlanControlOutgoingMsg>("action: CONNECT ssid: 'depot'", N::WlanControl);
+  Ask<Kova::LedBrightnessSettingMsg>("brightness: 'High'", N::LedBrightness);
+  EXPECT_THAT(Command("state"),
+              testing::AllOf(has(R"("brightness":"High")"), has(R"("wlan_ssid":"depot")")));
+  EXPECT_THAT(Ask<Kova::LedBrightnessSettingMsg>("intensity: 7", N::LedBrightness),
+              has(R"("intensity":7)"));
+  EXPECT_THAT(Ask<Kova::OpcodeSubscriptionMsg>("request { subscribe: true codes: [77, 2] }",
+                                               N::OpcodeSubscription),
+              has(R"("codes":["SUBSCRIBE_BLUETOOTH_STATUS",77])"));
+  EXPECT_THAT(
+      Ask<Kova::ButtonsSubscribtionMsg>(
+          "request { buttons { identifier: 7 subscribed: true } buttons { identifier: 8 } }",
+          N::ButtonsSubscribtion),
+      testing::AllOf(has(R"({"name":"","identifier":7,"subscribed":true})"),
+                     has(R"({"name":"","identifier":8,"subscribed":false})"),
+                     has(R"("name":"EButton","identifier":151,"subscribed":true)")));
+  Ask<Kova::RtFactoryResetRequest>("", N::FactoryReset);
+  EXPECT_THAT(Command("state"), has(R"("brightness":"Medium")"));
 }
 
 TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
   options_.radio.drain_per_minute = 120;
   Connect();
-  const auto subscription = [](bool on) {
-    Kova::OpcodeSubscriptionMsg message;
-    message.mutable_request()->set_subscribe(on);
-    for (const auto code : {Kova::SUBSCRIBE_BATTERY_LEVEL, Kova::SUBSCRIBE_COVERT_MODE,
-                            Kova::SUBSCRIBE_EMERGENCY, Kova::SUBSCRIBE_LOCATION}) {
-      message.mutable_request()->add_codes(code);
-    }
-    return message;
+  const auto subscription = [](const std::string& on) {
+    return FromText<Kova::OpcodeSubscriptionMsg>(
+        "request { subscribe: " + on + " codes: [SUBSCRIBE_BATTERY_LEVEL, SUBSCRIBE_COVERT_MODE, " +
+        "SUBSCRIBE_EMERGENCY, SUBSCRIBE_LOCATION] }");
   };
-  Send(subscription(true));
+  Send(subscription("true"));
   ASSERT_TRUE(seen_.AwaitKind(N::BatteryLevelBroadcast, 5));
   EXPECT_TRUE(seen_.AwaitKind(N::LocationInfo, 2));
   const auto percent = [&] { return Last<Kova::BatteryLevel>(N::BatteryLevelBroadcast).percent(); };
@@ -293,11 +279,11 @@ TEST_F(RadiosimTest, SubscriptionsBringBroadcastsUntilTheyEnd) {
   for (std::size_t count = 6; percent() >= full; ++count) {  // the battery drains
     ASSERT_TRUE(seen_.AwaitKind(N::BatteryLevelBroadcast, count));
   }
-  Send(Parsed<Kova::ToggleCovertModeMsg>(R"({"enabled":true})"));
+  Send(FromText<Kova::ToggleCovertModeMsg>("enabled: true"));
   EXPECT_TRUE(seen_.AwaitKind(N::CovertModeBroadcast, 2));
-  Send(Parsed<Collaboration::RadioEmergencyMsg>(R"({"state":"RAISED"})"));
+  Send(FromText<Collaboration::RadioEmergencyMsg>("state: RAISED"));
   EXPECT_TRUE(seen_.AwaitKind(N::RadioEmergency, 3)) << "as it stood, the answer, the change";
-  Send(subscription(false));
+  Send(subscription("false"));
   ASSERT_TRUE(seen_.AwaitKind(N::OpcodeSubscription, 2));
   seen_.Clear();
   Send(Kova::RtVersionRequest());
@@ -325,29 +311,26 @@ TEST_F(RadiosimTest, NamesThatLeadOutOfTheStoreAreRefused) {
 }
 
 TEST_F(RadiosimTest, ChunksOutOfOrderAreRefusedAndRepeatedOnesNotDoubled) {
+  using orka::qrx::Result;
   Connect();
-  Send(orka::qrx::FileAccessRequest{1, 2, 4, "f"});
-  const auto expect = [&](std::size_t count, orka::qrx::Result result) {
-    ASSERT_TRUE(seen_.AwaitKind(N::TransferData, count));
-    EXPECT_EQ(Last<orka::qrx::TransferDataResponse>(N::TransferData).result, result);
+  const auto push = [&](std::uint16_t number, const char* bytes) {
+    seen_.Clear();
+    PushChunk(number, bytes);
+    EXPECT_TRUE(seen_.AwaitKind(N::TransferData));
+    return Last<orka::qrx::TransferDataResponse>(N::TransferData).result;
   };
-  PushChunk(1, "zz");
-  expect(1, orka::qrx::Result::InvalidParameter);
-  PushChunk(0, "ab");
-  expect(2, orka::qrx::Result::Success);
-  PushChunk(0, "ab");
-  expect(3, orka::qrx::Result::Success);
-  PushChunk(1, "cde");
-  expect(4, orka::qrx::Result::InvalidParameter);
+  Send(orka::qrx::FileAccessRequest{1, 2, 4, "f"});
+  EXPECT_EQ(push(1, "zz"), Result::InvalidParameter);
+  EXPECT_EQ(push(0, "ab"), Result::Success);
+  EXPECT_EQ(push(0, "ab"), Result::Success);
+  EXPECT_EQ(push(1, "cde"), Result::InvalidParameter);
   EXPECT_FALSE(fs::exists(options_.radio.store / "f")) << "not complete";
-  PushChunk(1, "cd");
-  expect(5, orka::qrx::Result::Success);
+  EXPECT_EQ(push(1, "cd"), Result::Success);
   EXPECT_EQ(fs::file_size(options_.radio.store / "f"), 4);
   Send(orka::qrx::FileAccessRequest{1, 2, 4, "g"});
-  PushChunk(0, "ab");
-  ASSERT_TRUE(seen_.AwaitKind(N::TransferData, 6));
+  EXPECT_EQ(push(0, "ab"), Result::Success);
   camera_.Stop();
-  Run([&] { EXPECT_TRUE(simulator_->Command("reboot").ok); });
+  EXPECT_EQ(Command("reboot"), "");
   EXPECT_EQ(std::distance(fs::directory_iterator(options_.radio.store), {}), 1)
       << "nothing is left of the file that was given up";
 }
@@ -461,9 +444,13 @@ TEST_P(RadiosimLineTest, SlowLineIsNotTakenForALostOne) {
   bits_per_second_ = 9600;
   options_.max_transfer_size = 2900;
   Connect();
-  const auto since = std::chrono::steady_clock::now();
+  auto since = std::chrono::steady_clock::now();
   EXPECT_EQ(Push("slow", std::string(2900, 's')), orka::qrx::Result::Success);
   EXPECT_GE(std::chrono::steady_clock::now() - since, std::chrono::milliseconds(2500));
+  since = std::chrono::steady_clock::now();
+  Command(R"(notify FileAccessWriteRequest {"file_name":")" + std::string(1000, 'n') + "\"}");
+  EXPECT_TRUE(seen_.AwaitKind(N::FileAccessWriteRequest));
+  EXPECT_GE(std::chrono::steady_clock::now() - since, std::chrono::milliseconds(900));
   EXPECT_TRUE(camera_.IsRadioConnected());
   EXPECT_THAT(Command("faults"), HasSubstr("slow line of 9600 bits per second: slowed"));
 }

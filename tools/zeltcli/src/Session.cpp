@@ -149,8 +149,7 @@ void Session::Inbox::Put(Incoming message) {
 
 std::optional<Incoming> Session::Inbox::Take(Clock::time_point deadline, std::string_view sender) {
   const auto wanted = [sender](const Incoming& message) {
-    return sender.empty() ||
-           (!message.published && (message.sender == sender || message.connection == sender));
+    return sender.empty() || message.sender == sender || message.connection == sender;
   };
   Lock lock(mutex);
   auto found = std::ranges::find_if(messages, wanted);

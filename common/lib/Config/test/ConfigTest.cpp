@@ -1,7 +1,9 @@
 #include "ConfigBlock.h"
 #include "zelt/ConfigPublisher.h"
+#include "zelt/FileDescriptor.h"
 #include "zelt/InterfaceFactory.h"
 #include "zelt/Paths.h"
+#include "zelt/fake/TempFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -44,17 +46,6 @@ ConfigRecord RecordOf(char mode) {
 
 class ConfigTest : public testing::Test {
  protected:
-  ConfigTest() {
-    std::string folder = testing::TempDir() + "config.XXXXXX";
-    root_ = mkdtemp(folder.data());
-    setenv("ZELT_ROOT", root_.c_str(), 1);
-    path_ = ConfigSharedMemoryFile();
-  }
-  ~ConfigTest() override {
-    unsetenv("ZELT_ROOT");
-    std::filesystem::remove_all(root_);
-  }
-
   static ConfigResult Get() {
     return InterfaceFactory::Create<ConfigReaderIF>("ConfigReaderIF")->Get();
   }
@@ -66,6 +57,11 @@ class ConfigTest : public testing::Test {
   void Overwrite(std::size_t offset, char byte) const {
     std::fstream file(path_, std::ios::in | std::ios::out);
     file.seekp(static_cast<std::streamoff>(offset)).put(byte);
+  }
+  ConfigBlock::Layout* Map() const {
+    const FileDescriptor file(open(path_.c_str(), O_RDWR | O_CLOEXEC));
+    return static_cast<ConfigBlock::Layout*>(mmap(
+        nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, file.Get(), 0));
   }
   // Another process takes the lock, does something and dies without a chance to clean up.
   void DieHoldingLock(const std::function<void(ConfigBlock&)>& act) const {
@@ -81,8 +77,8 @@ class ConfigTest : public testing::Test {
     ASSERT_EQ(WTERMSIG(status), SIGKILL);
   }
 
-  std::string root_;
-  std::string path_;
+  fake::RootFolder root_;
+  std::string path_ = ConfigSharedMemoryFile();
 };
 
 TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
@@ -99,10 +95,11 @@ TEST_F(ConfigTest, WhatCannotBeReadIsNamed) {
   publisher.Publish(RecordOf('a'));
   EXPECT_EQ(Get().errorText, "");
   EXPECT_FALSE(SharedMemoryReadPointer<ConfigRecord>(ConfigBlock::Open(path_).block, nullptr));
-  Overwrite(offsetof(ConfigBlock::Layout, size), 9);
-  expect(EPROTO, " of " + std::to_string(sizeof(ConfigBlock::Layout) / 256 * 256 + 9) + " bytes");
   Overwrite(offsetof(ConfigBlock::Layout, version), 9);
   expect(EPROTO, "has layout 9 of");
+  Overwrite(offsetof(ConfigBlock::Layout, version), ConfigBlock::kVersion);
+  Overwrite(offsetof(ConfigBlock::Layout, size), 9);
+  expect(EPROTO, " of " + std::to_string(sizeof(ConfigBlock::Layout) / 256 * 256 + 9) + " bytes");
   Overwrite(offsetof(ConfigBlock::Layout, magic), 'x');
   expect(EINVAL, "wrong magic number");
   std::filesystem::resize_file(path_, sizeof(ConfigBlock::Layout) - 1);
@@ -259,10 +256,7 @@ TEST_F(ConfigTest, LockThatIsHeldEndsTheWait) {
 // The other process lets go as soon as somebody waits, which the kernel marks in the lock.
 TEST_F(ConfigTest, LockIsPassedOnToAWaitingProcess) {
   ConfigPublisher(path_).Publish(RecordOf('a'));
-  const int file = open(path_.c_str(), O_RDWR | O_CLOEXEC);
-  auto* const layout = static_cast<ConfigBlock::Layout*>(
-      mmap(nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
-  close(file);
+  auto* const layout = Map();
   const std::atomic_ref<int> lock(*reinterpret_cast<int*>(&layout->mutex));
   const pid_t child = fork();
   if (child == 0) {
@@ -287,10 +281,7 @@ TEST_F(ConfigTest, BlockBeyondRepairIsReportedAndReplaced) {
   const ConfigPublisher publisher(path_);
   // Whoever recovers the lock dies in turn, before it has declared the block sound.
   DieHoldingLock([](ConfigBlock&) {});
-  const int file = open(path_.c_str(), O_RDWR);
-  auto* const layout = static_cast<ConfigBlock::Layout*>(
-      mmap(nullptr, sizeof(ConfigBlock::Layout), PROT_READ | PROT_WRITE, MAP_SHARED, file, 0));
-  close(file);
+  auto* const layout = Map();
   ASSERT_EQ(pthread_mutex_lock(&layout->mutex), EOWNERDEAD);
   pthread_mutex_unlock(&layout->mutex);
   munmap(layout, sizeof(ConfigBlock::Layout));

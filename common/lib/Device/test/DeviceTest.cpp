@@ -4,6 +4,7 @@
 #include "zelt/TargetAttributes.h"
 #include "zelt/VersionInfo.h"
 #include "zelt/fake/LogCapture.h"
+#include "zelt/fake/TempFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -24,21 +25,16 @@ namespace {
 class DeviceTest : public testing::Test {
  protected:
   DeviceTest() {
-    std::string folder = testing::TempDir() + "device.XXXXXX";
-    root_ = mkdtemp(folder.data());
     setenv("ZELT_ROOT", (root_ + "//").c_str(), 1);
     std::filesystem::create_directories(root_ + "/etc/zelt");
-  }
-  ~DeviceTest() override {
-    unsetenv("ZELT_ROOT");
-    std::filesystem::remove_all(root_);
   }
   static std::string VersionOf(std::string_view content) {
     std::ofstream(VersionInfoFile()) << content;
     return VersionInfo::GetVersionAndBuildNumberText(VersionInfoFile());
   }
 
-  std::string root_;
+  fake::RootFolder folder_;
+  const std::string root_ = folder_.path;
   fake::LogCapture log_;
 };
 

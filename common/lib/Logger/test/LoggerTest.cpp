@@ -2,6 +2,7 @@
 #include "LogOutputs.h"
 #include "zelt/LogClient.h"
 #include "zelt/fake/LogCapture.h"
+#include "zelt/fake/TempFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -19,13 +20,13 @@
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
-#include <filesystem>
 #include <iterator>
 #include <map>
 #include <ostream>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -272,77 +273,49 @@ TEST(LogLimitsTest, OnePlaceHasTenLinesOfATextAndFiftyInAllEachSecond) {
   EXPECT_THAT(reports(2000), ElementsAre("1 same 1"));
 }
 
-// How a process may end, and that nothing that it logged is lost then.
+// How a process may end. What it has logged is written then; statics log last.
 struct End {
   const char* name;
   void (*end)();
 };
-
 void PrintTo(const End& row, std::ostream* stream) {
   *stream << row.name;
 }
+constexpr End kEnds[] = {{"Exit", [] { std::exit(3); }},
+                         {"Abort", [] { std::abort(); }},
+                         {"SignalOfAFault", [] { raise(SIGSEGV); }},
+                         {"Fault", [] { __builtin_trap(); }},
+                         {"WrittenBefore", [] {
+                            FlushLog();
+                            std::_Exit(3);
+                          }}};
 
 class LogAtTheEnd : public testing::TestWithParam<End> {};
 
 TEST_P(LogAtTheEnd, NothingIsLost) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto has_all_lines = testing::Truly([](const std::string& output) {
-    std::size_t lines = 0;
-    while (output.contains("line " + std::to_string(lines) + "\n")) {
-      ++lines;
-    }
-    return lines == 500;
-  });
-  const auto log_and_end = [] {
-    for (int i = 0; i < 499; ++i) {
+  const bool exits = std::string_view(GetParam().name) == "Exit";
+  const auto log_and_end = [exits] {
+    struct LastLine {
+      ~LastLine() { Log(kLogInfo, "line 500"); }
+    };
+    for (int i = 0; i < 500; ++i) {
       Log(kLogInfo, "line " + std::to_string(i));
+    }
+    if (exits) {
+      static const LastLine last;
     }
     GetParam().end();
   };
-  const auto by_its_end = [](int status) { return status != 0; };
-  EXPECT_EXIT(log_and_end(), by_its_end, has_all_lines);
+  const auto has_all_lines = testing::Truly([exits](const std::string& output) {
+    int lines = 0;
+    while (output.contains("line " + std::to_string(lines) + "\n")) {
+      ++lines;
+    }
+    return lines == (exits ? 501 : 500);
+  });
+  EXPECT_EXIT(log_and_end(), [](int status) { return status != 0; }, has_all_lines);
 }
-
-struct LastLine {
-  LastLine() = default;
-  LastLine(const LastLine&) = delete;
-  LastLine& operator=(const LastLine&) = delete;
-  ~LastLine() { Log(kLogInfo, "line 499"); }
-};
-
-constexpr End kEnds[] = {{"ExitWithStaticsThatLog",
-                          [] {
-                            static const LastLine last;
-                            std::exit(3);
-                          }},
-                         {"Abort",
-                          [] {
-                            {
-                              const LastLine last;
-                            }
-                            std::abort();
-                          }},
-                         {"SignalOfAFault",
-                          [] {
-                            {
-                              const LastLine last;
-                            }
-                            raise(SIGSEGV);
-                          }},
-                         {"Fault",
-                          [] {
-                            {
-                              const LastLine last;
-                            }
-                            __builtin_trap();
-                          }},
-                         {"WrittenBefore", [] {
-                            {
-                              const LastLine last;
-                            }
-                            FlushLog();
-                            std::_Exit(3);
-                          }}};
 INSTANTIATE_TEST_SUITE_P(Ends, LogAtTheEnd, testing::ValuesIn(kEnds),
                          [](const auto& test) { return std::string(test.param.name); });
 
@@ -350,13 +323,10 @@ TEST(LogOutputsTest, JournalStreamIsRecognisedAndBothOnlyWhenAskedFor) {
   struct stat standard_error{};
   standard_error.st_dev = 8;
   standard_error.st_ino = 4711;
-  const struct {
-    const char* asked;
-    const char* stream;
-    LogChoice choice;
-  } rows[] = {{nullptr, nullptr, {true, false, false}},  {nullptr, "8:4711", {false, true, true}},
-              {nullptr, "8:4712", {true, false, false}}, {"0", "8:4711", {true, false, true}},
-              {"1", nullptr, {true, true, false}},       {"1", "8:4711", {false, true, true}}};
+  const std::tuple<const char*, const char*, LogChoice> rows[] = {
+      {nullptr, nullptr, {true, false, false}},  {nullptr, "8:4711", {false, true, true}},
+      {nullptr, "8:4712", {true, false, false}}, {"0", "8:4711", {true, false, true}},
+      {"1", nullptr, {true, true, false}},       {"1", "8:4711", {false, true, true}}};
   for (const auto& [asked, stream, choice] : rows) {
     EXPECT_EQ(ChooseLogOutputs(asked, stream, standard_error), choice)
         << (asked == nullptr ? "-" : asked) << (stream == nullptr ? "-" : stream);
@@ -364,9 +334,9 @@ TEST(LogOutputsTest, JournalStreamIsRecognisedAndBothOnlyWhenAskedFor) {
 }
 
 TEST(LogOutputsTest, JournalGetsFieldsAndStandardErrorThePriorityWhenItIsAway) {
-  std::string folder = testing::TempDir() + "log.XXXXXX";
+  const fake::TempFolder folder;
   sockaddr_un address{.sun_family = AF_UNIX, .sun_path = {}};
-  const std::string path = std::string(mkdtemp(folder.data())) + "/socket";
+  const std::string path = folder.path / "socket";
   path.copy(address.sun_path, sizeof(address.sun_path) - 1);
   const int journal = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   ASSERT_EQ(bind(journal, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
@@ -397,7 +367,6 @@ TEST(LogOutputsTest, JournalGetsFieldsAndStandardErrorThePriorityWhenItIsAway) {
                "CODE_LINE=7\nCODE_FUNC=Handle\nZELT_CATEGORY=0x800A\n");
   close(journal);
   EXPECT_THAT(write("b"), MatchesRegex("<7>....-..-.. .* V kova 0x800A Handle: b\n"));
-  std::filesystem::remove_all(folder);
 }
 
 }  // namespace

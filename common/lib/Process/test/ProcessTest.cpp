@@ -1,5 +1,6 @@
 #include "zelt/ForkAndExec.h"
 #include "zelt/fake/LogCapture.h"
+#include "zelt/fake/TempFolder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -12,7 +13,6 @@
 
 #include <chrono>
 #include <csignal>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
@@ -90,9 +90,9 @@ TEST(ProcessTest, ChildThatTakesTooLongIsKilledAndNothingElse) {
 class LeftBehind : public testing::TestWithParam<bool> {};
 
 TEST_P(LeftBehind, MayWriteOn) {
-  std::string folder = testing::TempDir() + "process.XXXXXX";
-  const std::string gate = std::string(mkdtemp(folder.data())) + "/gate";
-  const std::string outcome = folder + "/outcome";
+  const fake::TempFolder folder;
+  const std::string gate = folder.path / "gate";
+  const std::string outcome = folder.path / "outcome";
   ASSERT_EQ(mkfifo(gate.c_str(), 0600), 0);
   ASSERT_EQ(mkfifo(outcome.c_str(), 0600), 0);
   const auto leave_behind = [&] {
@@ -113,7 +113,6 @@ TEST_P(LeftBehind, MayWriteOn) {
   std::string text;
   std::getline(std::ifstream(outcome), text);
   EXPECT_EQ(text, "status 0");
-  std::filesystem::remove_all(folder);
 }
 
 INSTANTIATE_TEST_SUITE_P(ParentEnds, LeftBehind, testing::Bool());
@@ -162,7 +161,8 @@ TEST(ProcessTest, StatusThatCannotBeHadIsMinusOneAndLogged) {
 }
 
 TEST(ProcessTest, ChildDiesWithItsParent) {
-  const std::string fifo = testing::TempDir() + "alive." + std::to_string(getpid());
+  const fake::TempFolder folder;
+  const std::string fifo = folder.path / "alive";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const pid_t parent = fork();
   if (parent == 0) {
@@ -176,7 +176,6 @@ TEST(ProcessTest, ChildDiesWithItsParent) {
   waitpid(parent, nullptr, 0);
   EXPECT_EQ(read(alive, &byte, 1), 0) << "ends when the last writer is gone";
   close(alive);
-  unlink(fifo.c_str());
 }
 
 }  // namespace

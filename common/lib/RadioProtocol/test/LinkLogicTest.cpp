@@ -6,11 +6,13 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cctype>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <limits>
-#include <optional>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,7 +22,6 @@ namespace {
 using namespace std::chrono_literals;
 using codec::Bytes;
 using codec::LinkControl;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using Milliseconds = std::chrono::milliseconds;
 
@@ -34,8 +35,9 @@ Bytes MakeFrame(pel::FrameKind kind, codec::ByteView payload) {
 Bytes Control(codec::ByteView payload) {
   return MakeFrame(pel::FrameKind::LinkControl, payload);
 }
-Bytes Answer(std::string name, std::uint16_t version = 1) {
-  return Control(codec::Encode(codec::HelloAnswer{version, true, 100, std::move(name), {}}));
+const Bytes kAnswer = codec::Encode(codec::HelloAnswer{1, true, 100, "cut", {}});
+Bytes Answer(std::string name, std::uint16_t version = 1, std::uint16_t size = 100) {
+  return Control(codec::Encode(codec::HelloAnswer{version, true, size, std::move(name), {}}));
 }
 Bytes Broadcast(std::size_t payload) {
   return MakeFrame(pel::FrameKind::Broadcast, Bytes(payload, 7));
@@ -45,25 +47,94 @@ Bytes Damaged(Bytes frame) {
   return frame;
 }
 
-// A link on a line and a clock of the test's own. Times are milliseconds since the line was there.
-class Bench {
+// A link on a line and a clock of the test's own, driven by a script. Its words:
+//
+//   MILLISECONDS    that pass; "over" are many           greet, connect  the handshake, half or
+//   whole frame:SIZE, damaged:SIZE, slowly:SIZE, half:SIZE, unknown, noise     what comes from the
+//   radio answer:NAME, newer, no-files, cut, goodbye           its link control; "alive": from now
+//   on takes:BYTES     what the line takes; "all"; "frame": as long as the last that was queued
+//   COUNTxSIZE      so many broadcasts are queued        hold, go, fail, close
+//   COUNT*( ... )                                        all-sent: keep-alives are traced, too
+//
+// Run() gives what came of it, each after its time in milliseconds: names and sizes that were told,
+// "lost" or "failed", and with ">" what was sent.
+class Script {
  public:
-  static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
-
-  explicit Bench(std::chrono::nanoseconds byte_time = 0ns) : byte_time_(byte_time) {
+  explicit Script(std::chrono::nanoseconds byte_time = 0ns) : byte_time_(byte_time) {
     logic_.Open(now_);
   }
-  void Greet() {
-    logic_.LineIsThere(now_);
-    Carry();
+
+  std::string Run(const std::string& script) {
+    std::istringstream words(script);
+    Run(words);
+    const auto malformed = counters_.dropped_malformed.load();
+    return trace_ + (malformed == 0 ? "" : " malformed:" + std::to_string(malformed));
   }
-  // A link that is connected at 0 ms.
-  Bench& Connect() {
-    Greet();
-    Bring(Answer("radio"));
-    return *this;
+  LinkLogic& Logic() { return logic_; }
+
+ private:
+  static constexpr std::size_t kAll = std::numeric_limits<std::size_t>::max();
+
+  void Run(std::istream& words) {
+    for (std::string word; words >> word && word != ")";) {
+      const std::size_t colon = word.find(':');
+      const std::string value = colon == std::string::npos ? "" : word.substr(colon + 1);
+      if (word.ends_with("*(")) {
+        const auto start = words.tellg();
+        for (int times = std::stoi(word); times > 0; --times) {
+          words.seekg(start);
+          Run(words);
+        }
+      } else if (const std::size_t x = word.find('x');
+                 x != 0 && x < word.size() - 1 && std::isdigit(word[x - 1]) != 0) {
+        last_size_ = Broadcast(std::stoul(word.substr(x + 1))).size();
+        for (int count = std::stoi(word); count > 0; --count) {
+          logic_.Queue(Broadcast(std::stoul(word.substr(x + 1))), std::stoul(word.substr(x + 1)));
+        }
+        Carry();
+      } else if (std::isdigit(word[0]) != 0) {
+        Pass(Milliseconds(std::stoi(word)));
+      } else {
+        Do(word.substr(0, colon), value);
+      }
+    }
+  }
+  void Do(const std::string& word, const std::string& value) {
+    const std::map<std::string, std::function<void()>> words = {
+        {"over", [&] { Pass(100s); }},
+        {"greet", [&] { logic_.LineIsThere(now_), Carry(); }},
+        {"connect", [&] { logic_.LineIsThere(now_), Carry(), Bring(Answer("radio")); }},
+        {"frame", [&] { Bring(Broadcast(std::stoul(value))); }},
+        {"damaged", [&] { Bring(Damaged(Broadcast(std::stoul(value)))); }},
+        {"slowly", [&] { BringSlowly(Broadcast(std::stoul(value))); }},
+        {"slowly-damaged", [&] { BringSlowly(Damaged(Broadcast(std::stoul(value)))); }},
+        {"half", [&] { Bring(codec::ByteView(Broadcast(1000)).first(std::stoul(value) / 2)); }},
+        {"unknown", [&] { Bring(MakeFrame(static_cast<pel::FrameKind>(4), Bytes{1, 2})); }},
+        {"noise", [&] { Bring(Bytes{0x55}); }},
+        {"answer", [&] { Bring(Answer(value)); }},
+        {"newer", [&] { Bring(Answer("newer", 2)); }},
+        {"no-files", [&] { Bring(Answer("small", 1, 0)); }},
+        {"cut", [&] { Bring(Control(codec::ByteView(kAnswer).first(kAnswer.size() - 1))); }},
+        {"goodbye", [&] { Bring(Control(codec::Encode(LinkControl::Goodbye))); }},
+        {"alive", [&] { next_alive_ = now_ + 800ms; }},
+        {"takes",
+         [&] {
+           takes_ = value == "all" ? kAll : value == "frame" ? last_size_ : std::stoul(value);
+           Carry();
+         }},
+        {"hold", [&] { logic_.Hold(); }},
+        {"go", [&] { logic_.Continue(now_); }},
+        {"fail", [&] { logic_.LineFailed("too late"), Carry(); }},
+        {"close", [&] { logic_.Close(), Carry(); }},
+        {"all-sent", [&] { all_sent_ = true; }},
+    };
+    words.at(word)();
   }
 
+  void Trace(const std::string& what) {
+    const auto now = std::to_string((now_ - LinkLogic::Time()) / 1ms);
+    trace_ += (trace_.empty() ? "" : " ") + now + ":" + what;
+  }
   void Bring(codec::ByteView bytes) {
     logic_.Received(bytes, now_);
     Carry();
@@ -75,11 +146,9 @@ class Bench {
       Bring(Bytes{byte});
     }
   }
-  // Lets time pass.
   void Pass(std::chrono::nanoseconds time) {
     for (const auto until = now_ + time; !logic_.IsClosed();) {
-      const auto next = std::min({until, std::max(now_, logic_.NextLook(now_)), next_alive_});
-      now_ = next;
+      now_ = std::min({until, std::max(now_, logic_.NextLook(now_)), next_alive_});
       if (now_ == next_alive_) {
         next_alive_ += 800ms;
         Bring(Control(codec::Encode(LinkControl::KeepAlive)));
@@ -91,38 +160,6 @@ class Bench {
       }
     }
   }
-  void RadioKeepsAlive() { next_alive_ = now_ + 800ms; }
-  // When it is over, if it is within a while.
-  std::optional<int> OverAt() {
-    Pass(100s);
-    return over_at_;
-  }
-  int Now() const { return static_cast<int>((now_ - start_) / 1ms); }
-
-  // What the line takes from now on.
-  void LineTakes(std::size_t bytes) {
-    takes_ = bytes;
-    Carry();
-  }
-
-  // The line takes nothing, and so many messages wait for it.
-  void Stuff(int count, std::size_t payload) {
-    takes_ = 0;
-    for (; count > 0; --count) {
-      logic_.Queue(Broadcast(payload), payload);
-    }
-    Carry();
-  }
-
-  LinkLogic& Logic() { return logic_; }
-  fake::Deadline deadline;
-  zelt::fake::LogCapture log;
-  AtomicCounters counters;
-  std::vector<std::string> told;                  // events
-  std::vector<std::pair<int, LinkControl>> sent;  // link control, and when
-  std::vector<std::size_t> messages;              // sizes of the payloads that went out
-
- private:
   void Carry() {
     while (takes_ > 0) {
       const auto bytes = logic_.Waiting(now_);
@@ -135,289 +172,145 @@ class Bench {
       logic_.Took(count, now_);
     }
     logic_.Waiting(now_);
-    if (logic_.IsClosed() && !over_at_) {
-      over_at_ = Now();
-    }
     logic_.TellEnd();
+  }
+  bool Sent(const pel::BaseMessage& header, codec::ByteView payload) {
+    static constexpr const char* kNames[] = {"", ">hello", "", ">alive", ">goodbye"};
+    if (header.kind != static_cast<int>(pel::FrameKind::LinkControl)) {
+      Trace(">" + std::to_string(payload.size()));
+    } else if (all_sent_ || *codec::LinkControlCode(payload) != LinkControl::KeepAlive) {
+      Trace(kNames[static_cast<std::size_t>(*codec::LinkControlCode(payload))]);
+    }
+    return true;
   }
 
   const std::chrono::nanoseconds byte_time_;
-  const LinkLogic::Time start_{};
-  LinkLogic::Time now_ = start_;
+  fake::Deadline deadline_;
+  AtomicCounters counters_;
+  std::string trace_;
+  bool all_sent_ = false;
+  LinkLogic::Time now_{};
   LinkLogic::Time next_alive_ = LinkLogic::Time::max();
   std::size_t takes_ = kAll;
-  std::optional<int> over_at_;
-  codec::Deframer radio_{[this](const pel::BaseMessage& header, codec::ByteView payload) {
-                           if (header.kind == static_cast<int>(pel::FrameKind::LinkControl)) {
-                             sent.emplace_back(Now(), *codec::LinkControlCode(payload));
-                           } else {
-                             messages.push_back(payload.size());
-                           }
-                           return true;
-                         },
-                         [this](codec::Drop, std::size_t) { told.emplace_back("damaged"); }};
+  std::size_t last_size_ = 0;
+  codec::Deframer radio_{[this](const auto& header, auto payload) { return Sent(header, payload); },
+                         [this](codec::Drop, std::size_t) { Trace(">damaged"); }};
   LinkLogic logic_{
-      LinkSettings{{1, true, false, "1.2.3", "camera"}, 7, 30s, "the line", byte_time_}, counters,
-      LinkEvents{
-          [this](const codec::HelloAnswer& answer) { told.push_back(answer.name); },
-          [this](const pel::BaseMessage&, codec::ByteView payload) {
-            told.push_back("frame of " + std::to_string(payload.size()));
-            return FrameVerdict{};
-          },
-          [this](bool was_connected) { told.emplace_back(was_connected ? "lost" : "failed"); }}};
+      LinkSettings{{1, true, false, "1.2.3", "camera"}, 7, 30s, "the line", byte_time_}, counters_,
+      LinkEvents{[this](const codec::HelloAnswer& answer) { Trace(answer.name); },
+                 [this](const pel::BaseMessage&, codec::ByteView payload) {
+                   Trace(std::to_string(payload.size()));
+                   return FrameVerdict{};
+                 },
+                 [this](bool was_connected) { Trace(was_connected ? "lost" : "failed"); }}};
 };
 
-struct LifeCase {
+struct Row {
   const char* name;
   std::chrono::nanoseconds byte_time;
-  std::function<void(Bench&)> happens;  // after the handshake
-  std::optional<int> over_at;
+  const char* script;
+  const char* trace;
+  const char* log = "";  // what a line of it says
 };
 
-using LinkLogicLife = testing::TestWithParam<LifeCase>;
-
-TEST_P(LinkLogicLife, ARadioIsLostInTimeAndNotBefore) {
-  Bench bench(GetParam().byte_time);
-  bench.Connect();
-  GetParam().happens(bench);
-  EXPECT_EQ(bench.OverAt(), GetParam().over_at);
+void PrintTo(const Row& row, std::ostream* stream) {
+  *stream << row.script;
 }
 
-void Repeat(int times, const std::function<void()>& action) {
-  for (int i = 0; i < times; ++i) {
-    action();
-  }
+class LinkLogicTest : public testing::TestWithParam<Row> {};
+
+TEST_P(LinkLogicTest, DoesWhatTheTableSays) {
+  const zelt::fake::LogCapture log;
+  Script script(GetParam().byte_time);
+  EXPECT_EQ(script.Run(GetParam().script), GetParam().trace);
+  EXPECT_TRUE(log.Contains(GetParam().log));
 }
 
-const std::vector<LifeCase> kLives = {
-    {"Silent", 0ns, [](Bench&) {}, 2500},
-    {"SilentOnASlowLine", kSlow, [](Bench&) {}, 2500 + 5712},
-    {"KeepAlives", 0ns, [](Bench& bench) { bench.RadioKeepsAlive(); }, std::nullopt},
-    {"LastGoodFrameCounts", 0ns,
-     [](Bench& bench) {
-       bench.Pass(2s);
-       bench.Bring(Broadcast(10));
-     },
-     4500},
-    {"DeadInMidFrameUnderNoise", 0ns,
-     [](Bench& bench) {
-       const Bytes frame = Broadcast(1000);
-       bench.Bring(codec::ByteView(frame).first(500));
-       Repeat(60, [&] {
-         bench.Pass(100ms);
-         bench.Bring(Bytes{0x55});
-       });
-     },
-     2500},
-    {"NothingButDamage", 0ns,
-     [](Bench& bench) {
-       Repeat(60, [&] {
-         bench.Pass(100ms);
-         bench.Bring(Damaged(Broadcast(10)));
-       });
-     },
-     2500},
-    {"FramesOfNoKnownKind", 0ns,
-     [](Bench& bench) {
-       Repeat(60, [&] {
-         bench.Pass(100ms);
-         bench.Bring(MakeFrame(static_cast<pel::FrameKind>(4), Bytes{1, 2}));
-       });
-     },
-     2500},
+constexpr std::chrono::nanoseconds kCrawling = std::chrono::nanoseconds(10s) / 1200;
+
+constexpr Row kRows[] = {
+    // A radio is lost in time, and not before.
+    {"Silent", 0ns, "connect over", "0:>hello 0:radio 2500:>goodbye 2500:lost"},
+    {"SilentOnASlowLine", kSlow, "connect over", "0:>hello 0:radio 8212:>goodbye 8212:lost"},
+    {"KeepAlives", 0ns, "connect alive over", "0:>hello 0:radio"},
+    {"LastGoodFrameCounts", 0ns, "connect 2000 frame:10 over",
+     "0:>hello 0:radio 2000:10 4500:>goodbye 4500:lost"},
+    {"DeadInMidFrameUnderNoise", 0ns, "connect half:1000 60*( 100 noise ) over",
+     "0:>hello 0:radio 2500:>goodbye 2500:lost"},
+    {"NothingButDamage", 0ns, "connect 60*( 100 damaged:10 ) over",
+     "0:>hello 0:radio 2500:>goodbye 2500:lost"},
+    {"FramesOfNoKnownKind", 0ns, "connect 60*( 100 unknown ) over",
+     "0:>hello 0:radio 2500:>goodbye 2500:lost malformed:24"},
     {"OneLongFrameOfManyIsDamaged", kSlow,
-     [](Bench& bench) {
-       const Bytes frame = Broadcast(40'000);
-       for (const Bytes& bytes : {frame, Damaged(frame), frame}) {
-         bench.BringSlowly(bytes);
-       }
-       EXPECT_EQ(bench.told.size(), 3) << "the answer and two frames";
-     },
-     18'674},  // 3 times 3.5 s, and the limit,
-    {"HeldBackAndThenSilent", 0ns,
-     [](Bench& bench) {
-       bench.Logic().Hold();
-       bench.Logic().Hold();
-       bench.Pass(60s);
-       bench.Logic().Continue(LinkLogic::Time(60s));
-     },
-     62'500},
-    {"GoingOnWithoutHoldingIsNoLife", 0ns,
-     [](Bench& bench) {
-       bench.Pass(2s);
-       bench.Logic().Continue(LinkLogic::Time(2s));
-     },
-     2500},
-    {"TakesNothing", 0ns,
-     [](Bench& bench) {
-       bench.RadioKeepsAlive();
-       bench.Pass(5s);
-       bench.Stuff(1, 100);
-     },
-     15'000},
-    {"TakesNothingOfADriverThatIsSlow", std::chrono::nanoseconds(10s) / 1200,
-     [](Bench& bench) {
-       bench.RadioKeepsAlive();
-       bench.Stuff(1, 100);
-     },
-     10'000 + 34'133},
-    {"TakesAByteNowAndThen", 0ns,
-     [](Bench& bench) {
-       bench.RadioKeepsAlive();
-       bench.Stuff(1, 100);
-       Repeat(15, [&] {
-         bench.Pass(1s);
-         bench.LineTakes(1);
-       });
-     },
-     10'000},
-    {"TakesALongFrameAsFastAsTheLineIs", kSlow,
-     [](Bench& bench) {
-       bench.RadioKeepsAlive();
-       bench.Stuff(1, 60'000);
-       Repeat(100, [&] {
-         bench.Pass(150ms);
-         bench.LineTakes(610);
-       });
-       EXPECT_THAT(bench.messages, ElementsAre(60'000)) << "after 15 s, a third of its speed";
-       bench.LineTakes(Bench::kAll);
-     },
-     std::nullopt},
+     "connect slowly:40000 slowly-damaged:40000 slowly:40000 over",
+     "0:>hello 0:radio 3487:40000 10462:40000 18674:>goodbye 18674:lost"},
+    {"HeldBackAndThenSilent", 0ns, "connect hold hold 60000 go over",
+     "0:>hello 0:radio 62500:>goodbye 62500:lost"},
+    {"GoingOnWithoutHoldingIsNoLife", 0ns, "connect 2000 go over",
+     "0:>hello 0:radio 2500:>goodbye 2500:lost"},
+    {"TakesNothing", 0ns, "connect alive 5000 takes:0 1x100 over", "0:>hello 0:radio 15000:lost"},
+    {"TakesNothingOfADriverThatIsSlow", kCrawling, "connect alive takes:0 1x100 over",
+     "0:>hello 0:radio 44133:lost"},
+    {"TakesAByteNowAndThen", 0ns, "connect alive takes:0 1x100 15*( 1000 takes:1 ) over",
+     "0:>hello 0:radio 10000:lost"},
+    {"TakesALongFrameAtAThirdOfTheSpeed", kSlow,
+     "connect alive takes:0 1x60000 100*( 150 takes:610 ) takes:all over",
+     "0:>hello 0:radio 14850:>60000"},
     {"TakesOneFrameAfterTheOther", 0ns,
-     [](Bench& bench) {
-       bench.RadioKeepsAlive();
-       bench.Stuff(10, 1000);
-       Repeat(10, [&] {
-         bench.Pass(9s);
-         bench.LineTakes(Broadcast(1000).size());
-       });
-       bench.LineTakes(Bench::kAll);
-     },
-     std::nullopt},
+     "connect alive takes:0 3x1000 3*( 9000 takes:frame ) takes:all over",
+     "0:>hello 0:radio 9000:>1000 18000:>1000 27000:>1000"},
+    // What is sent, and when.
+    {"KeepAliveComesWhenNothingElseWasSentAndTheLineTakesIt", 0ns,
+     "all-sent connect alive 1000 takes:0 1x10 takes:all 1000 takes:0 1x10 5000 takes:all 1000",
+     "0:>hello 0:radio 800:>alive 1000:>10 1800:>alive 7000:>10 7800:>alive"},
+    {"HelloIsRepeatedUntilItIsAnsweredButNotPiledUp", 0ns,
+     "greet 2500 takes:0 10000 takes:all answer:late",
+     "0:>hello 1000:>hello 2000:>hello 12500:>hello 12500:late"},
+    {"HelloThatIsNotAnswered", 0ns, "greet takes:0 over", "0:>hello 30000:failed",
+     "no answer to the hello in time"},
+    {"NothingIsSentBeforeTheLineIsThere", 0ns, "over", "30000:failed",
+     "No link to the radio on the line: no connection in time"},
+    {"OnlyTheFirstGoodAnswerBeginsASession", 0ns,
+     "greet frame:10 goodbye cut answer:first answer:second frame:10 goodbye",
+     "0:>hello 0:first 0:10 0:>goodbye 0:lost malformed:1"},
+    {"RadioThatTakesNoFilesIsNamedAndKept", 0ns, "greet no-files", "0:>hello 0:small",
+     "Radio \"small\" takes no files"},
+    {"RadioOfAnotherVersionIsLeftWithoutAGoodbye", 0ns, "greet newer", "0:>hello 0:failed"},
+    {"NothingIsToldAfterCloseAndTheGoodbyeIsLast", 0ns,
+     "connect takes:0 1x10 close takes:all frame:10 fail", "0:>hello 0:radio 0:>10 0:>goodbye"},
 };
-INSTANTIATE_TEST_SUITE_P(Lives, LinkLogicLife, testing::ValuesIn(kLives),
-                         [](const auto& life) { return std::string(life.param.name); });
-
-TEST(LinkLogic, KeepAliveComesWhenNothingElseWasSentAndTheLineTakesIt) {
-  Bench bench;
-  bench.Connect().RadioKeepsAlive();
-  bench.Pass(1s);
-  bench.Stuff(1, 10);
-  bench.LineTakes(Bench::kAll);
-  bench.Pass(1s);
-  bench.Stuff(1, 10);
-  bench.Pass(5s);
-  bench.LineTakes(Bench::kAll);
-  bench.Pass(1s);
-  EXPECT_THAT(bench.sent,
-              ElementsAre(std::pair(0, LinkControl::Hello), std::pair(800, LinkControl::KeepAlive),
-                          std::pair(1800, LinkControl::KeepAlive),
-                          std::pair(7800, LinkControl::KeepAlive)));
-  EXPECT_THAT(bench.messages, ElementsAre(10, 10)) << "the line takes what waited, and goes on";
-}
-
-TEST(LinkLogic, HelloIsRepeatedUntilItIsAnsweredButNotPiledUp) {
-  Bench bench;
-  bench.Greet();
-  bench.Pass(2500ms);
-  bench.LineTakes(0);
-  bench.Pass(10s);
-  bench.LineTakes(Bench::kAll);
-  const auto hellos = bench.sent.size();
-  EXPECT_EQ(hellos, 4) << "at 0, 1 and 2 s, and one that waited";
-  EXPECT_EQ(bench.OverAt(), 30'000);
-  EXPECT_THAT(bench.told, ElementsAre("failed"));
-  EXPECT_TRUE(bench.log.Contains("no answer to the hello in time"));
-}
-
-TEST(LinkLogic, NothingIsSentBeforeTheLineIsThere) {
-  Bench bench;
-  EXPECT_EQ(bench.OverAt(), 30'000);
-  EXPECT_TRUE(bench.log.Contains("No link to the radio on the line: no connection in time"));
-  EXPECT_TRUE(bench.sent.empty());
-}
-
-TEST(LinkLogic, OnlyTheFirstGoodAnswerBeginsASession) {
-  Bench bench;
-  bench.Greet();
-  bench.Bring(Broadcast(10));
-  bench.Bring(Control(codec::Encode(LinkControl::Goodbye)));
-  Bytes cut = codec::Encode(codec::HelloAnswer{1, true, 100, "cut", {}});
-  cut.pop_back();
-  bench.Bring(Control(cut));
-  EXPECT_TRUE(bench.told.empty()) << "left over from an earlier session, or not to be read";
-  EXPECT_EQ(bench.counters.dropped_malformed, 1);
-  bench.Bring(Answer("first"));
-  bench.Bring(Answer("second"));
-  bench.Bring(Broadcast(10));
-  EXPECT_THAT(bench.told, ElementsAre("first", "frame of 10"));
-  bench.Bring(Control(codec::Encode(LinkControl::Goodbye)));
-  EXPECT_THAT(bench.told, ElementsAre("first", "frame of 10", "lost"));
-  EXPECT_EQ(bench.sent.back().second, LinkControl::Goodbye);
-}
-
-TEST(LinkLogic, RadioThatTakesNoFilesIsNamedAndKept) {
-  Bench bench;
-  bench.Greet();
-  bench.Bring(Control(codec::Encode(codec::HelloAnswer{1, true, 0, "small", {}})));
-  EXPECT_THAT(bench.told, ElementsAre("small"));
-  EXPECT_TRUE(bench.log.Contains("Radio \"small\" takes no files"));
-}
-
-TEST(LinkLogic, RadioOfAnotherVersionIsLeftWithoutAGoodbye) {
-  Bench bench;
-  bench.Greet();
-  bench.Bring(Answer("newer", 2));
-  EXPECT_THAT(bench.told, ElementsAre("failed"));
-  EXPECT_EQ(bench.sent.back().second, LinkControl::Hello);
-}
-
-TEST(LinkLogic, NothingIsToldAfterCloseAndTheGoodbyeIsLast) {
-  Bench bench;
-  bench.Connect();
-  bench.Logic().Queue(Broadcast(10), 10);
-  bench.Logic().Close();
-  bench.Bring(Broadcast(10));
-  bench.Logic().LineFailed("too late");
-  bench.Bring({});
-  EXPECT_THAT(bench.told, ElementsAre("radio"));
-  EXPECT_THAT(bench.messages, ElementsAre(10));
-  EXPECT_EQ(bench.sent.back().second, LinkControl::Goodbye);
-}
-
-struct RoomCase {
-  std::chrono::nanoseconds byte_time;
-  std::size_t room;
-};
+INSTANTIATE_TEST_SUITE_P(Rows, LinkLogicTest, testing::ValuesIn(kRows),
+                         [](const auto& row) { return std::string(row.param.name); });
 
 // What fits into the room as its sender counts it is taken, whatever is sent without asking.
-TEST(LinkLogic, RoomIsMeasuredByTheLineAndKeepsWhatItPromises) {
-  for (const auto& [byte_time, room] :
-       std::vector<RoomCase>{{0ns, 262'144},
-                             {std::chrono::nanoseconds(10s) / 1'500'000, 150'000},
-                             {kSlow, kLargestMessage}}) {
-    Bench bench(byte_time);
-    bench.Connect().LineTakes(0);
-    LinkLogic& logic = bench.Logic();
-    EXPECT_NEAR(static_cast<double>(logic.Room()), static_cast<double>(room), 20);
+TEST(LinkLogicRoom, IsMeasuredByTheLineAndKeepsWhatItPromises) {
+  const std::pair<std::chrono::nanoseconds, double> rooms[] = {
+      {0ns, 262'144},
+      {std::chrono::nanoseconds(10s) / 1'500'000, 150'000},
+      {kSlow, static_cast<double>(kLargestMessage)}};
+  for (const auto& [byte_time, room] : rooms) {
+    Script script(byte_time);
+    script.Run("connect takes:0");
+    LinkLogic& logic = script.Logic();
+    const auto take_another = [&] { return logic.Queue(Broadcast(1002), 1002); };
+    EXPECT_NEAR(static_cast<double>(logic.Room()), room, 20);
     EXPECT_GE(logic.Room(), 65'533 + RadioProtocol::kSendOverhead) << "the largest message";
     const std::size_t admitted = logic.Room() / (1000 + RadioProtocol::kSendOverhead);
     const Bytes largest = Broadcast(65'535);
     EXPECT_TRUE(logic.Queue(largest, 65'535)) << "the next chunk";
     EXPECT_TRUE(logic.Queue(largest, 65'535)) << "an answer that nobody gave";
     for (std::size_t i = 0; i < admitted; ++i) {
-      ASSERT_TRUE(logic.Queue(Broadcast(1002), 1002)) << i;
+      ASSERT_TRUE(take_another()) << i;
     }
     EXPECT_EQ(logic.Room(), 0);
-    while (logic.Queue(Broadcast(1002), 1002)) {
+    while (take_another()) {
     }
-    bench.Bring({});
-    bench.LineTakes(largest.size() - 1);
-    EXPECT_FALSE(logic.Queue(Broadcast(1002), 1002)) << "a frame counts until all of it is taken";
-    bench.LineTakes(1);
-    EXPECT_TRUE(logic.Queue(Broadcast(1002), 1002));
-    bench.LineTakes(Bench::kAll);
-    EXPECT_NEAR(static_cast<double>(logic.Room()), static_cast<double>(room), 20);
+    script.Run("takes:" + std::to_string(largest.size() - 1));
+    EXPECT_FALSE(take_another()) << "a frame counts until all of it is taken";
+    script.Run("takes:1");
+    EXPECT_TRUE(take_another());
+    script.Run("takes:all");
+    EXPECT_NEAR(static_cast<double>(logic.Room()), room, 20);
   }
 }
 

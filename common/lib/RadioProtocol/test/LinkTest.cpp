@@ -85,25 +85,22 @@ TEST_F(LinkTest, FileHandleAnswersKeepTheirDataOrFail) {
     set(response);
     return protocol_.MakeFileHandleResponse(response);
   };
-  using Response = Kova::FileHandleOpenResponse;
-  FileHandleRespWrapper expected{0x2345, 1ULL << 40U, 3, {}};
-  EXPECT_EQ(made([](Response&) {}), expected);
-  expected.data = qrx::DirectoryDataType{{"a", "b"}};
-  EXPECT_EQ(made([](Response& response) {
-              response.mutable_directory()->add_entries("a");
-              response.mutable_directory()->add_entries("b");
-            }),
-            expected);
-  expected.data = std::uint32_t{7};
-  EXPECT_EQ(made([](Response& response) { response.set_size(7); }), expected);
+  const auto expected = [](auto data, std::uint64_t status = 1ULL << 40U) {
+    return FileHandleRespWrapper{0x2345, status, 3, std::move(data)};
+  };
   const std::string largest(65'518, 't');
-  expected.data = largest;
-  EXPECT_EQ(made([&](Response& response) { response.set_text(largest); }), expected);
-  expected.data = codec::Bytes(largest.begin(), largest.end());
-  EXPECT_EQ(made([&](Response& response) { response.set_content(largest); }), expected);
-  expected.status = 0x0111849C;
-  expected.data = std::monostate();
-  EXPECT_EQ(made([&](Response& response) { response.set_content(largest + 't'); }), expected);
+  EXPECT_EQ(made([](auto&) {}), expected(std::monostate()));
+  EXPECT_EQ(made([](auto& of) {
+              of.mutable_directory()->add_entries("a");
+              of.mutable_directory()->add_entries("b");
+            }),
+            expected(qrx::DirectoryDataType{{"a", "b"}}));
+  EXPECT_EQ(made([](auto& of) { of.set_size(7); }), expected(std::uint32_t{7}));
+  EXPECT_EQ(made([&](auto& of) { of.set_text(largest); }), expected(largest));
+  EXPECT_EQ(made([&](auto& of) { of.set_content(largest); }),
+            expected(codec::Bytes(largest.begin(), largest.end())));
+  EXPECT_EQ(made([&](auto& of) { of.set_content(largest + 't'); }),
+            expected(std::monostate(), 0x0111849C));
   EXPECT_TRUE(log_.Contains("file handle 9029 failed: 65536 bytes are too long for a frame"));
 }
 
@@ -180,63 +177,57 @@ TEST_F(LinkTest, StrangersBytesLoseOnlyTheDamagedFrame) {
   const codec::Bytes good = TestRadio::MakeFrame(Kind::Broadcast, codec::Bytes{0xB4, 0x06});
   codec::Bytes wrong = good;
   wrong[wrong.size() - 3] ^= 1U;
-  codec::Bytes truncated(good.begin(), good.begin() + 5);
-  truncated.push_back(0);
-  // The longest frame is one of 65,810 bytes and the zero that ends it.
-  codec::Bytes longest(65'810, 0x55);
-  longest.push_back(0);
-  codec::Bytes too_long(65'811, 0x55);
-  too_long.push_back(0);
-  const codec::Bytes unknown = TestRadio::MakeFrame(Kind::Request, codec::Bytes{0x12, 0x34});
-  const codec::Bytes no_protobuf =
-      TestRadio::MakeFrame(Kind::Response, codec::Bytes{0x84, 0x01, 0xFF});
-  const codec::Bytes newer = TestRadio::MakeFrame(Kind::LinkControl, codec::Bytes{0, 5, 1});
+  const auto ended = [](codec::Bytes bytes) {
+    bytes.push_back(0);
+    return bytes;
+  };
+  codec::Bytes largest(codec::kMaxPayload, 7);
+  largest[0] = 0xB4;
+  largest[1] = 0x06;
   std::size_t expected = 1;
   for (const codec::Bytes& bytes :
-       {wrong, truncated, longest, too_long, unknown, no_protobuf, newer}) {
+       {wrong, ended({good.begin(), good.begin() + 5}),
+        ended(codec::Bytes(65'810, 0x55)),  // the longest frame, and one byte more
+        ended(codec::Bytes(65'811, 0x55)),
+        TestRadio::MakeFrame(Kind::Request, codec::Bytes{0x12, 0x34}),
+        TestRadio::MakeFrame(Kind::Response, codec::Bytes{0x84, 0x01, 0xFF}),
+        TestRadio::MakeFrame(Kind::LinkControl, codec::Bytes{0, 5, 1}),
+        TestRadio::MakeFrame(Kind::Broadcast, largest)}) {
+    expected += bytes.size() > codec::kMaxPayload && bytes[1] != 0x55 ? 1U : 0U;
     radio_.SendRaw(bytes);
     radio_.SendRaw(good);
     EXPECT_EQ(seen_.Await(++expected).size(), expected);
   }
-  codec::Bytes payload(codec::kMaxPayload, 7);
-  payload[0] = 0xB4;
-  payload[1] = 0x06;
-  radio_.Send(Kind::Broadcast, payload);
-  EXPECT_EQ(seen_.Await(++expected).size(), expected) << "the largest message";
   const LinkCounters counters = protocol_.GetCounters();
   EXPECT_EQ(counters.dropped_checksum, 1);
   EXPECT_EQ(counters.dropped_malformed, 3);
   EXPECT_EQ(counters.dropped_too_long, 1);
   EXPECT_EQ(counters.dropped_unknown_opcode, 1);
-  const auto warnings = log_.Texts(zelt::kLogWarning);
-  EXPECT_GE(std::ranges::count_if(
-                warnings, [](const auto& text) { return text.starts_with("Dropped a frame"); }),
-            1);
+  EXPECT_TRUE(log_.Contains("Dropped a frame"));
 }
 
 TEST_F(LinkTest, StartRefusesWhatMakesNoSense) {
-  const std::string file = "/dev/null";
-  EXPECT_FALSE(protocol_.StartSocket({"localhost", 80}, 0, 1));
-  EXPECT_TRUE(log_.Contains("\"localhost\" is no numeric address"));
-  for (const std::uint32_t port : {0U, 65536U}) {
-    EXPECT_FALSE(protocol_.StartSocket({"127.0.0.1", port}, 0, 1));
-    EXPECT_TRUE(log_.Contains("port " + std::to_string(port) + " is not"));
-  }
-  EXPECT_FALSE(protocol_.StartSocket({"127.0.0.1", 80}, 65536, 1)) << "link address";
-  EXPECT_FALSE(protocol_.StartUart({.device = "/nowhere/tty", .baud_rate = 9600}, 0, 1));
-  EXPECT_TRUE(log_.Contains("cannot open /nowhere/tty"));
-  EXPECT_FALSE(protocol_.StartUart({.device = file, .baud_rate = 9600}, 0, 1)) << "no terminal";
-  const std::vector<std::pair<std::string, UartSettings>> wrong = {
-      {"baud rate 9601", {.device = file, .baud_rate = 9601}},
-      {"stop bits 3", {.device = file, .baud_rate = 9600, .stop_bits = 3}},
-      {"data bits 7", {.device = file, .baud_rate = 9600, .data_bits = 7}},
-      {"parity 3", {.device = file, .baud_rate = 9600, .parity = 3}},
-      {"flow control 2", {.device = file, .baud_rate = 9600, .flow_control = 2}},
-      {"read timeout 256", {.device = file, .baud_rate = 9600, .read_timeout = 256}}};
-  for (const auto& [text, settings] : wrong) {
-    EXPECT_FALSE(protocol_.StartUart(settings, 0, 1));
-    EXPECT_TRUE(log_.Contains(text));
-  }
+  const auto refused = [this](bool started, const std::string& text) {
+    EXPECT_FALSE(started) << text;
+    EXPECT_TRUE(log_.Contains(text)) << text;
+  };
+  const auto uart = [this](auto set) {
+    UartSettings settings{.device = "/dev/null", .baud_rate = 9600};
+    set(settings);
+    return protocol_.StartUart(settings, 0, 1);
+  };
+  refused(protocol_.StartSocket({"localhost", 80}, 0, 1), "\"localhost\" is no numeric address");
+  refused(protocol_.StartSocket({"127.0.0.1", 0}, 0, 1), "port 0 is not");
+  refused(protocol_.StartSocket({"127.0.0.1", 65536}, 0, 1), "port 65536 is not");
+  refused(protocol_.StartSocket({"127.0.0.1", 80}, 65536, 1), "65536");
+  refused(uart([](auto& of) { of.device = "/nowhere/tty"; }), "cannot open /nowhere/tty");
+  refused(uart([](auto&) {}), "/dev/null");
+  refused(uart([](auto& of) { of.baud_rate = 9601; }), "baud rate 9601");
+  refused(uart([](auto& of) { of.stop_bits = 3; }), "stop bits 3");
+  refused(uart([](auto& of) { of.data_bits = 7; }), "data bits 7");
+  refused(uart([](auto& of) { of.parity = 3; }), "parity 3");
+  refused(uart([](auto& of) { of.flow_control = 2; }), "flow control 2");
+  refused(uart([](auto& of) { of.read_timeout = 256; }), "read timeout 256");
   EXPECT_TRUE(seen_.Await(0).empty()) << "nothing was started";
 }
 

@@ -89,24 +89,16 @@ class Stranger {
   // "true", "false" or the name of the error.
   template <class... Arguments>
   std::string Call(const std::string& destination, const char* member, Arguments... arguments) {
-    sd_bus_message* raw = nullptr;
-    Check(sd_bus_message_new_method_call(bus_.get(), &raw, destination.c_str(), "/zelt/ServiceIPC",
-                                         "zelt.ServiceIPC1", member),
-          "call");
-    const MessagePtr call(raw);
-    Check(sd_bus_message_append(raw, arguments...), "append");
+    const MessagePtr call = NewCall(destination, member);
+    Check(sd_bus_message_append(call.get(), arguments...), "append");
     return Call(call);
   }
   std::string Send(const std::string& destination, const std::string& type,
                    const std::string& payload = "") {
-    sd_bus_message* raw = nullptr;
-    Check(sd_bus_message_new_method_call(bus_.get(), &raw, destination.c_str(), "/zelt/ServiceIPC",
-                                         "zelt.ServiceIPC1", "Send"),
-          "call");
-    const MessagePtr call(raw);
-    Check(sd_bus_message_append(raw, "s", type.c_str()), "append");
-    Check(sd_bus_message_append_array(raw, 'y', payload.data(), payload.size()), "append");
-    Check(sd_bus_message_append(raw, "t", std::uint64_t{0}), "append");
+    const MessagePtr call = NewCall(destination, "Send");
+    Check(sd_bus_message_append(call.get(), "s", type.c_str()), "append");
+    Check(sd_bus_message_append_array(call.get(), 'y', payload.data(), payload.size()), "append");
+    Check(sd_bus_message_append(call.get(), "t", std::uint64_t{0}), "append");
     return Call(call);
   }
   template <class... Arguments>
@@ -126,6 +118,13 @@ class Stranger {
   sd_bus* Bus() { return bus_.get(); }
 
  private:
+  MessagePtr NewCall(const std::string& destination, const char* member) {
+    sd_bus_message* raw = nullptr;
+    Check(sd_bus_message_new_method_call(bus_.get(), &raw, destination.c_str(), "/zelt/ServiceIPC",
+                                         "zelt.ServiceIPC1", member),
+          "call");
+    return MessagePtr(raw);
+  }
   std::string Call(const MessagePtr& call) {
     BusError error;
     sd_bus_message* raw = nullptr;

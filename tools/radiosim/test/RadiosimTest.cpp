@@ -73,17 +73,16 @@ class RadiosimTest : public testing::TestWithParam<bool> {
   void StartSimulator(const std::string& fault = {}) {
     (pty_ ? options_.pty_link : options_.listen) =
         pty_ ? (folder_ / "tty").string() : "127.0.0.1:0";
-    std::string error;
     FaultPlan plan(7);
     plan.SetBitsPerSecond(bits_per_second_);
-    ASSERT_TRUE(fault.empty() || plan.Add(fault, error)) << error;
-    bool ok = false;
+    ASSERT_TRUE(fault.empty() || plan.Add(fault));
+    std::expected<void, std::string> started;
     Run([&] {
       simulator_ = std::make_unique<Simulator>(io_, options_, std::move(plan),
                                                [this](const std::string& line) { Print(line); });
-      ok = simulator_->Start(error);
+      started = simulator_->Start();
     });
-    ASSERT_TRUE(ok) << error;
+    ASSERT_TRUE(started) << started.error();
     camera_.RegisterCallback(seen_.Callback());
   }
   bool StartLink(std::uint32_t timeout = 10) {
@@ -98,7 +97,7 @@ class RadiosimTest : public testing::TestWithParam<bool> {
   std::string Command(const std::string& line) {
     Simulator::Reply reply;
     Run([&] { reply = simulator_->Command(line); });
-    return (reply.ok ? "" : "error: ") + reply.text;
+    return reply ? *reply : "error: " + reply.error();
   }
   void Send(const orka::RadioOutgoingMessage& message) {
     EXPECT_EQ(camera_.SendToRadio(message, 0), SendResult::Sent);
@@ -169,8 +168,7 @@ INSTANTIATE_TEST_SUITE_P(TcpAndPty, RadiosimLineTest, testing::Bool(),
 template <class T>
 T Parsed(const std::string& json) {
   T message;
-  std::string error;
-  EXPECT_TRUE(FromJson(json, message, error)) << error;
+  EXPECT_TRUE(FromJson(json, message)) << json;
   return message;
 }
 
@@ -347,7 +345,7 @@ TEST_F(RadiosimTest, ChunksOutOfOrderAreRefusedAndRepeatedOnesNotDoubled) {
   PushChunk(0, "ab");
   ASSERT_TRUE(seen_.AwaitKind(N::TransferData, 6));
   camera_.Stop();
-  Run([&] { EXPECT_TRUE(simulator_->Command("reboot").ok); });
+  Run([&] { EXPECT_TRUE(simulator_->Command("reboot")); });
   EXPECT_EQ(std::distance(fs::directory_iterator(options_.radio.store), {}), 1)
       << "nothing is left of the file that was given up";
 }
@@ -544,8 +542,7 @@ std::string Hits(FaultPlan& plan) {
 }
 std::string Hits(const std::string& rule, std::uint64_t seed = 1) {
   FaultPlan plan(seed);
-  std::string error;
-  EXPECT_TRUE(plan.Add(rule, error)) << error;
+  EXPECT_TRUE(plan.Add(rule)) << rule;
   std::string hits = Hits(plan);
   for (int more = rule.contains("probability") ? 200 : 0; more > 0; --more) {
     hits += Hits(plan);
@@ -578,9 +575,8 @@ TEST_F(RadiosimTest, PlanFileNamesFileAndLineOfWhatIsWrong) {
     const fs::path path = folder_ / "plan.toml";
     std::ofstream(path) << text;
     FaultPlan plan;
-    std::string error;
-    if (!plan.Load(path.string(), error)) {
-      return error;
+    if (const auto loaded = plan.Load(path.string()); !loaded) {
+      return loaded.error();
     }
     const std::string hits = Hits(plan);
     return std::to_string(plan.BitsPerSecond()) + " bit/s " + hits + '\n' + plan.Report();
@@ -610,11 +606,10 @@ TEST_F(RadiosimTest, ControlSocketServesCommandsAndReplacesAStaleOne) {
   EXPECT_EQ(RunControlClient(path, "state"), 2) << "nobody is there";
   for (int round = 0; round < 2; ++round) {
     std::unique_ptr<Control> control;
-    std::string error;
     Run([&] {
       control = std::make_unique<Control>(io_, *simulator_);
-      EXPECT_TRUE(control->Start(path, error)) << error;
-      EXPECT_FALSE(Control(io_, *simulator_).Start(path, error)) << "it is served already";
+      EXPECT_TRUE(control->Start(path));
+      EXPECT_FALSE(Control(io_, *simulator_).Start(path)) << "it is served already";
     });
     testing::internal::CaptureStdout();
     EXPECT_EQ(RunControlClient(path, "state"), 0);
@@ -650,9 +645,9 @@ TEST_F(RadiosimTest, StartNamesWhatIsWrong) {
       Options options;
       options.listen = listen;
       Simulator simulator(io_, options, FaultPlan(), [](const std::string&) {});
-      std::string text;
-      EXPECT_FALSE(simulator.Start(text));
-      EXPECT_THAT(text, HasSubstr(error));
+      const auto started = simulator.Start();
+      ASSERT_FALSE(started);
+      EXPECT_THAT(started.error(), HasSubstr(error));
     });
   }
 }

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <array>
+#include <expected>
 #include <fstream>
 #include <iomanip>
 #include <iostream>
@@ -136,19 +137,18 @@ std::vector<std::pair<std::string_view, std::string>> Tables() {
   };
 }
 
-// Writes the tables of a document anew. Fails, with `error` filled, when a marker is missing.
-bool Rewrite(std::string& document, std::string& error) {
+// Returns a document with its tables written anew, or the marker that is missing.
+std::expected<std::string, std::string> Rewrite(std::string document) {
   for (const auto& [name, table] : Tables()) {
     const std::string begin = "<!-- table: " + std::string(name) + " -->\n";
     const std::size_t from = document.find(begin);
     const std::size_t to = document.find("<!-- end -->", from);
     if (from == std::string::npos || to == std::string::npos) {
-      error = "no table \"" + std::string(name) + '"';
-      return false;
+      return std::unexpected("no table \"" + std::string(name) + '"');
     }
     document.replace(from + begin.size(), to - from - begin.size(), "\n" + table + "\n");
   }
-  return true;
+  return document;
 }
 
 }  // namespace
@@ -166,20 +166,19 @@ int main(int argc, char** argv) {
   }
   const std::string path = arguments.back();
   const std::string document = (std::ostringstream() << std::ifstream(path).rdbuf()).str();
-  std::string written = document;
-  std::string error;
-  if (!Rewrite(written, error)) {
-    std::cerr << path << ": " << error << '\n';
+  const auto written = Rewrite(document);
+  if (!written) {
+    std::cerr << path << ": " << written.error() << '\n';
     return 1;
   }
-  if (written == document) {
+  if (*written == document) {
     return 0;
   }
   if (check) {
-    const auto [was, is] = std::ranges::mismatch(document, written);
+    const auto [was, is] = std::ranges::mismatch(document, *written);
     std::cerr << path << ':' << 1 + std::count(document.begin(), was, '\n')
               << ": not what the code has; \"scripts/check-docs --write\" mends it\n";
     return 1;
   }
-  return (std::ofstream(path) << written).flush() ? 0 : 1;
+  return (std::ofstream(path) << *written).flush() ? 0 : 1;
 }

@@ -29,15 +29,14 @@ constexpr std::chrono::milliseconds kAcceptAgainAfter{100};
 
 }  // namespace
 
-bool Control::Start(const std::string& path, std::string& error) {
+std::expected<void, std::string> Control::Start(const std::string& path) {
   try {
     const Protocol::endpoint endpoint(path);
     Protocol::socket probe(acceptor_.get_executor());
     asio::error_code absent;
     absent = probe.connect(endpoint, absent);
     if (!absent) {
-      error = path + " is served by another process";
-      return false;
+      return std::unexpected(path + " is served by another process");
     }
     if (absent == asio::error::connection_refused) {
       ::unlink(path.c_str());
@@ -52,12 +51,11 @@ bool Control::Start(const std::string& path, std::string& error) {
     }
     acceptor_.listen();
   } catch (const std::system_error& failure) {
-    error = "cannot serve " + path + ": " + failure.what();
-    return false;
+    return std::unexpected("cannot serve " + path + ": " + failure.what());
   }
   path_ = path;
   Accept();
-  return true;
+  return {};
 }
 
 void Control::Stop() {
@@ -91,25 +89,24 @@ void Control::Accept() {
 }
 
 void Control::Read(const std::shared_ptr<Client>& client) {
-  asio::async_read_until(
-      client->socket, asio::dynamic_buffer(client->in, kMaxLine), '\n',
-      [this, client, alive = std::weak_ptr<void>(alive_)](const asio::error_code& error,
-                                                          std::size_t count) {
-        if (error || alive.expired()) {
-          return;  // gone, or a line without end
-        }
-        const std::string line = client->in.substr(0, count - 1);
-        client->in.erase(0, count);
-        const Simulator::Reply reply = simulator_.Command(line);
-        client->out = reply.ok ? reply.text + "ok\n" : "error: " + reply.text + "\n";
-        asio::async_write(
-            client->socket, asio::buffer(client->out),
-            [this, client, alive](const asio::error_code& failure, std::size_t /*count*/) {
-              if (!failure && !alive.expired() && !path_.empty()) {
-                Read(client);
-              }
-            });
-      });
+  asio::async_read_until(client->socket, asio::dynamic_buffer(client->in, kMaxLine), '\n',
+                         [this, client, alive = std::weak_ptr<void>(alive_)](
+                             const asio::error_code& error, std::size_t count) {
+                           if (error || alive.expired()) {
+                             return;  // gone, or a line without end
+                           }
+                           const std::string line = client->in.substr(0, count - 1);
+                           client->in.erase(0, count);
+                           const Simulator::Reply reply = simulator_.Command(line);
+                           client->out = reply ? *reply + "ok\n" : "error: " + reply.error() + "\n";
+                           asio::async_write(client->socket, asio::buffer(client->out),
+                                             [this, client, alive](const asio::error_code& failure,
+                                                                   std::size_t /*count*/) {
+                                               if (!failure && !alive.expired() && !path_.empty()) {
+                                                 Read(client);
+                                               }
+                                             });
+                         });
 }
 
 int RunControlClient(const std::string& path, const std::string& command,

@@ -7,6 +7,7 @@
 #include <asio/steady_timer.hpp>
 
 #include <chrono>
+#include <expected>
 #include <memory>
 #include <string>
 
@@ -22,9 +23,9 @@ class Control {
   Control& operator=(const Control&) = delete;
   ~Control() { Stop(); }
 
-  // Only this user may use `path`. A socket that nobody serves any more is replaced. False with
-  // `error`.
-  bool Start(const std::string& path, std::string& error);
+  // Serves `path`, which only this user may use, or tells why it cannot. A socket that nobody
+  // serves any more is replaced.
+  std::expected<void, std::string> Start(const std::string& path);
   void Stop();
 
  private:

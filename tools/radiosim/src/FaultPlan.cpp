@@ -59,7 +59,9 @@ bool ParseNumber(std::string_view text, T& value) {
   return failure == std::errc() && end == text.data() + text.size();
 }
 
-bool SetWord(FaultRule& rule, std::string_view key, std::string_view value, std::string& error) {
+// Sets what one word of a rule says.
+std::expected<void, std::string> SetWord(FaultRule& rule, std::string_view key,
+                                         std::string_view value) {
   bool ok = true;
   if (key == "message") {
     rule.message = value;
@@ -81,24 +83,24 @@ bool SetWord(FaultRule& rule, std::string_view key, std::string_view value, std:
   } else if (key == "result") {
     ok = ParseNumber(value, rule.result) && rule.result != 0;
   } else {
-    error = "unknown key \"" + std::string(key) +
-            "\"; known are message, direction, chunk, after, count, probability, delay_ms, result";
-    return false;
+    return std::unexpected(
+        "unknown key \"" + std::string(key) +
+        "\"; known are message, direction, chunk, after, count, probability, delay_ms, result");
   }
   if (!ok) {
-    error = "\"" + std::string(value) + "\" makes no sense for " + std::string(key);
+    return std::unexpected("\"" + std::string(value) + "\" makes no sense for " + std::string(key));
   }
-  return ok;
+  return {};
 }
 
-std::optional<FaultRule> MakeRule(std::string_view kind, std::string& error) {
+std::expected<FaultRule, std::string> MakeRule(std::string_view kind) {
   const auto* row = std::ranges::find(kKinds, kind, &KindRow::name);
   if (row == kKinds.end()) {
-    error = "unknown fault \"" + std::string(kind) + "\"; known are";
+    std::string error = "unknown fault \"" + std::string(kind) + "\"; known are";
     for (const KindRow& known : kKinds) {
       error.append(" ").append(known.name);
     }
-    return std::nullopt;
+    return std::unexpected(error);
   }
   FaultRule rule;
   rule.kind = row->kind;
@@ -107,75 +109,95 @@ std::optional<FaultRule> MakeRule(std::string_view kind, std::string& error) {
   return rule;
 }
 
-// A rule that could never do anything is refused, and not counted as if it had.
-bool Check(const FaultRule& rule, std::string& error) {
+// Refuses a rule that could never do anything, which would else be counted as if it had.
+std::expected<void, std::string> Check(const FaultRule& rule) {
   const KindRow& row = RowOf(rule.kind);
+  const std::string name(row.name);
+  const std::string sender = rule.incoming ? "camera" : "radio";
   const bool link_control = std::ranges::count(kLinkControl, rule.message) > 0;
   const auto* message = orka::codec::FindRow(
       rule.incoming ? orka::codec::Direction::ToRadio : orka::codec::Direction::FromRadio,
       rule.message);
   if (row.frames == (rule.incoming ? Frames::Radio : Frames::Camera)) {
-    error = std::string(row.name) + " is for frames of the " +
-            (rule.incoming ? "radio" : "camera") + " only";
-  } else if (!row.message.empty() && rule.message != row.message) {
-    error = std::string(row.name) + " is for " + std::string(row.message) + " only";
-  } else if (!rule.message.empty() && message == nullptr &&
-             (!link_control || rule.message == (rule.incoming ? "HelloAnswer" : "Hello"))) {
-    error = "the " + std::string(rule.incoming ? "camera" : "radio") + " sends no \"" +
-            rule.message + "\"";
-  } else if (rule.incoming && link_control && !row.camera_link_control) {
-    error = std::string(row.name) + " does nothing to the camera's link control";
-  } else if (rule.kind == FaultKind::WrongTransaction && !rule.message.empty() &&
-             (message == nullptr || message->kind != orka::pel::FrameKind::Response)) {
-    error = std::string(row.name) + " is for responses only";
-  } else if (rule.chunk && !rule.message.empty() &&
-             rule.message != (rule.incoming ? "TransferDataRequest" : "TransferDataResponse")) {
-    error = rule.message + " has no chunk number";
+    return std::unexpected(name + " is for frames of the " + (rule.incoming ? "radio" : "camera") +
+                           " only");
   }
-  return error.empty();
+  if (!row.message.empty() && rule.message != row.message) {
+    return std::unexpected(name + " is for " + std::string(row.message) + " only");
+  }
+  if (!rule.message.empty() && message == nullptr &&
+      (!link_control || rule.message == (rule.incoming ? "HelloAnswer" : "Hello"))) {
+    return std::unexpected("the " + sender + " sends no \"" + rule.message + "\"");
+  }
+  if (rule.incoming && link_control && !row.camera_link_control) {
+    return std::unexpected(name + " does nothing to the camera's link control");
+  }
+  if (rule.kind == FaultKind::WrongTransaction && !rule.message.empty() &&
+      (message == nullptr || message->kind != orka::pel::FrameKind::Response)) {
+    return std::unexpected(name + " is for responses only");
+  }
+  if (rule.chunk && !rule.message.empty() &&
+      rule.message != (rule.incoming ? "TransferDataRequest" : "TransferDataResponse")) {
+    return std::unexpected(rule.message + " has no chunk number");
+  }
+  return {};
+}
+
+// A TOML value as the word that it would be in a rule.
+std::optional<std::string> WordOf(const toml::node& value) {
+  std::ostringstream text;
+  if (const auto word = value.value_exact<std::string>()) {
+    text << *word;
+  } else if (const auto number = value.value_exact<std::int64_t>()) {
+    text << *number;
+  } else if (const auto fraction = value.value_exact<double>()) {
+    text << *fraction;
+  } else {
+    return std::nullopt;
+  }
+  return text.str();
 }
 
 }  // namespace
 
-bool FaultPlan::Add(std::string_view words, std::string& error) {
+std::expected<void, std::string> FaultPlan::Add(std::string_view words) {
   std::istringstream stream{std::string(words)};
   std::string word;
   stream >> word;
-  std::optional<FaultRule> rule = MakeRule(word, error);
-  while (rule && stream >> word) {
+  auto rule = MakeRule(word);
+  if (!rule) {
+    return std::unexpected(rule.error());
+  }
+  while (stream >> word) {
     const std::size_t equals = word.find('=');
     if (equals == std::string::npos) {
-      error = "\"" + word + "\" is not KEY=VALUE";
-      return false;
+      return std::unexpected("\"" + word + "\" is not KEY=VALUE");
     }
-    if (!SetWord(*rule, std::string_view(word).substr(0, equals),
-                 std::string_view(word).substr(equals + 1), error)) {
-      return false;
+    const std::string_view text = word;
+    if (const auto set = SetWord(*rule, text.substr(0, equals), text.substr(equals + 1)); !set) {
+      return set;
     }
   }
-  if (!rule || !Check(*rule, error)) {
-    return false;
+  if (const auto sound = Check(*rule); !sound) {
+    return sound;
   }
   rules_.push_back(std::move(*rule));
-  return true;
+  return {};
 }
 
-bool FaultPlan::Load(const std::string& path, std::string& error) {
+std::expected<void, std::string> FaultPlan::Load(const std::string& path) {
   toml::table file;
   try {
     file = toml::parse(zelt::ReadTomlFile(path), path);
   } catch (const toml::parse_error& failure) {
     std::ostringstream text;
     text << path << ':' << failure.source().begin.line << ": " << failure.description();
-    error = text.str();
-    return false;
+    return std::unexpected(text.str());
   } catch (const std::runtime_error& failure) {
-    error = failure.what();
-    return false;
+    return std::unexpected(failure.what());
   }
   const auto refuse = [&](const toml::node& node, const std::string& why) {
-    error = path + ":" + std::to_string(node.source().begin.line) + ": " + why;
-    return false;
+    return std::unexpected(path + ":" + std::to_string(node.source().begin.line) + ": " + why);
   };
   for (const auto& [key, node] : file) {
     if (key == "seed" || key == "bits_per_second") {
@@ -198,36 +220,29 @@ bool FaultPlan::Load(const std::string& path, std::string& error) {
     }
     for (const toml::node& element : *faults) {
       const toml::table& fault = *element.as_table();
-      std::string why;
-      std::optional<FaultRule> rule = MakeRule(fault["kind"].value_or(std::string()), why);
+      auto rule = MakeRule(fault["kind"].value_or(std::string()));
       if (!rule) {
-        return refuse(element, why);
+        return refuse(element, rule.error());
       }
       for (const auto& [name, value] : fault) {
         if (name == "kind") {
           continue;
         }
-        std::ostringstream text;
-        if (const auto word = value.value_exact<std::string>()) {
-          text << *word;
-        } else if (const auto number = value.value_exact<std::int64_t>()) {
-          text << *number;
-        } else if (const auto fraction = value.value_exact<double>()) {
-          text << *fraction;
-        } else {
+        const auto word = WordOf(value);
+        if (!word) {
           return refuse(value, "\"" + std::string(name.str()) + "\" is neither text nor a number");
         }
-        if (!SetWord(*rule, name.str(), text.str(), why)) {
-          return refuse(value, why);
+        if (const auto set = SetWord(*rule, name.str(), *word); !set) {
+          return refuse(value, set.error());
         }
       }
-      if (!Check(*rule, why)) {
-        return refuse(element, why);
+      if (const auto sound = Check(*rule); !sound) {
+        return refuse(element, sound.error());
       }
       rules_.push_back(std::move(*rule));
     }
   }
-  return true;
+  return {};
 }
 
 std::vector<const FaultRule*> FaultPlan::Fire(bool incoming, std::string_view message,

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <expected>
 #include <list>
 #include <optional>
 #include <random>
@@ -59,12 +60,12 @@ class FaultPlan {
 
   void Seed(std::uint64_t seed) { random_.seed(seed); }
 
-  // False with `error` when a word makes no sense.
-  bool Add(std::string_view words, std::string& error);
+  // Adds a rule, or tells which word makes no sense.
+  std::expected<void, std::string> Add(std::string_view words);
 
-  // A TOML file: `seed`, `bits_per_second`, and one [[fault]] table a rule, with `kind` and the
-  // keys above. False with file, line and what was wrong.
-  bool Load(const std::string& path, std::string& error);
+  // Reads a TOML file: `seed`, `bits_per_second`, and one [[fault]] table a rule, with `kind` and
+  // the keys above. Tells file, line and what was wrong.
+  std::expected<void, std::string> Load(const std::string& path);
 
   void Clear() { rules_.clear(); }
 

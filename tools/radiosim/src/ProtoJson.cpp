@@ -30,6 +30,7 @@ namespace radiosim {
 namespace {
 
 using google::protobuf::MessageLite;
+using Parsed = std::expected<void, std::string>;
 namespace util = google::protobuf::util;
 
 class Definitions {
@@ -75,12 +76,12 @@ std::string Print(const google::protobuf::Message& message) {
   return status.ok() ? json : R"({"error":")" + status.ToString() + R"("})";
 }
 
-bool Parse(std::string_view json, google::protobuf::Message& message, std::string& error) {
+Parsed Parse(std::string_view json, google::protobuf::Message& message) {
   const auto status = util::JsonStringToMessage({json.data(), json.size()}, &message);
   if (!status.ok()) {
-    error = std::string(status.message());
+    return std::unexpected(std::string(status.message()));
   }
-  return status.ok();
+  return {};
 }
 
 // ------------------------------------------------------------------------------------------------
@@ -134,31 +135,24 @@ json::FileHandleOpenResponse ToMessage(const orka::FileHandleRespWrapper& respon
 
 // Narrows a number to a record's field.
 template <class T>
-bool Narrow(std::uint32_t number, const char* name, T& field, std::string& error) {
+Parsed Narrow(std::uint32_t number, const char* name, T& field) {
   constexpr std::uint32_t kMost = (1U << (8 * sizeof(T))) - 1;
   if (number > kMost) {
-    error = std::string(name) + ": at most " + std::to_string(kMost);
+    return std::unexpected(std::string(name) + ": at most " + std::to_string(kMost));
   }
   field = static_cast<T>(number);
-  return number <= kMost;
+  return {};
 }
 
-bool FromJsonRecord(std::string_view text, orka::qrx::FileAccessResponse& response,
-                    std::string& error) {
-  json::FileAccessResponse message;
-  if (!Parse(text, message, error)) {
-    return false;
-  }
-  response.file_size = message.file_size();
-  response.file_name = message.file_name();
-  return Narrow(message.result(), "result", response.result, error);
+Parsed FromMessage(const json::FileAccessResponse& message, orka::qrx::FileAccessResponse& record) {
+  record.file_size = message.file_size();
+  record.file_name = message.file_name();
+  return Narrow(message.result(), "result", record.result);
 }
-bool FromJsonRecord(std::string_view text, orka::qrx::TransferDataResponse& response,
-                    std::string& error) {
-  json::TransferDataResponse message;
-  return Parse(text, message, error) &&
-         Narrow(message.result(), "result", response.result, error) &&
-         Narrow(message.chunk_number(), "chunk_number", response.chunk_number, error);
+Parsed FromMessage(const json::TransferDataResponse& message,
+                   orka::qrx::TransferDataResponse& record) {
+  const Parsed result = Narrow(message.result(), "result", record.result);
+  return result ? Narrow(message.chunk_number(), "chunk_number", record.chunk_number) : result;
 }
 
 template <class T>
@@ -175,31 +169,30 @@ std::string AnyToJson(const T& held) {
 }
 
 template <class T>
-bool AnyFromJson(std::string_view text, T& held, std::string& error) {
+Parsed AnyFromJson(std::string_view text, T& held) {
   if constexpr (Proto<T>) {
-    return FromJson(text, held, error);
+    return FromJson(text, held);
   } else if constexpr (std::is_same_v<T, std::string>) {
     google::protobuf::StringValue value;
-    if (!Parse(text.empty() ? "\"\"" : text, value, error)) {
-      return false;
-    }
+    const Parsed parsed = Parse(text.empty() ? "\"\"" : text, value);
     held = value.value();
-    return true;
+    return parsed;
   } else {
-    return FromJsonRecord(text.empty() ? "{}" : text, held, error);
+    decltype(ToMessage(held)) message;
+    const Parsed parsed = Parse(text.empty() ? "{}" : text, message);
+    return parsed ? FromMessage(message, held) : parsed;
   }
 }
 
 template <std::size_t... indices>
-bool AlternativeFromJson(std::index_sequence<indices...> /*alternatives*/, std::size_t index,
-                         std::string_view json, orka::RadioNotificationData& data,
-                         std::string& error) {
-  using Parser = bool (*)(std::string_view, orka::RadioNotificationData&, std::string&);
+Parsed AlternativeFromJson(std::index_sequence<indices...> /*alternatives*/, std::size_t index,
+                           std::string_view json, orka::RadioNotificationData& data) {
+  using Parser = Parsed (*)(std::string_view, orka::RadioNotificationData&);
   static constexpr std::array<Parser, sizeof...(indices)> kParsers = {
-      [](std::string_view text, orka::RadioNotificationData& into, std::string& why) {
-        return AnyFromJson(text, into.emplace<indices>(), why);
+      [](std::string_view text, orka::RadioNotificationData& into) {
+        return AnyFromJson(text, into.emplace<indices>());
       }...};
-  return kParsers[index](json, data, error);
+  return kParsers[index](json, data);
 }
 
 }  // namespace
@@ -214,10 +207,13 @@ std::string ToJson(const google::protobuf::Message& message) {
   return Print(message);
 }
 
-bool FromJson(std::string_view json, MessageLite& message, std::string& error) {
+std::expected<void, std::string> FromJson(std::string_view json, MessageLite& message) {
   const auto dynamic = Definitions::Get().Make(message.GetTypeName());
-  return Parse(json.empty() ? "{}" : json, *dynamic, error) &&
-         message.ParseFromString(dynamic->SerializeAsString());
+  const Parsed parsed = Parse(json.empty() ? "{}" : json, *dynamic);
+  if (parsed) {
+    message.ParseFromString(dynamic->SerializeAsString());
+  }
+  return parsed;
 }
 
 std::string ToJson(const orka::RadioOutgoingMessage& message) {
@@ -227,14 +223,13 @@ std::string ToJson(const orka::RadioNotificationData& data) {
   return std::visit([](const auto& held) { return AnyToJson(held); }, data);
 }
 
-std::optional<orka::RadioNotificationData> NotificationFromJson(std::size_t index,
-                                                                std::string_view json,
-                                                                std::string& error) {
+std::expected<orka::RadioNotificationData, std::string> NotificationFromJson(
+    std::size_t index, std::string_view json) {
   orka::RadioNotificationData data;
   constexpr auto kAlternatives =
       std::make_index_sequence<std::variant_size_v<orka::RadioNotificationData>>();
-  if (!AlternativeFromJson(kAlternatives, index, json, data, error)) {
-    return std::nullopt;
+  if (const Parsed parsed = AlternativeFromJson(kAlternatives, index, json, data); !parsed) {
+    return std::unexpected(parsed.error());
   }
   return data;
 }

@@ -4,7 +4,7 @@
 
 #include <google/protobuf/message.h>
 
-#include <optional>
+#include <expected>
 #include <string>
 #include <string_view>
 
@@ -19,18 +19,18 @@ std::string ToJson(const google::protobuf::MessageLite& message);
 std::string ProtoName(std::string_view type);
 std::string ToJson(const google::protobuf::Message& message);  // this program's own
 
-// Replaces `message`; empty text is an empty message. False when the text is no JSON or does not
-// fit; `error` then names the field.
-bool FromJson(std::string_view json, google::protobuf::MessageLite& message, std::string& error);
+// Replaces `message`; empty text is an empty message. Names the field when the text is no JSON or
+// does not fit.
+std::expected<void, std::string> FromJson(std::string_view json,
+                                          google::protobuf::MessageLite& message);
 
 // The same for whatever a union of the link holds: the radio's own records are those of
 // radiosim.proto, a raw body is a string.
 std::string ToJson(const orka::RadioOutgoingMessage& message);
 std::string ToJson(const orka::RadioNotificationData& data);
 
-// The alternative `index` of a notification from JSON.
-std::optional<orka::RadioNotificationData> NotificationFromJson(std::size_t index,
-                                                                std::string_view json,
-                                                                std::string& error);
+// Returns the alternative `index` of a notification.
+std::expected<orka::RadioNotificationData, std::string> NotificationFromJson(std::size_t index,
+                                                                             std::string_view json);
 
 }  // namespace radiosim

@@ -7,9 +7,7 @@
 #include "orka/pel.h"
 #include "radiosim.pb.h"
 
-#include <array>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
@@ -29,10 +27,10 @@ struct Received {
   orka::codec::Bytes chunk;
 };
 
-// The device behind the link: its state, and how it answers. It knows neither line nor faults.
-// One thread.
-class Radio {
- public:
+// The device behind the link: its state, and how it answers. It knows neither line nor faults. It
+// is open to its answers, which stand by subject in DeviceAnswers.cpp, SettingsAnswers.cpp and
+// NetworkAnswers.cpp. One thread.
+struct Radio {
   using Clock = std::chrono::steady_clock;
 
   struct Settings {
@@ -45,7 +43,7 @@ class Radio {
     std::chrono::milliseconds broadcast_every{5000};  // of what is subscribed to
     std::filesystem::path store;                      // empty: files are taken and forgotten
   };
-  struct Outside {
+  struct Callbacks {
     // Sends a message of the table. `transaction` 0 for what answers nothing.
     std::function<void(const orka::codec::MessageRow& row, const orka::RadioNotificationData& data,
                        std::uint16_t transaction, std::uint16_t part)>
@@ -59,7 +57,7 @@ class Radio {
     std::function<void(std::chrono::milliseconds after)> restart;
   };
 
-  Radio(Settings settings, Outside outside);
+  Radio(Settings its_settings, Callbacks its_callbacks);
 
   void Handle(const Received& received);
 
@@ -71,96 +69,41 @@ class Radio {
 
   json::State State() const;
 
- private:
-  struct Subscribable;
-  using Handler = void (Radio::*)(const Received& received);
-  static const std::array<Subscribable, 7> kSubscribables;
-  static Handler FindHandler(const orka::codec::MessageRow& row);
+  // ----------------------------------------------------------------------------------------------
+  // For the answers.
 
-  void Respond(const Received& received, const orka::RadioNotificationData& data);
-  void Broadcast(std::string_view name, const orka::RadioNotificationData& data);
-  void BroadcastIfSubscribed(Kova::SubscriptionMsgCode code);
-
-  // One a row of the table to the radio.
-  void TellLocation(const Received& received);
-  void TakeEmergency(const Received& received);
-  void TellVersion(const Received& received);
-  void TellHardwareId(const Received& received);
-  void ShutDown(const Received& received);
-  void Feedback(const Received& received);
-  void TellSerialNumber(const Received& received);
-  void TellBtMacAddress(const Received& received);
-  void TellBattery(const Received& received);
-  void SetConfiguration(const Received& received);
-  void SubscribeButtons(const Received& received);
-  void SetBrightness(const Received& received);
-  void SetBluetooth(const Received& received);
-  void TellBluetooth(const Received& received);
-  void TellGatt(const Received& received);
-  void SetGatt(const Received& received);
-  void ResetGatt(const Received& received);
-  void ControlWlan(const Received& received);
-  void ControlHotspot(const Received& received);
-  void SetCovertMode(const Received& received);
-  void FactoryReset(const Received& received);
-  void Subscribe(const Received& received);
-  void TellMicrophone(const Received& received);
-  void TellDateTime(const Received& received);
-  void SetDateTime(const Received& received);
-  void TellDebugLog(const Received& received);
-  void GrantFileAccess(const Received& received);
-  void TakeChunk(const Received& received);
-  void UpdateRsm(const Received& received);
-  void ControlVideo(const Received& received);
-  void ControlLte(const Received& received);
-  void RegisterIoT(const Received& received);
-  void TellIoTStatus(const Received& received);
-  void AnswerEmpty(const Received& received);  // the camera's answers and broadcasts
-  void TakeCameraStatus(const Received& received);
-  void TakeGattNotification(const Received& received);
-  void TakeIoTData(const Received& received);
-
-  Kova::BatteryLevel Battery() const;
-  Kova::BluetoothStatusMsg Bluetooth() const;
-  Kova::LocationInfoMsg::Location Location() const;
-  Kova::RadioWlanControlIncomingMsg Wlan() const;
-  Kova::RadioLteControlIncoming Lte() const;
+  void Respond(const Received& received, const orka::RadioNotificationData& data) const;
+  void Broadcast(std::string_view name, const orka::RadioNotificationData& data) const;
+  void BroadcastIfSubscribed(Kova::SubscriptionMsgCode code) const;
 
   // What a factory reset resets.
   struct Configuration {
+    json::State state;  // the fields that have no other home
     Kova::LedBrightnessSettingMsg brightness;
     Kova::BluetoothConfigMsg::Response bluetooth;
     std::map<int, std::string> gatt;                                        // by property name
     std::map<std::uint32_t, Kova::ButtonsSubscribtionMsg::Button> buttons;  // by code
     std::map<std::uint32_t, std::string> values;
-    bool covert = false;
-    bool wlan_enabled = true;
-    std::string wlan_ssid;
-    bool lte_enabled = true;
-    bool hotspot_active = false;
     std::string hotspot_ssid = "sim-hotspot";
-    std::string iot_device;
   };
   static Configuration FactoryConfiguration();
 
-  const Settings settings_;
-  const Outside outside_;
-  FileStore store_;
-  Configuration configuration_ = FactoryConfiguration();
-  std::set<int> subscriptions_;  // Kova::SubscriptionMsgCode
-  std::chrono::milliseconds clock_offset_{0};
-  int utc_offset_minutes_ = 0;
-  double battery_percent_;
-  double track_ = 0;  // seconds of walking
-  Kova::RadioStatusMsg::Status camera_;
-  Kova::VideoActionType last_video_action_ = Kova::VIDEO_ACTION_NONE;
-  Collaboration::RadioEmergencyMsg emergency_;
-  std::string debug_log_;
-  int rsm_progress_ = -1;                      // per cent; -1: no update
-  std::chrono::seconds location_interval_{0};  // 0: not asked for
-  Clock::time_point last_tick_;
-  Clock::time_point next_broadcast_;
-  Clock::time_point next_location_;
+  const Settings settings;
+  const Callbacks callbacks;
+  FileStore store;
+  Configuration configuration = FactoryConfiguration();
+  json::State state;            // the other fields that have no other home
+  std::set<int> subscriptions;  // Kova::SubscriptionMsgCode
+  std::chrono::milliseconds clock_offset{0};
+  double battery_percent;
+  double track = 0;  // seconds of walking
+  Collaboration::RadioEmergencyMsg emergency;
+  std::string debug_log;
+  int rsm_progress = -1;                      // per cent; -1: no update
+  std::chrono::seconds location_interval{0};  // 0: not asked for
+  Clock::time_point last_tick;
+  Clock::time_point next_broadcast;
+  Clock::time_point next_location;
 };
 
 }  // namespace radiosim

@@ -54,9 +54,12 @@ int Serve(radiosim::Options options, radiosim::FaultPlan plan, const std::string
     }
   });
   simulator.on_quit = [&] { asio::post(io, stop); };
-  std::string error;
-  if (!simulator.Start(error) || (!control_path.empty() && !control.Start(control_path, error))) {
-    return Fail(error);
+  auto started = simulator.Start();
+  if (started && !control_path.empty()) {
+    started = control.Start(control_path);
+  }
+  if (!started) {
+    return Fail(started.error());
   }
   io.run();
   std::cout << simulator.FaultReport() << std::flush;
@@ -140,9 +143,10 @@ int main(int argc, char** argv) {
   options.restart_time = std::chrono::milliseconds(restart_ms);
   options.radio.broadcast_every = std::chrono::milliseconds(broadcast_ms);
   radiosim::FaultPlan plan(seed);
-  std::string error;
-  if (!fault_file.empty() && !plan.Load(fault_file, error)) {
-    return Fail(error);
+  if (!fault_file.empty()) {
+    if (const auto loaded = plan.Load(fault_file); !loaded) {
+      return Fail(loaded.error());
+    }
   }
   if (*seed_option) {
     plan.Seed(seed);
@@ -151,8 +155,8 @@ int main(int argc, char** argv) {
     plan.SetBitsPerSecond(bits_per_second);
   }
   for (const std::string& fault : faults) {
-    if (!plan.Add(fault, error)) {
-      return Fail(std::string("--fault \"").append(fault).append("\": ").append(error));
+    if (const auto added = plan.Add(fault); !added) {
+      return Fail("--fault \"" + fault + "\": " + added.error());
     }
   }
   return Serve(std::move(options), std::move(plan), control_path);

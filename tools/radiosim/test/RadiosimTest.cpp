@@ -72,17 +72,16 @@ class RadiosimTest : public testing::TestWithParam<bool> {
   void StartSimulator(const std::string& fault = {}) {
     (pty_ ? options_.pty_link : options_.listen) =
         pty_ ? (folder_ / "tty").string() : "127.0.0.1:0";
-    std::string error;
     FaultPlan plan(7);
     plan.SetBitsPerSecond(bits_per_second_);
-    ASSERT_TRUE(fault.empty() || plan.Add(fault, error)) << error;
-    bool ok = false;
+    ASSERT_TRUE(fault.empty() || plan.Add(fault));
+    std::expected<void, std::string> started;
     Run([&] {
       simulator_ = std::make_unique<Simulator>(io_, options_, std::move(plan),
                                                [this](const std::string& line) { Print(line); });
-      ok = simulator_->Start(error);
+      started = simulator_->Start();
     });
-    ASSERT_TRUE(ok) << error;
+    ASSERT_TRUE(started) << started.error();
     camera_.RegisterCallback(seen_.Callback());
   }
   bool StartLink(std::uint32_t timeout = 10) {
@@ -97,7 +96,7 @@ class RadiosimTest : public testing::TestWithParam<bool> {
   std::string Command(const std::string& line) {
     Simulator::Reply reply;
     Run([&] { reply = simulator_->Command(line); });
-    return (reply.ok ? "" : "error: ") + reply.text;
+    return reply ? *reply : "error: " + reply.error();
   }
   void Send(const orka::RadioOutgoingMessage& message) {
     EXPECT_EQ(camera_.SendToRadio(message, 0), SendResult::Sent);
@@ -531,8 +530,7 @@ std::string Hits(FaultPlan& plan) {
 }
 std::string Hits(const std::string& rule, std::uint64_t seed = 1) {
   FaultPlan plan(seed);
-  std::string error;
-  EXPECT_TRUE(plan.Add(rule, error)) << error;
+  EXPECT_TRUE(plan.Add(rule)) << rule;
   std::string hits = Hits(plan);
   for (int more = rule.contains("probability") ? 200 : 0; more > 0; --more) {
     hits += Hits(plan);
@@ -565,9 +563,8 @@ TEST_F(RadiosimTest, PlanFileNamesFileAndLineOfWhatIsWrong) {
     const fs::path path = folder_ / "plan.toml";
     std::ofstream(path) << text;
     FaultPlan plan;
-    std::string error;
-    if (!plan.Load(path.string(), error)) {
-      return error;
+    if (const auto loaded = plan.Load(path.string()); !loaded) {
+      return loaded.error();
     }
     const std::string hits = Hits(plan);
     return std::to_string(plan.BitsPerSecond()) + " bit/s " + hits + '\n' + plan.Report();
@@ -597,11 +594,10 @@ TEST_F(RadiosimTest, ControlSocketServesCommandsAndReplacesAStaleOne) {
   EXPECT_EQ(RunControlClient(path, "state"), 2) << "nobody is there";
   for (int round = 0; round < 2; ++round) {
     std::unique_ptr<Control> control;
-    std::string error;
     Run([&] {
       control = std::make_unique<Control>(io_, *simulator_);
-      EXPECT_TRUE(control->Start(path, error)) << error;
-      EXPECT_FALSE(Control(io_, *simulator_).Start(path, error)) << "it is served already";
+      EXPECT_TRUE(control->Start(path));
+      EXPECT_FALSE(Control(io_, *simulator_).Start(path)) << "it is served already";
     });
     testing::internal::CaptureStdout();
     EXPECT_EQ(RunControlClient(path, "state"), 0);
@@ -637,9 +633,9 @@ TEST_F(RadiosimTest, StartNamesWhatIsWrong) {
       Options options;
       options.listen = listen;
       Simulator simulator(io_, options, FaultPlan(), [](const std::string&) {});
-      std::string text;
-      EXPECT_FALSE(simulator.Start(text));
-      EXPECT_THAT(text, HasSubstr(error));
+      const auto started = simulator.Start();
+      ASSERT_FALSE(started);
+      EXPECT_THAT(started.error(), HasSubstr(error));
     });
   }
 }

@@ -35,15 +35,14 @@ constexpr std::array kRates = std::to_array<Rate>({
     {4000000, B4000000},
 });
 
-std::string SystemError(const std::string& what) {
-  return what + ": " + std::strerror(errno);
+std::unexpected<std::string> SystemError(const std::string& what) {
+  return std::unexpected(what + ": " + std::strerror(errno));
 }
 
-// The terminal modes of `settings`; false with `error` when they make no sense.
-bool MakeModes(const UartSettings& settings, termios& modes, std::string& error) {
-  const auto refuse = [&](const char* what, std::uint32_t value, const char* allowed) {
-    error = std::string(what) + " " + std::to_string(value) + " is not " + allowed;
-    return false;
+// Returns the terminal modes of `settings`, if these make sense.
+std::expected<termios, std::string> MakeModes(const UartSettings& settings) {
+  const auto refuse = [](const char* what, std::uint32_t value, const char* allowed) {
+    return std::unexpected(std::string(what) + " " + std::to_string(value) + " is not " + allowed);
   };
   const Rate* rate = nullptr;
   for (const Rate& known : kRates) {
@@ -69,6 +68,7 @@ bool MakeModes(const UartSettings& settings, termios& modes, std::string& error)
   if (settings.read_timeout > UINT8_MAX) {
     return refuse("read timeout", settings.read_timeout, "0 to 255");
   }
+  termios modes{};
   cfmakeraw(&modes);
   cfsetspeed(&modes, rate->code);
   modes.c_cflag &= ~static_cast<tcflag_t>(CSIZE | CSTOPB | PARENB | PARODD | CRTSCTS | CLOCAL);
@@ -82,12 +82,12 @@ bool MakeModes(const UartSettings& settings, termios& modes, std::string& error)
   // With VMIN 0 and VTIME 0 an empty line would read like a closed one.
   modes.c_cc[VMIN] = 1;
   modes.c_cc[VTIME] = static_cast<cc_t>(settings.read_timeout);
-  return true;
+  return modes;
 }
 
 // Sets what the device can do, which is all that tcsetattr promises, and checks that it is
 // everything.
-bool SetModes(int fd, const termios& modes, std::string& error) {
+std::expected<void, std::string> SetModes(int fd, const termios& modes) {
   static constexpr auto kChecked = std::to_array<std::pair<tcflag_t, const char*>>({
       {CSIZE, "8 data bits"},
       {CSTOPB, "this number of stop bits"},
@@ -97,20 +97,17 @@ bool SetModes(int fd, const termios& modes, std::string& error) {
   termios done{};
   if (::tcgetattr(fd, &done) != 0 || ::tcsetattr(fd, TCSANOW, &modes) != 0 ||
       ::tcgetattr(fd, &done) != 0) {
-    error = std::strerror(errno);
-    return false;
+    return std::unexpected(std::strerror(errno));
   }
   if (::cfgetospeed(&done) != ::cfgetospeed(&modes)) {
-    error = "the device does not do this baud rate";
-    return false;
+    return std::unexpected("the device does not do this baud rate");
   }
   for (const auto& [flags, what] : kChecked) {
     if (((done.c_cflag ^ modes.c_cflag) & flags) != 0) {
-      error = std::string("the device does not do ") + what;
-      return false;
+      return std::unexpected(std::string("the device does not do ") + what);
     }
   }
-  return true;
+  return {};
 }
 
 // The line is bounded by what waits for it; what waits in the system beside that is kept small.
@@ -118,16 +115,14 @@ constexpr int kSocketBuffer = 64 * 1024;
 
 }  // namespace
 
-std::optional<Line> Line::MakeTcp(const SocketSettings& settings, std::string& error) {
+std::expected<Line, std::string> Line::MakeTcp(const SocketSettings& settings) {
   asio::error_code failure;
   const auto address = asio::ip::make_address(settings.address, failure);
   if (failure) {
-    error = "\"" + settings.address + "\" is no numeric address";
-    return std::nullopt;
+    return std::unexpected("\"" + settings.address + "\" is no numeric address");
   }
   if (settings.port == 0 || settings.port > UINT16_MAX) {
-    error = "port " + std::to_string(settings.port) + " is not 1 to 65535";
-    return std::nullopt;
+    return std::unexpected("port " + std::to_string(settings.port) + " is not 1 to 65535");
   }
   Line line;
   line.connect_to_.emplace(address, static_cast<std::uint16_t>(settings.port));
@@ -137,8 +132,7 @@ std::optional<Line> Line::MakeTcp(const SocketSettings& settings, std::string& e
       zelt::FileDescriptor(::socket(line.connect_to_->protocol().family(),
                                     SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_TCP));
   if (!line.fd_) {
-    error = SystemError("cannot create a socket");
-    return std::nullopt;
+    return SystemError("cannot create a socket");
   }
   const int on = 1;
   ::setsockopt(line.Fd(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
@@ -146,10 +140,10 @@ std::optional<Line> Line::MakeTcp(const SocketSettings& settings, std::string& e
   return line;
 }
 
-std::optional<Line> Line::OpenSerial(const UartSettings& settings, std::string& error) {
-  termios modes{};
-  if (!MakeModes(settings, modes, error)) {
-    return std::nullopt;
+std::expected<Line, std::string> Line::OpenSerial(const UartSettings& settings) {
+  const auto modes = MakeModes(settings);
+  if (!modes) {
+    return std::unexpected(modes.error());
   }
   Line line;
   line.name_ = settings.device;
@@ -157,19 +151,16 @@ std::optional<Line> Line::OpenSerial(const UartSettings& settings, std::string& 
   line.fd_ = zelt::FileDescriptor(::open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC));
   const int fd = line.Fd();
   if (!line.fd_) {
-    error = SystemError("cannot open " + path);
-    return std::nullopt;
+    return SystemError("cannot open " + path);
   }
   // TIOCEXCL keeps later openers out, the lock those that had it open before and heed it, too.
   if (settings.exclusive &&
       (::flock(fd, LOCK_EX | LOCK_NB) != 0 || (::isatty(fd) != 0 && ::ioctl(fd, TIOCEXCL) != 0))) {
-    error = SystemError(settings.device + " is in use");
-    return std::nullopt;
+    return SystemError(settings.device + " is in use");
   }
   line.exclusive_ = settings.exclusive;
-  if (std::string why; !SetModes(fd, modes, why)) {
-    error = "cannot set up " + settings.device + ": " + why;
-    return std::nullopt;
+  if (const auto set = SetModes(fd, *modes); !set) {
+    return std::unexpected("cannot set up " + settings.device + ": " + set.error());
   }
   line.set_up_ = true;
   const unsigned bits =

@@ -9,6 +9,7 @@
 #include <sys/types.h>
 #include <chrono>
 #include <cstdint>
+#include <expected>
 #include <optional>
 #include <span>
 #include <string>
@@ -19,12 +20,11 @@ namespace orka {
 // it; one thread at a time.
 class Line {
  public:
-  // Nothing when the settings make no sense, or the system refuses; `error` then says what and why.
-  // A TCP line is still to be connected. A serial line is opened (under ZELT_ROOT, as every path),
-  // alone if asked for, set up, and what lies in its buffers is thrown away; a pseudo-terminal will
-  // do.
-  static std::optional<Line> MakeTcp(const SocketSettings& settings, std::string& error);
-  static std::optional<Line> OpenSerial(const UartSettings& settings, std::string& error);
+  // Tell what and why when the settings make no sense, or the system refuses. A TCP line is still
+  // to be connected. A serial line is opened (under ZELT_ROOT, as every path), alone if asked for,
+  // set up, and what lies in its buffers is thrown away; a pseudo-terminal will do.
+  static std::expected<Line, std::string> MakeTcp(const SocketSettings& settings);
+  static std::expected<Line, std::string> OpenSerial(const UartSettings& settings);
 
   Line(Line&&) = default;
   Line& operator=(Line&&) = delete;

@@ -21,13 +21,11 @@ RadioProtocol::~RadioProtocol() = default;
 
 bool RadioProtocol::StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
                                 std::uint32_t handshakeTimeout) {
-  return impl_->Start([&](std::string& error) { return Line::MakeTcp(settings, error); },
-                      linkAddress, handshakeTimeout);
+  return impl_->Start([&] { return Line::MakeTcp(settings); }, linkAddress, handshakeTimeout);
 }
 bool RadioProtocol::StartUart(const UartSettings& settings, std::uint32_t linkAddress,
                               std::uint32_t handshakeTimeout) {
-  return impl_->Start([&](std::string& error) { return Line::OpenSerial(settings, error); },
-                      linkAddress, handshakeTimeout);
+  return impl_->Start([&] { return Line::OpenSerial(settings); }, linkAddress, handshakeTimeout);
 }
 void RadioProtocol::Stop() {
   impl_->Stop();

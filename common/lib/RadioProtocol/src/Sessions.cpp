@@ -50,27 +50,26 @@ void Call(const std::shared_ptr<const Sessions::NotificationCallback>& callback,
 
 bool Sessions::Start(const OpenLine& open_line, std::uint32_t link_address,
                      std::uint32_t handshake_timeout) {
-  std::string error;
-  if (!TryStart(open_line, link_address, std::chrono::seconds(handshake_timeout), error)) {
-    ZELT_LOG(zelt::kLogError, kLogCategoryRadio) << "Cannot start the link to the radio: " << error;
-    return false;
+  const auto started = TryStart(open_line, link_address, std::chrono::seconds(handshake_timeout));
+  if (!started) {
+    ZELT_LOG(zelt::kLogError, kLogCategoryRadio)
+        << "Cannot start the link to the radio: " << started.error();
   }
-  return true;
+  return started.has_value();
 }
 
-bool Sessions::TryStart(const OpenLine& open_line, std::uint32_t link_address,
-                        std::chrono::seconds handshake_timeout, std::string& error) {
+std::expected<void, std::string> Sessions::TryStart(const OpenLine& open_line,
+                                                    std::uint32_t link_address,
+                                                    std::chrono::seconds handshake_timeout) {
   std::uint64_t session = 0;
   LinkSettings settings;
   {
     const zelt::Lock lock(mutex_);
     if (state_ != State::Stopped) {
-      error = "it is not stopped";
-      return false;
+      return std::unexpected("it is not stopped");
     }
     if (link_address > UINT16_MAX) {
-      error = "link address " + std::to_string(link_address) + " is not 0 to 65535";
-      return false;
+      return std::unexpected("link address " + std::to_string(link_address) + " is not 0 to 65535");
     }
     session = ++session_;
     state_ = State::Starting;
@@ -80,29 +79,30 @@ bool Sessions::TryStart(const OpenLine& open_line, std::uint32_t link_address,
     settings.address = address_;
     settings.handshake_timeout = handshake_timeout;
   }
-  std::shared_ptr<Link> link;
+  std::expected<std::shared_ptr<Link>, std::string> link;
   try {
-    if (std::optional<Line> line = open_line(error)) {
+    if (auto line = open_line()) {
       ZELT_LOG_AS("Start", zelt::kLogInfo, kLogCategoryRadio)
           << "Connecting to a radio on " << line->Name();
       link = MakeLink(session, std::move(*line), std::move(settings));
+    } else {
+      link = std::unexpected(line.error());
     }
   } catch (const std::system_error& failure) {
-    error = failure.what();
+    link = std::unexpected(failure.what());
   }
   const zelt::Lock lock(mutex_);
   if (session != session_) {
-    error = "it was stopped meanwhile";
-    return false;
+    return std::unexpected("it was stopped meanwhile");
   }
   if (!link) {
     state_ = State::Stopped;
-    return false;
+    return std::unexpected(link.error());
   }
   state_ = State::Connecting;
-  link_ = link;
-  asio::post(thread_.Io(), [link] { link->Open(); });
-  return true;
+  link_ = *link;
+  asio::post(thread_.Io(), [link = *link] { link->Open(); });
+  return {};
 }
 
 std::shared_ptr<Link> Sessions::MakeLink(std::uint64_t session, Line line, LinkSettings settings) {
@@ -233,27 +233,29 @@ void Sessions::NotifySession(std::uint64_t session, NotifyMessage kind,
 
 SendResult Sessions::Send(const RadioOutgoingMessage& message, std::uint32_t selector,
                           codec::ByteView chunk) {
-  std::string error;
-  const SendResult result = TrySend(message, selector, chunk, error);
-  if (result != SendResult::Sent) {
+  const codec::Encoded encoded = codec::EncodeToRadio(message, chunk);
+  const auto sent = TrySend(encoded, message, selector);
+  if (!sent) {
     counters_.sends_refused.fetch_add(1, std::memory_order_relaxed);
     ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kLogCategoryRadio)
-        << "Not sent to the radio: " << error;
+        << "Not sent to the radio: " << Describe(encoded.row->name, encoded.row->opcode) << ": "
+        << sent.error().why;
   }
-  return result;
+  return sent ? SendResult::Sent : sent.error().result;
 }
 
-SendResult Sessions::TrySend(const RadioOutgoingMessage& message, std::uint32_t selector,
-                             codec::ByteView chunk, std::string& error) {
-  const codec::Encoded encoded = codec::EncodeToRadio(message, chunk);
-  error = Describe(encoded.row->name, encoded.row->opcode) + ": ";
+std::expected<void, Sessions::Refusal> Sessions::TrySend(const codec::Encoded& encoded,
+                                                         const RadioOutgoingMessage& message,
+                                                         std::uint32_t selector) {
+  const auto refuse = [](SendResult result, std::string why) {
+    return std::unexpected(Refusal{result, std::move(why)});
+  };
   if (!encoded.error.empty()) {
-    error += encoded.error;
-    return SendResult::Unencodable;
+    return refuse(SendResult::Unencodable, encoded.error);
   }
   if (selector > UINT16_MAX) {
-    error += "selector " + std::to_string(selector) + " is not 0 to 65535";
-    return SendResult::Unencodable;
+    return refuse(SendResult::Unencodable,
+                  "selector " + std::to_string(selector) + " is not 0 to 65535");
   }
   pel::BaseMessage header;
   header.kind = static_cast<std::uint8_t>(encoded.row->kind);
@@ -262,13 +264,12 @@ SendResult Sessions::TrySend(const RadioOutgoingMessage& message, std::uint32_t 
   {
     const zelt::Lock lock(mutex_);
     if (state_ != State::Connected) {
-      error += "not connected";
-      return SendResult::NotConnected;
+      return refuse(SendResult::NotConnected, "not connected");
     }
     const auto transaction = transactions_.For(*encoded.row, message);
     if (!transaction) {
-      error += "it answers no request that the radio made in this session";
-      return SendResult::NotAsked;
+      return refuse(SendResult::NotAsked,
+                    "it answers no request that the radio made in this session");
     }
     header.address = address_;
     header.transaction = *transaction;
@@ -277,8 +278,7 @@ SendResult Sessions::TrySend(const RadioOutgoingMessage& message, std::uint32_t 
   codec::Bytes frame;
   codec::AppendFrame(header, encoded.payload, frame);
   if (!link->Queue(frame, encoded.payload.size())) {
-    error += kNoRoom;
-    return SendResult::QueueFull;
+    return refuse(SendResult::QueueFull, kNoRoom);
   }
   if (!encoded.note.empty()) {
     ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kLogCategoryRadio)
@@ -288,40 +288,36 @@ SendResult Sessions::TrySend(const RadioOutgoingMessage& message, std::uint32_t 
   ZELT_LOG_AS("SendToRadio", zelt::kLogVerbose, kLogCategoryRadio)
       << "Sent " << Describe(encoded.row->name, encoded.row->opcode) << " to part " << selector
       << ", transaction " << header.transaction << ", " << encoded.payload.size() << " bytes";
-  return SendResult::Sent;
+  return {};
 }
 
 std::pair<bool, std::vector<std::uint8_t>> Sessions::Inject(codec::ByteView message,
                                                             const pel::BaseMessage& header) {
-  std::string error;
-  const auto answer = TryInject(message, header, error);
+  auto answer = TryInject(message, header);
   if (!answer) {
     ZELT_LOG_AS("InjectQRXMessage", zelt::kLogWarning, kLogCategoryRadio)
-        << "Injected message without success: " << error;
+        << "Injected message without success: " << answer.error();
     return {false, {}};
   }
-  return {true, *answer};
+  return {true, std::move(*answer)};
 }
 
-std::optional<codec::Bytes> Sessions::TryInject(codec::ByteView message, pel::BaseMessage header,
-                                                std::string& error) {
+std::expected<codec::Bytes, std::string> Sessions::TryInject(codec::ByteView message,
+                                                             pel::BaseMessage header) {
   if (message.size() < 2 || message.size() > codec::kMaxPayload) {
-    error = std::to_string(message.size()) + " bytes are not an opcode and its body";
-    return std::nullopt;
+    return std::unexpected(std::to_string(message.size()) +
+                           " bytes are not an opcode and its body");
   }
   if (header.kind > static_cast<std::uint8_t>(pel::FrameKind::Broadcast)) {
-    error = "kind of frame " + std::to_string(header.kind) + " is not 0 to 2";
-    return std::nullopt;
+    return std::unexpected("kind of frame " + std::to_string(header.kind) + " is not 0 to 2");
   }
   if (thread_.IsThis()) {
-    error = "the radio's own thread cannot wait for it";
-    return std::nullopt;
+    return std::unexpected("the radio's own thread cannot wait for it");
   }
   const auto kind = static_cast<pel::FrameKind>(header.kind);
   zelt::Lock lock(mutex_);
   if (state_ != State::Connected) {
-    error = "not connected";
-    return std::nullopt;
+    return std::unexpected("not connected");
   }
   std::shared_ptr<Injections::Waiting> waiting;
   if (kind == pel::FrameKind::Request) {
@@ -329,8 +325,8 @@ std::optional<codec::Bytes> Sessions::TryInject(codec::ByteView message, pel::Ba
     waiting = injections_.Begin(
         header.transaction, static_cast<std::uint16_t>(OpcodeOf(message) | codec::kResponseBit));
     if (!waiting) {
-      error = "transaction " + std::to_string(header.transaction) + " is being waited for already";
-      return std::nullopt;
+      return std::unexpected("transaction " + std::to_string(header.transaction) +
+                             " is being waited for already");
     }
   } else if (kind == pel::FrameKind::Broadcast) {
     header.transaction = 0;
@@ -341,18 +337,18 @@ std::optional<codec::Bytes> Sessions::TryInject(codec::ByteView message, pel::Ba
     if (waiting) {
       injections_.Cancel(header.transaction);
     }
-    error = kNoRoom;
-    return std::nullopt;
+    return std::unexpected(kNoRoom);
   }
   if (!waiting) {
-    return codec::Bytes();
+    return {};
   }
   if (!injections_.Await(lock, header.transaction, *waiting)) {
-    error = "no answer in time";
-  } else if (!waiting->answer) {
-    error = "the link ended";
+    return std::unexpected("no answer in time");
   }
-  return std::move(waiting->answer);
+  if (!waiting->answer) {
+    return std::unexpected("the link ended");
+  }
+  return std::move(*waiting->answer);
 }
 
 void Sessions::Hold() {

@@ -8,14 +8,15 @@
 #include "Transactions.h"
 #include "orka/RadioProtocol.h"
 #include "orka/codec/Bytes.h"
+#include "orka/codec/Codec.h"
 #include "zelt/Mutex.h"
 #include "zelt/ThreadAnnotations.h"
 
 #include <chrono>
 #include <cstdint>
+#include <expected>
 #include <functional>
 #include <memory>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -36,9 +37,9 @@ class Sessions {
  public:
   using NotificationCallback = RadioProtocol::NotificationCallback;
 
-  // Opens the line; nothing with `error` when there is none. Called without a lock held, so that
-  // nobody waits for a device.
-  using OpenLine = std::function<std::optional<Line>(std::string& error)>;
+  // Opens the line, or tells why there is none. Called without a lock held, so that nobody waits
+  // for a device.
+  using OpenLine = std::function<std::expected<Line, std::string>()>;
 
   Sessions(std::string version, std::string product_id)
       : version_(std::move(version)), product_id_(std::move(product_id)) {}
@@ -85,14 +86,18 @@ class Sessions {
  private:
   enum class State : std::uint8_t { Stopped, Starting, Connecting, Connected, Dead };
 
-  bool TryStart(const OpenLine& open_line, std::uint32_t link_address,
-                std::chrono::seconds handshake_timeout, std::string& error);
+  std::expected<void, std::string> TryStart(const OpenLine& open_line, std::uint32_t link_address,
+                                            std::chrono::seconds handshake_timeout);
   std::shared_ptr<Link> MakeLink(std::uint64_t session, Line line, LinkSettings settings);
   std::shared_ptr<Link> EndSession(State state) ZELT_REQUIRES(mutex_);
-  SendResult TrySend(const RadioOutgoingMessage& message, std::uint32_t selector,
-                     codec::ByteView chunk, std::string& error);
-  std::optional<codec::Bytes> TryInject(codec::ByteView message, pel::BaseMessage header,
-                                        std::string& error);
+  struct Refusal {
+    SendResult result;
+    std::string why;
+  };
+  std::expected<void, Refusal> TrySend(const codec::Encoded& encoded,
+                                       const RadioOutgoingMessage& message, std::uint32_t selector);
+  std::expected<codec::Bytes, std::string> TryInject(codec::ByteView message,
+                                                     pel::BaseMessage header);
 
   // Radio thread.
   void Connected(std::uint64_t session, const codec::HelloAnswer& answer);

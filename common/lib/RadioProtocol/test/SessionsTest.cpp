@@ -278,23 +278,22 @@ TEST_F(LinkTest, NobodyWaitsForADeviceThatIsBeingOpened) {
   std::promise<void> open;
   auto started = std::async(std::launch::async, [&] {
     return sessions.Start(
-        [&](std::string& error) {
+        [&] {
           opening.set_value();
           open.get_future().wait();
-          return Line::MakeTcp(radio_.Address(), error);
+          return Line::MakeTcp(radio_.Address());
         },
         0, 1);
   });
   opening.get_future().wait();
   EXPECT_EQ(sessions.Send(Kova::RtVersionRequest(), 0, {}), SendResult::NotConnected);
-  EXPECT_FALSE(sessions.Start([](std::string&) { return std::nullopt; }, 0, 1))
+  EXPECT_FALSE(sessions.Start([] { return std::unexpected("no line"); }, 0, 1))
       << "one start at a time";
   sessions.Stop();
   open.set_value();
   EXPECT_FALSE(started.get());
   EXPECT_TRUE(log_.Contains("it was stopped meanwhile"));
-  EXPECT_TRUE(sessions.Start(
-      [&](std::string& error) { return Line::MakeTcp(radio_.Address(), error); }, 0, 20));
+  EXPECT_TRUE(sessions.Start([&] { return Line::MakeTcp(radio_.Address()); }, 0, 20));
   EXPECT_TRUE(radio_.Handshake());
 }
 

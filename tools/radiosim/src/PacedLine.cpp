@@ -1,4 +1,4 @@
-#include "Session.h"
+#include "PacedLine.h"
 
 #include <asio/buffer.hpp>
 #include <asio/post.hpp>
@@ -14,7 +14,7 @@ constexpr int kBitsPerByte = 10;
 
 }  // namespace
 
-Session::Session(asio::io_context& io, int fd, std::uint32_t bits_per_second, Events events)
+PacedLine::PacedLine(asio::io_context& io, int fd, std::uint32_t bits_per_second, Events events)
     : events_(std::move(events)),
       stream_(io, fd),
       pace_(io),
@@ -36,7 +36,7 @@ Session::Session(asio::io_context& io, int fd, std::uint32_t bits_per_second, Ev
           },
           [this](orka::codec::Drop drop, std::size_t bytes) { events_.drop(drop, bytes); }) {}
 
-void Session::Start() {
+void PacedLine::Start() {
   stream_.non_blocking(true);
   if (bytes_per_step_ > 0) {
     Pace();
@@ -44,7 +44,7 @@ void Session::Start() {
   Read();
 }
 
-void Session::Close() {
+void PacedLine::Close() {
   if (!std::exchange(closed_, true)) {
     asio::error_code ignored;
     ignored = stream_.close(ignored);
@@ -52,14 +52,14 @@ void Session::Close() {
   }
 }
 
-void Session::Fail(const std::string& why) {
+void PacedLine::Fail(const std::string& why) {
   if (!closed_) {
     Close();
     events_.closed(why);
   }
 }
 
-void Session::Read() {
+void PacedLine::Read() {
   std::size_t limit = buffer_.size();
   if (bytes_per_step_ > 0) {
     limit = std::min(limit, static_cast<std::size_t>(may_read_));
@@ -86,12 +86,12 @@ void Session::Read() {
       });
 }
 
-void Session::Send(orka::codec::ByteView bytes) {
+void PacedLine::Send(orka::codec::ByteView bytes) {
   out_.insert(out_.end(), bytes.begin(), bytes.end());
   Write();
 }
 
-void Session::Write() {
+void PacedLine::Write() {
   while (!closed_ && !awaiting_room_) {
     std::size_t limit = out_.size();
     if (bytes_per_step_ > 0) {
@@ -121,7 +121,7 @@ void Session::Write() {
   }
 }
 
-void Session::Pace() {
+void PacedLine::Pace() {
   // What was not used does not add up: a line has no memory.
   const double most = std::max(1.0, 2 * bytes_per_step_);
   may_read_ = std::min(may_read_ + bytes_per_step_, most);

@@ -18,7 +18,7 @@
 namespace radiosim {
 
 // One line to a camera: frames in, bytes out, no faster than the line may be. One thread.
-class Session : public std::enable_shared_from_this<Session> {
+class PacedLine : public std::enable_shared_from_this<PacedLine> {
  public:
   using Clock = std::chrono::steady_clock;
 
@@ -29,13 +29,13 @@ class Session : public std::enable_shared_from_this<Session> {
   };
 
   // Owns `fd`. `bits_per_second`: with one start and one stop bit a byte; 0: as fast as it goes.
-  Session(asio::io_context& io, int fd, std::uint32_t bits_per_second, Events events);
+  PacedLine(asio::io_context& io, int fd, std::uint32_t bits_per_second, Events events);
 
   void Start();
   void Close();
   void Send(orka::codec::ByteView bytes);
 
-  std::uint64_t Bytes() const { return bytes_; }  // both ways
+  std::uint64_t ByteCount() const { return bytes_; }  // both ways
 
   // No good frame has come for so long that the camera is lost, by the rule that both sides keep.
   bool IsSilent(Clock::time_point now) const {

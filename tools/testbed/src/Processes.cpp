@@ -75,8 +75,8 @@ pid_t Processes::Start(const Words& command, const std::filesystem::path& log,
     setpgid(0, 0);
     const int nothing = open("/dev/null", O_RDONLY | O_CLOEXEC);
     const int output = open(log.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-    if (dup2(nothing, STDIN_FILENO) < 0 || dup2(output, STDOUT_FILENO) < 0 ||
-        dup2(output, STDERR_FILENO) < 0) {
+    if (nothing < 0 || output < 0 || dup2(nothing, STDIN_FILENO) < 0 ||
+        dup2(output, STDOUT_FILENO) < 0 || dup2(output, STDERR_FILENO) < 0) {
       _exit(126);
     }
     for (const auto& [name, value] : variables) {

@@ -52,7 +52,11 @@ std::string Quoted(std::string_view text) {
 // A socket of the UNIX kind, closed with this.
 class Socket {
  public:
-  explicit Socket(int type) : descriptor_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {}
+  explicit Socket(int type) : descriptor_(socket(AF_UNIX, type | SOCK_CLOEXEC, 0)) {
+    if (descriptor_ < 0) {
+      throw std::system_error(errno, std::generic_category(), "cannot create a socket");
+    }
+  }
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
   ~Socket() { close(descriptor_); }
@@ -98,9 +102,11 @@ bool ListensAt(const fs::path& path) {
 Testbed::Testbed(Options options, Processes& processes)
     : options_(std::move(options)), processes_(processes), keep_(options_.keep) {
   const fs::path own = fs::read_symlink("/proc/self/exe").parent_path();
-  beside_ = !options_.programs.empty() ? fs::absolute(options_.programs)
-            : fs::exists(own / "kova") ? own
-                                       : fs::path();
+  if (!options_.programs.empty()) {
+    beside_ = fs::absolute(options_.programs);
+  } else if (fs::exists(own / "kova")) {
+    beside_ = own;
+  }
   const std::string config =
       options_.config.empty() ? kSampleConfiguration : ReadFile(options_.config);
   if (!options_.folder.empty()) {

@@ -15,14 +15,9 @@ constexpr int kExitFailed = 125;  // this program's own fault, as with other pro
 
 // Splits the command line at "--": the options, and the command to run.
 std::pair<std::vector<std::string>, std::vector<std::string>> Split(int argc, char** argv) {
-  std::vector<std::string> options(argv + 1, argv + argc);
-  const auto end = std::ranges::find(options, "--");
-  std::vector<std::string> command;
-  if (end != options.end()) {
-    command.assign(end + 1, options.end());
-    options.erase(end, options.end());
-  }
-  return {options, command};
+  const std::vector<std::string> words(argv + 1, argv + argc);
+  const auto end = std::ranges::find(words, "--");
+  return {{words.begin(), end}, {end == words.end() ? end : end + 1, words.end()}};
 }
 
 int Main(int argc, char** argv) {

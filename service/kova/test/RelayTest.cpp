@@ -52,17 +52,6 @@ std::vector<std::pair<std::string, std::string>> Wires() {
 using Messages = std::vector<std::pair<std::string, std::string>>;  // payloads by their word
 using Payloads = std::vector<std::pair<std::string, Data>>;
 
-template <class T>
-Messages MessagesOf() {
-  Messages messages = Wires();
-  for (auto& [word, payload] : messages) {
-    T message;
-    EXPECT_TRUE(message.ParseFromString(payload));
-    payload = message.SerializeAsString();
-  }
-  return messages;
-}
-
 template <std::size_t index>
 Payloads PayloadsOf() {
   using T = std::variant_alternative_t<index, Data>;
@@ -93,19 +82,30 @@ const std::vector<Payloads>& AllPayloads() {
   return all;
 }
 
-struct Entry {
-  std::string type;
-  Messages (*messages)();  // nullptr: the topic of new subscribers
-};
-const std::vector<Entry>& Entries() {
-  static const std::vector<Entry> entries = {
+// What Kova registers for, in order.
+std::vector<fake::FakeServiceIPC::Registration> Entries() {
+  return {
 #define KOVA_MESSAGE(from, goes, package, message, handler, answer, detail) \
-  {#package "." #message, &MessagesOf<package::message>},
-#define KOVA_TOPIC(package, message, handler) {#package "." #message, nullptr},
+  {false, #package "." #message},
+#define KOVA_TOPIC(package, message, handler) {true, #package "." #message},
 #define KOVA_PUBLISHED(package, message)
 #include "kova/Accepted.def"
   };
-  return entries;
+}
+// Each of the messages, as their senders would write them.
+const std::map<std::string, Messages>& AllMessages() {
+  static const auto all = [] {
+    std::map<std::string, Messages> made;
+    for (const auto& entry : Entries()) {
+      for (const auto& [word, wire] : Wires()) {
+        if (!entry.is_topic) {
+          made[entry.name].emplace_back(word, fake::Rewritten(entry.name, wire));
+        }
+      }
+    }
+    return made;
+  }();
+  return all;
 }
 
 // --- What the bridge does ------------------------------------------------------------------------
@@ -140,11 +140,11 @@ class Outcomes {
   std::vector<std::string> order_;
 };
 
-Outcomes OutcomesOf(const Entry& entry, const std::string& sender) {
+Outcomes OutcomesOf(const std::string& type, const std::string& sender) {
   Outcomes outcomes;
-  for (const auto& [word, payload] : entry.messages()) {
-    outcomes.Add(word, Text(Bridge().Deliver(entry.type, sender, payload),
-                            Describe(entry.type, payload), sender));
+  for (const auto& [word, payload] : AllMessages().at(type)) {
+    outcomes.Add(word,
+                 Text(Bridge().Deliver(type, sender, payload), Describe(type, payload), sender));
   }
   return outcomes;
 }
@@ -153,21 +153,21 @@ Outcomes OutcomesOf(const Entry& entry, const std::string& sender) {
 
 TEST(Relay, EachMessageDoesWhatTheTextSays) {
   std::ostringstream text;
-  for (const Entry& entry : Entries()) {
-    if (entry.messages == nullptr) {
-      text << "new subscriber of " << entry.type << '\n'
-           << Text(Bridge().Subscribe(entry.type), "");
+  for (const auto& entry : Entries()) {
+    const std::string& type = entry.name;
+    if (entry.is_topic) {
+      text << "new subscriber of " << type << '\n' << Text(Bridge().Subscribe(type));
       continue;
     }
     Bridge busy;
     busy.SetAnswers([](auto& answers) { answers.send_room = 0; });
-    const std::string payload = entry.messages().front().second;
-    const bool needs_room = !busy.model->Ipc().Deliver(entry.type, kATool, payload);
-    const Outcomes peer = OutcomesOf(entry, kPeer);
-    const Outcomes tool = OutcomesOf(entry, kATool);
-    text << peer.Under(entry.type + (needs_room ? "" : ", even when the link has no room"));
+    const std::string payload = AllMessages().at(type).front().second;
+    const bool needs_room = !busy.model->Ipc().Deliver(type, kATool, payload);
+    const Outcomes peer = OutcomesOf(type, kPeer);
+    const Outcomes tool = OutcomesOf(type, kATool);
+    text << peer.Under(type + (needs_room ? "" : ", even when the link has no room"));
     if (tool.Under("") != peer.Under("")) {
-      text << tool.Under(entry.type + " of a tool");
+      text << tool.Under(type + " of a tool");
     }
   }
   ExpectText("messages.txt", text.str());
@@ -176,24 +176,17 @@ TEST(Relay, EachMessageDoesWhatTheTextSays) {
 using CatalogueTest = BenchTest;
 
 TEST_F(CatalogueTest, EveryRegistrationIsMadeInOrderAndIsOpenToAnySender) {
-  std::vector<fake::FakeServiceIPC::Registration> expected;
-  for (const Entry& entry : Entries()) {
-    expected.push_back({.is_topic = entry.messages == nullptr, .name = entry.type});
-  }
-  EXPECT_EQ(model->Ipc().Registrations(), expected);
+  EXPECT_EQ(model->Ipc().Registrations(), Entries());
 }
 
 TEST_F(CatalogueTest, ArrivalIsToldAndMalformedPayloadIsOneErrorLineAndNoCall) {
-  for (const auto& [type, messages] : Entries()) {
-    if (messages == nullptr) {
-      continue;
-    }
+  for (const auto& [type, messages] : AllMessages()) {
     model->Ipc().Deliver(type, "zeltcli-1", "\xff");
     EXPECT_EQ(context.TaskQueue().Size(), 0U) << type;
     EXPECT_EQ(journal.Take(), (Trace{Log(3, "RegisterCallback",
                                          "Failed to unpack IPC message of type " + type, 0x8016)}));
     for (const std::string sender : {"Upgrade", "zeltcli-1"}) {
-      model->Ipc().Deliver(type, sender, messages().front().second);
+      model->Ipc().Deliver(type, sender, messages.front().second);
       EXPECT_EQ(journal.Take(),
                 (Trace{Log(8, "RegisterCallback", "Calling ipc callback for " + type, 0x8016),
                        Log(7, "RegisterCallback", "Received [" + type + "] from [" + sender + "]",
@@ -204,11 +197,8 @@ TEST_F(CatalogueTest, ArrivalIsToldAndMalformedPayloadIsOneErrorLineAndNoCall) {
 }
 
 TEST(Relay, OnlyNamesThatBeginLikeAToolsAreTools) {
-  for (const auto& [type, messages] : Entries()) {
-    if (messages == nullptr) {
-      continue;
-    }
-    const std::string payload = messages().front().second;
+  for (const auto& [type, messages] : AllMessages()) {
+    const std::string payload = messages.front().second;
     const auto text = [&](const std::string& sender) {
       return Text(Bridge().Deliver(type, sender, payload), "", sender);
     };
@@ -329,12 +319,9 @@ TEST(ToolSlot, FirstAnswerGoesToTheLatestToolAndTheNextOneItsUsualWay) {
     answer.usual = Bridge().Notify(answer.kind, answer.data);
     text << "kind " << answer.kind << " answers a tool\n";
   }
-  for (const auto& [type, messages] : Entries()) {
-    if (messages == nullptr) {
-      continue;
-    }
+  for (const auto& [type, messages] : AllMessages()) {
     std::string fills;
-    for (const auto& [word, payload] : messages()) {
+    for (const auto& [word, payload] : messages) {
       const bool waits = Waits(type, payload, answers.front());
       fills += waits ? ' ' + word : "";
       if (!waits || (word != "whole" && fills.size() > word.size() + 1)) {

@@ -137,39 +137,10 @@ class Restless : public testing::Test {
   bool Post(const MessageLite& message) {
     return model->Ipc().Deliver(message.GetTypeName(), "Peer", message.SerializeAsString());
   }
-  static bool Refused(const Trace& trace) {
-    return std::ranges::any_of(trace, [](const std::string& line) {
-      return line.contains("Radio protocol current connection status");
-    });
-  }
-
   fake::RootFolder folder;
   Journal journal;
   std::shared_ptr<TracedModel> model = std::make_shared<TracedModel>(journal);
 };
-
-TEST_F(Restless, ThousandFlapsEndDisconnectedAndEveryStartIsTaken) {
-  RestlessContext context(model);
-  context.Init(nullptr, nullptr);
-  context.RegisterIpcCallbacks();
-  for (int flap = 0; flap < 1000; ++flap) {
-    Post(kStart);
-    for (int task = 0; task < 3; ++task) {
-      context.TaskQueue().Pop()();  // the start, and what the link reports
-    }
-    Post(kStop);
-    const std::size_t waiting = context.TaskQueue().Size();
-    while (context.TaskQueue().Size() < waiting + 2) {
-      std::this_thread::yield();  // until there is something behind the stop
-    }
-    while (context.TaskQueue().Size() > 0) {
-      context.TaskQueue().Pop()();
-    }
-    const Trace trace = journal.Take();
-    ASSERT_EQ(LastStatus(trace), Publish(Status(0))) << flap;
-    ASSERT_FALSE(Refused(trace)) << flap;
-  }
-}
 
 TEST_F(Restless, ServiceEndsDisconnectedHoweverItsStopFalls) {
   for (int round = 0; round < 200; ++round) {

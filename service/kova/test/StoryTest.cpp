@@ -5,8 +5,8 @@
 //   > radio KIND [TYPE [FIELDS]]  a notification; TYPE may be "access" or "chunk" with its numbers
 //   > subscribe TOPIC, wait SECONDS, config MODE COLLABORATION STREAMING UPLOADING
 //   > set WORD VALUE              what radio and bus answer from now on: see Set()
-//   > file NAME CONTENT           in $FOLDER; "script COMMAND" is what the dock script does,
-//   without a command there is none
+//   > file NAME CONTENT           in $FOLDER
+//   > script [COMMAND]            the dock script does this; without a command there is none
 //
 // With "queue" before it, it is only queued; "run" runs that.
 
@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <cstdarg>
+#include <iomanip>
 
 namespace zelt::test {
 namespace {
@@ -183,6 +184,7 @@ TEST(Story, EachGoesAsTheTextSays) {
       text << story->Tell(line.substr(2));
     }
   }
+  EXPECT_TRUE(story) << "no stories in " KOVA_EXPECTED;
   ExpectText("stories.txt", text.str());
 }
 

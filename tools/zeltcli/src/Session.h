@@ -71,7 +71,7 @@ class Session {
   // Shared with the callbacks, which may outlive this object by a moment.
   struct Inbox {
     void Put(Incoming message) ZELT_EXCLUDES(mutex);
-    // The oldest; with `sender`, the oldest that this service has sent to this tool alone.
+    // The oldest; with `sender`, the oldest of this service.
     std::optional<Incoming> Take(Clock::time_point deadline, std::string_view sender = {})
         ZELT_EXCLUDES(mutex);
 

@@ -48,6 +48,13 @@ T FromText(const std::string& text) {
   return message;
 }
 
+// The same message in the bytes that a sender would write.
+inline std::string Rewritten(const std::string& type, const std::string& wire) {
+  const auto message = NewMessage(type);
+  message->ParseFromString(wire);
+  return message->SerializeAsString();
+}
+
 // In one line; fields that the type does not know by their numbers.
 inline std::string TextFromWire(const std::string& type, const std::string& wire) {
   const auto message = NewMessage(type);

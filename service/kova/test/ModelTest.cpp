@@ -324,8 +324,7 @@ class Randomised : public BenchTest {
   void Firmware() {
     Kova::TransferFirmwareRequest request;
     const auto any = static_cast<std::ptrdiff_t>(random_() % images_.size());
-    const std::string image =
-        Pick<std::string>({"six", "nine", std::next(images_.begin(), any)->first});
+    const auto image = Pick<std::string>({"six", "nine", std::next(images_.begin(), any)->first});
     request.set_source_file_path(folder.path / image);
     request.set_target_file_name(Pick({"fw1", "fw2"}));
     FromPeer(request, [=, this, sender = sender_, step = step_] {
@@ -395,6 +394,7 @@ class Randomised : public BenchTest {
     }
   }
 
+ protected:
   std::mt19937_64 random_;
   std::map<std::string, std::optional<std::string>> images_ = {
       {"six", "abcdef"},     {"nine", "abcdefghi"},      {"empty", ""},

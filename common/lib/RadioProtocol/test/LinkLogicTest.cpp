@@ -119,7 +119,7 @@ class Script {
         {"alive", [&] { next_alive_ = now_ + 800ms; }},
         {"takes",
          [&] {
-           takes_ = value == "all" ? kAll : value == "frame" ? last_size_ : std::stoul(value);
+           takes_ = BytesTaken(value);
            Carry();
          }},
         {"hold", [&] { logic_.Hold(); }},
@@ -131,6 +131,12 @@ class Script {
     words.at(word)();
   }
 
+  std::size_t BytesTaken(const std::string& value) const {
+    if (value == "all") {
+      return kAll;
+    }
+    return value == "frame" ? last_size_ : std::stoul(value);
+  }
   void Trace(const std::string& what) {
     const auto now = std::to_string((now_ - LinkLogic::Time()) / 1ms);
     trace_ += (trace_.empty() ? "" : " ") + now + ":" + what;

@@ -24,7 +24,7 @@ using View = std::string_view;
 std::int64_t Now();
 inline constexpr std::int64_t kSecond = 1'000'000'000;
 // Nothing that is under way takes longer; what has not come by then is lost.
-inline constexpr std::int64_t kPatience = 10 * kSecond;
+inline constexpr std::int64_t kLostAfter = 10 * kSecond;
 
 // The messages that are carried. Each is a protobuf message of exactly the wanted size, and says
 // which one of a window of kRing it is.

@@ -198,8 +198,8 @@ class Radio {
     const auto window = static_cast<std::int64_t>(Number(words.at(3)));
     const auto length = static_cast<std::int64_t>(Real(words.at(4)) * kSecond);
     const std::size_t wanted = Number(words.at(5));
-    for (const std::int64_t patience = Now() + kPatience;
-         receivers_.size() < wanted && Now() < patience;) {
+    for (const std::int64_t deadline = Now() + kLostAfter;
+         receivers_.size() < wanted && Now() < deadline;) {
       Pump();
     }
     std::vector<Receiver*> receivers;
@@ -215,7 +215,7 @@ class Radio {
     std::int64_t done = 0;
     const std::int64_t start = Now();
     std::int64_t last = start;
-    while (Now() - last < kPatience) {
+    while (Now() - last < kLostAfter) {
       const bool over = last - start >= length;
       const bool refills = words.front() == "down" || sent == done;
       for (; !over && refills && sent - done < window; ++sent) {
@@ -328,8 +328,9 @@ class Radio {
           body);
       Flush();
     }
-    const std::int64_t patience = 2 * kPatience;  // no answer comes before all have been asked for
-    for (std::int64_t latest = start; handles_answered_ < count && Now() - latest < patience;) {
+    // No answer comes before all have been asked for.
+    const std::int64_t lost_after = 2 * kLostAfter;
+    for (std::int64_t latest = start; handles_answered_ < count && Now() - latest < lost_after;) {
       const std::size_t seen = handles_answered_;
       Pump();
       latest = handles_answered_ != seen ? Now() : latest;

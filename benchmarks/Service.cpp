@@ -299,7 +299,7 @@ class Service {
     Begin(Number(words.at(1)), kEcho);
     echoes_awaited_ = true;
     const std::int64_t start = Now();
-    while (Now() - latest_ < kPatience) {
+    while (Now() - latest_ < kLostAfter) {
       const bool over = latest_ - start >= length || (count != 0 && sent_ == count);
       while (!over && sent_ - received_ < window && (count == 0 || sent_ < count)) {
         SendNext();
@@ -320,7 +320,7 @@ class Service {
     Begin(Number(words.at(1)), kCount);
     const std::int64_t before = counted_;
     const std::int64_t start = Now();
-    for (latest_ = start; latest_ - start < length && Now() - latest_ < kPatience;) {
+    for (latest_ = start; latest_ - start < length && Now() - latest_ < kLostAfter;) {
       while (sent_ - (counted_ - before) < window) {
         SendNext();
       }
@@ -334,8 +334,8 @@ class Service {
   }
 
   // The radio tells of every eighth; at the end it is asked, until nothing more comes.
-  void AwaitCount(std::int64_t count, std::int64_t patience = kPatience) {
-    for (std::int64_t latest = Now(); counted_ < count && Now() - latest < patience;) {
+  void AwaitCount(std::int64_t count, std::int64_t lost_after = kLostAfter) {
+    for (std::int64_t latest = Now(); counted_ < count && Now() - latest < lost_after;) {
       const std::int64_t seen = counted_;
       SendNote(side_.Get(), {SideNote::Kind::Tell});
       Pump(nullptr, 1);
@@ -382,7 +382,7 @@ class Service {
     firmware_result_.reset();
     const std::int64_t start = Now();
     bus_->Call("Kova.TransferFirmwareRequest", request);
-    while (!firmware_result_ && Now() - start < 24 * kPatience) {
+    while (!firmware_result_ && Now() - start < 24 * kLostAfter) {
       Pump();
     }
     return Field("ok", firmware_result_.value_or(false) ? 1 : 0) +
@@ -398,7 +398,7 @@ class Service {
     }
     std::cout << "{}" << std::endl;  // it listens
     for (std::int64_t latest = Now();
-         handle_requests_.size() < count && Now() - latest < kPatience;) {
+         handle_requests_.size() < count && Now() - latest < kLostAfter;) {
       const std::size_t seen = handle_requests_.size();
       Pump();
       latest = handle_requests_.size() != seen ? Now() : latest;
@@ -439,7 +439,7 @@ class Service {
       errno = error;
       zelt::ThrowErrno("cannot start " + words.at(2));
     }
-    while (ready_at == 0 && Now() - start < kPatience) {
+    while (ready_at == 0 && Now() - start < kLostAfter) {
       Pump();
     }
     bus_->on_state = nullptr;

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr std::uint32_t kCategory = 0x8016;
+constexpr std::uint32_t kProtoBufLogCategory = 0x8016;
 
 // Whoever parses says that it failed and what failed, at a level of its own. The library's line
 // about the same is a detail, but for what makes it end the process.
@@ -17,7 +17,7 @@ void Log(google::protobuf::LogLevel level, const char* file, int line, const std
   const int our_level =
       level == google::protobuf::LOGLEVEL_FATAL ? zelt::kLogError : zelt::kLogDebug;
   if (zelt::LogClient::LevelIsEnabled(our_level)) {
-    zelt::LogClient(file, "protobuf", line, our_level, kCategory) << text;
+    zelt::LogClient(file, "protobuf", line, our_level, kProtoBufLogCategory) << text;
   }
 }
 

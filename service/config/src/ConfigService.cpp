@@ -14,8 +14,6 @@
 namespace zelt {
 namespace {
 
-constexpr std::uint32_t kCategory = 0x8007;
-
 sigset_t ReloadSignal() {
   sigset_t set;
   sigemptyset(&set);
@@ -26,7 +24,7 @@ sigset_t ReloadSignal() {
 // Takes over or makes the block each time, so that one that was deleted or spoilt comes back.
 void Publish(const ConfigRecord& record) {
   ConfigPublisher(ConfigSharedMemoryFile()).Publish(record);
-  ZELT_LOG(kLogInfo, kCategory) << "Configuration published: " << Summary(record);
+  ZELT_LOG(kLogInfo, kConfigLogCategory) << "Configuration published: " << Summary(record);
 }
 
 }  // namespace
@@ -57,20 +55,21 @@ void ConfigService::DoDie() {
 }
 
 void ConfigService::Reload() const {
-  ZELT_LOG(kLogInfo, kCategory) << "Reading " << file_ << " again";
+  ZELT_LOG(kLogInfo, kConfigLogCategory) << "Reading " << file_ << " again";
   const ParsedConfig parsed = ReadConfigFile(file_);
   for (const std::string& problem : parsed.problems) {
-    ZELT_LOG(kLogError, kCategory) << problem;
+    ZELT_LOG(kLogError, kConfigLogCategory) << problem;
   }
   if (!parsed.problems.empty()) {
-    ZELT_LOG(kLogError, kCategory) << "The configuration that is in force stays, because of "
-                                   << parsed.problem_count << " problem(s) in " << file_;
+    ZELT_LOG(kLogError, kConfigLogCategory)
+        << "The configuration that is in force stays, because of " << parsed.problem_count
+        << " problem(s) in " << file_;
     return;
   }
   try {
     Publish(parsed.record);
   } catch (const std::runtime_error& error) {
-    ZELT_LOG(kLogError, kCategory)
+    ZELT_LOG(kLogError, kConfigLogCategory)
         << "The configuration that is in force stays, publishing failed: " << error.what();
   }
 }

@@ -4,10 +4,13 @@
 #include "zelt/MicroserviceIF.h"
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <string>
 
 namespace zelt {
+
+inline constexpr std::uint32_t kConfigLogCategory = 0x8007;
 
 // Publishes the configuration, and again after each SIGHUP.
 //

@@ -13,8 +13,6 @@
 
 namespace {
 
-constexpr std::uint32_t kCategory = 0x8007;
-
 int Check(const std::string& path) {
   const zelt::ParsedConfig parsed = zelt::ReadConfigFile(path);
   for (const std::string& problem : parsed.problems) {
@@ -32,10 +30,10 @@ int Run(const std::string& path) {
   zelt::SetLogIdentifier("config");
   const zelt::ParsedConfig parsed = zelt::ReadConfigFile(path);
   for (const std::string& problem : parsed.problems) {
-    ZELT_LOG(zelt::kLogError, kCategory) << problem;
+    ZELT_LOG(zelt::kLogError, zelt::kConfigLogCategory) << problem;
   }
   if (!parsed.problems.empty()) {
-    ZELT_LOG(zelt::kLogError, kCategory)
+    ZELT_LOG(zelt::kLogError, zelt::kConfigLogCategory)
         << "Cannot start with " << parsed.problem_count << " problem(s) in " << path;
     return EXIT_FAILURE;
   }

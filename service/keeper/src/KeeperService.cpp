@@ -12,7 +12,7 @@
 namespace zelt {
 namespace {
 
-constexpr std::uint32_t kCategory = 0x8031;
+constexpr std::uint32_t kKeeperLogCategory = 0x8031;
 constexpr std::string_view kKova = "Kova";
 // More at a time than the switch of a link can need.
 constexpr QueueLoad kMostTasks{.number = 256, .bytes = std::size_t{64} << 10U};
@@ -27,7 +27,7 @@ template <class Message>
 std::optional<Message> Parse(const std::string_view payload) {
   Message message;
   if (!message.ParseFromArray(payload.data(), static_cast<int>(payload.size()))) {
-    ZELT_LOG(kLogError, kCategory) << "This is no " << message.GetTypeName();
+    ZELT_LOG(kLogError, kKeeperLogCategory) << "This is no " << message.GetTypeName();
     return std::nullopt;
   }
   return message;
@@ -73,7 +73,7 @@ void KeeperService::DoRun() {
       [this](ServiceModel::AliveFunction alive) { tasks_.PushAlways(std::move(alive)); }));
 
   SetMyServiceState(service_state::State::Ready);
-  ZELT_LOG(kLogInfo, kCategory) << "Keeping the link to the radio";
+  ZELT_LOG(kLogInfo, kKeeperLogCategory) << "Keeping the link to the radio";
   while (is_running_) {
     tasks_.Pop()();
   }
@@ -107,8 +107,8 @@ void KeeperService::HearRequest(const Envelope& envelope, std::string_view paylo
 
 void KeeperService::Answer(const Envelope& envelope, KeepLinkRequest::Action action) {
   if (action == KeepLinkRequest::ON || action == KeepLinkRequest::OFF) {
-    ZELT_LOG(kLogInfo, kCategory) << envelope.sender << " switches it "
-                                  << (action == KeepLinkRequest::ON ? "on" : "off");
+    ZELT_LOG(kLogInfo, kKeeperLogCategory)
+        << envelope.sender << " switches it " << (action == KeepLinkRequest::ON ? "on" : "off");
     CarryOut(keeper_.OnSwitch(action == KeepLinkRequest::ON));
   } else if (action == KeepLinkRequest::TRY) {
     CarryOut(keeper_.OnHint());
@@ -121,7 +121,7 @@ void KeeperService::CarryOut(const LinkKeeper::Orders& orders) {
     Order(Kova::RtConnectionAction::STOP);
   }
   if (orders.start) {
-    ZELT_LOG(kLogInfo, kCategory) << "Starting the link, attempt " << keeper_.Attempts();
+    ZELT_LOG(kLogInfo, kKeeperLogCategory) << "Starting the link, attempt " << keeper_.Attempts();
     Order(Kova::RtConnectionAction::START);
   }
   if (orders.timer) {
@@ -161,7 +161,8 @@ KeepLinkStatus KeeperService::Status() const {
 void KeeperService::PublishChange() {
   const KeepLinkStatus status = Status();
   if (status.state() != published_.state()) {
-    ZELT_LOG(kLogInfo, kCategory) << "The state is " << KeepLinkStatus::State_Name(status.state());
+    ZELT_LOG(kLogInfo, kKeeperLogCategory)
+        << "The state is " << KeepLinkStatus::State_Name(status.state());
   } else if (status.attempts() == published_.attempts()) {
     return;
   }

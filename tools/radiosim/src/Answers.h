@@ -3,6 +3,7 @@
 #include "Radio.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <span>
 #include <string_view>
 #include <type_traits>
@@ -20,6 +21,7 @@ constexpr int kOk = 0;
 constexpr int kInvalid = static_cast<int>(orka::qrx::Result::InvalidParameter);
 constexpr int kNotSupported = static_cast<int>(orka::qrx::Result::NotSupported);
 
+// Calls an answer with what was received, and sends what it returns.
 template <class Result, class SomeRadio, class Message, class... More>
 void Run(Result (*answer)(SomeRadio&, const Message&, More...), Radio& radio,
          const Received& received) {
@@ -33,15 +35,23 @@ void Run(Result (*answer)(SomeRadio&, const Message&, More...), Radio& radio,
   }
 }
 
+// Returns the place of an answer's message in the union of those that the camera sends.
+template <class Result, class SomeRadio, class Message, class... More>
+consteval std::uint8_t AlternativeOf(Result (*)(SomeRadio&, const Message&, More...)) {
+  return orka::codec::table::IndexOf<Message>(
+      static_cast<const orka::RadioOutgoingMessage*>(nullptr));
+}
+
 // Makes a row. `answer` takes the radio and the message, and returns the response. If it returns
 // nothing, it may also take what was received, and respond itself when it wants to.
 template <auto answer>
 consteval Answer On(std::string_view name) {
   // Without FindRow: under the sanitizers, GCC takes no pointer that it gives for constant.
   if (std::ranges::none_of(orka::codec::kMessageTable, [&](const orka::codec::MessageRow& row) {
-        return row.direction == orka::codec::Direction::ToRadio && row.name == name;
+        return row.direction == orka::codec::Direction::ToRadio && row.name == name &&
+               row.alternative == AlternativeOf(answer);
       })) {
-    throw "the camera sends no such message";  // at compile time
+    throw "the camera sends no such message of this type";  // at compile time
   }
   return {name, [](Radio& radio, const Received& received) { Run(answer, radio, received); }};
 }
@@ -50,7 +60,7 @@ std::span<const Answer> DeviceAnswers();
 std::span<const Answer> SettingsAnswers();
 std::span<const Answer> NetworkAnswers();
 
-// What is also told unasked.
+// Make what is also told unasked.
 Kova::BatteryLevel Battery(const Radio& radio);
 Kova::BluetoothStatusMsg Bluetooth(const Radio& radio);
 Kova::LocationInfoMsg::Location Location(const Radio& radio);

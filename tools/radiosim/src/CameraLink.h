@@ -21,7 +21,7 @@
 
 namespace radiosim {
 
-// The opcode as it is printed, "0x0401".
+// Returns the opcode as it is printed, "0x0401".
 std::string Hex(std::uint16_t opcode);
 
 // The link to a camera, as the radio sees it: handshake, keep-alive, messages, and the faults that
@@ -57,7 +57,7 @@ class CameraLink {
   // Says goodbye and ends the session. False if there is no camera.
   bool Close();
 
-  // To be called many times a second.
+  // Keeps the link alive, and ends one that is silent. To be called many times a second.
   void Tick(PacedLine::Clock::time_point now);
 
   // Tells what was wrong. `transaction` 0 for what answers nothing.
@@ -96,8 +96,8 @@ class CameraLink {
                  orka::codec::ByteView payload, const Faults& faults);
   void Deliver(orka::codec::ByteView bytes);
 
-  // What the faults do, in CameraLinkFaults.cpp: to a message; and to a frame, which is empty if it
-  // is the camera's. Nothing is returned for a frame that goes no further.
+  // Do what the faults demand: to a message; and to a frame, which is empty if it is the camera's.
+  // Nothing is returned for a frame that goes no further. See CameraLinkFaults.cpp.
   static void Falsify(const Faults& faults, orka::RadioNotificationData& data,
                       std::uint16_t& transaction);
   std::optional<Passage> Pass(const Faults& faults, const std::string& if_dropped,

@@ -73,8 +73,8 @@ class FaultPlan {
   std::uint32_t BitsPerSecond() const { return bits_per_second_; }
   void SetBitsPerSecond(std::uint32_t speed) { bits_per_second_ = speed; }
 
-  // The rules that fire for this frame, in the order of the plan; each is counted. Refusals are not
-  // among them.
+  // Returns the rules that fire for this frame, in the order of the plan; each is counted. Refusals
+  // are not among them.
   std::vector<const FaultRule*> Fire(bool incoming, std::string_view message, bool is_response,
                                      bool is_link_control, std::optional<std::uint16_t> chunk);
 
@@ -83,10 +83,10 @@ class FaultPlan {
   std::optional<orka::qrx::Result> Refuse(std::string_view message,
                                           std::optional<std::uint16_t> chunk);
 
-  // A number below `limit`, from the plan's own generator.
+  // Draws a number below `limit` from the plan's own generator.
   std::size_t Random(std::size_t limit);
 
-  // One line a rule: how often it matched and fired.
+  // Tells in one line a rule how often it matched and fired.
   std::string Report() const;
 
  private:

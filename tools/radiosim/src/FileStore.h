@@ -31,14 +31,14 @@ class FileStore {
   // Begins a file; one that was not complete is forgotten.
   orka::qrx::Result Begin(const orka::qrx::FileAccessRequest& request);
 
-  // The next bytes. The chunk before may come again, and is not written again.
+  // Takes the next bytes. The chunk before may come again, and is not written again.
   orka::qrx::Result Write(const orka::qrx::TransferDataRequest& request,
                           std::span<const std::uint8_t> bytes);
 
   // Forgets the file that is not complete.
   void Abort();
 
-  // True if a file of this name is complete.
+  // Tells whether a file of this name is complete.
   bool Has(const std::string& name) const;
 
   bool InTransfer() const { return open_; }

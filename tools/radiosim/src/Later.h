@@ -16,7 +16,7 @@ class Later {
  public:
   explicit Later(asio::io_context& io) : io_(io) {}
 
-  // Without a delay it is done at once.
+  // Does `action` after `delay`; at once if that is 0.
   void operator()(std::chrono::milliseconds delay, std::function<void()> action) const {
     if (delay.count() == 0) {
       action();
@@ -31,7 +31,7 @@ class Later {
         });
   }
 
-  // Expired once this is stopped or gone: for other work that waits in `io`.
+  // Expires once this is stopped or gone: for other work that waits in `io`.
   std::weak_ptr<void> Alive() const { return alive_; }
 
   bool IsStopped() const { return alive_ == nullptr; }

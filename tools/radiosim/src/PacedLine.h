@@ -37,7 +37,8 @@ class PacedLine : public std::enable_shared_from_this<PacedLine> {
 
   std::uint64_t ByteCount() const { return bytes_; }  // both ways
 
-  // No good frame has come for so long that the camera is lost, by the rule that both sides keep.
+  // Tells whether no good frame has come for so long that, by the rule of both sides, the camera is
+  // lost.
   bool IsSilent(Clock::time_point now) const {
     return now >= last_good_ + orka::codec::LostAfter(byte_time_);
   }

@@ -15,7 +15,7 @@ namespace radiosim {
 
 std::string ToJson(const google::protobuf::MessageLite& message);
 
-// The name of a C++ type in the .proto files: "Kova::X" is "Kova.X".
+// Returns the name of a C++ type in the .proto files: "Kova::X" is "Kova.X".
 std::string ProtoName(std::string_view type);
 std::string ToJson(const google::protobuf::Message& message);  // this program's own
 

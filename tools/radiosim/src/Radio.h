@@ -61,10 +61,10 @@ struct Radio {
 
   void Handle(const Received& received);
 
-  // To be called a few times a second.
+  // Lets time pass: drains the battery, broadcasts what is due. To be called many times a second.
   void Tick(Clock::time_point now);
 
-  // The camera is gone: a file in transfer is given up, subscriptions end.
+  // Gives up a file in transfer, and ends the subscriptions, as the camera is gone.
   void SessionEnded();
 
   json::State State() const;

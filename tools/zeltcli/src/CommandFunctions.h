@@ -14,7 +14,7 @@ inline constexpr const char* kLinkStatus = "Kova.RTConnectionStatus";
 inline constexpr const char* kKeeper = "Keeper";
 inline constexpr const char* kKeepStatus = "zelt.KeepLinkStatus";
 
-// When waiting ends, and how long an answer may take, as the command line or the command says.
+// Tell when waiting ends, and how long an answer may take, as the command line or the command says.
 Clock::time_point Deadline(const Cli& cli);
 Seconds AnswerTime(const Cli& cli);
 
@@ -43,7 +43,7 @@ void LinkDown(const Cli& cli);
 void LinkKeep(const Cli& cli);
 // Its state by name; empty when Kova does not tell it within a second.
 std::string LinkState(const Cli& cli);
-// Nothing reaches the radio until the next `link up`.
+// Tells whether nothing reaches the radio until the next `link up`.
 bool IsDown(std::string_view link_state);
 
 // BusCommands.cpp: any service

@@ -53,12 +53,12 @@ struct Command {
 
 std::span<const Command> Commands();
 
-// The application with all commands; what it parses goes to `arguments`, and the chosen command to
-// `chosen`. Both must outlive it.
+// Makes the application with all commands. What it parses goes to `arguments`, and the chosen
+// command to `chosen`; both must outlive it.
 std::unique_ptr<CLI::App> MakeApp(Arguments& arguments, const Command*& chosen);
 
-// What may stand in the place of the last of `words` (those after the tool's own name, the last
-// one perhaps empty or unfinished). "FILE" alone stands for the names of files.
+// Returns what the last of `words` may become. They are those after the tool's own name; the last
+// one may be empty or unfinished. "FILE" alone stands for the names of files.
 std::vector<std::string> Completions(CLI::App& app, const std::vector<std::string>& words);
 
 }  // namespace zelt::cli

@@ -16,7 +16,7 @@ class FileProgress {
   // `reader` is the name of the process that reads.
   FileProgress(const std::string& path, std::string reader);
 
-  // Nothing while no such process is seen to have the file open.
+  // Returns nothing while no such process is seen to have the file open.
   std::optional<std::uint64_t> Position();
 
  private:

@@ -2,7 +2,7 @@
 
 #include "CliError.h"
 #include "Descriptors.h"
-#include "Text.h"
+#include "Words.h"
 
 #include <google/protobuf/descriptor.pb.h>
 #include <google/protobuf/util/json_util.h>

@@ -49,16 +49,16 @@ class MessageTypes {
   // Throws CliError with the nearest names.
   const google::protobuf::Descriptor& Find(std::string_view name) const;
 
-  // The full names of all that may be sent, in alphabetical order.
+  // Lists the full names of all that may be sent, in alphabetical order.
   std::vector<std::string> Names() const;
 
-  // An empty message; the type must exist.
+  // Makes an empty message; the type must exist.
   MessageValue New(std::string_view full_name) const;
 
   // Throws CliError that tells which field does not fit.
   MessageValue FromJson(const google::protobuf::Descriptor& type, std::string_view json) const;
 
-  // Nothing when the type is unknown or the payload is no such message.
+  // Returns nothing when the type is unknown or the payload is no such message.
   std::optional<MessageValue> Parse(std::string_view full_name, std::string_view payload) const;
 
  private:
@@ -67,7 +67,8 @@ class MessageTypes {
   std::vector<const google::protobuf::Descriptor*> types_;
 };
 
-// What a field holds, for a human: "uint32", "START (0), STOP (1) or a number", "Kova.DateTime".
+// Says what a field holds, for a human: "uint32", "START (0), STOP (1) or a number",
+// "Kova.DateTime".
 std::string KindOf(const google::protobuf::FieldDescriptor& field);
 
 }  // namespace zelt::cli

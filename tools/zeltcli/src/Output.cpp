@@ -1,5 +1,7 @@
 #include "Output.h"
 
+#include "Words.h"
+
 #include <unistd.h>
 
 #include <array>

@@ -1,8 +1,8 @@
 #pragma once
 
+#include "JsonObject.h"
 #include "MessageTypes.h"
 #include "Session.h"
-#include "Text.h"
 
 #include <cstdint>
 #include <optional>
@@ -18,13 +18,14 @@ class Output {
 
   bool IsJson() const { return json_; }
 
-  // The result of a command: `text` for a human, `json` (with "ok" put first) for a script.
+  // Prints the result of a command: `text` for a human, `json` (with "ok" put first) for a script.
   void Result(const std::string& text, const JsonObject& json = {}) const;
   void Error(const CliError& error) const;
-  // What the tool is about to do, for a human or a script that waits for it: on standard error.
+  // Says what the tool is about to do, for a human or a script that waits for it: on standard
+  // error.
   void Notice(const std::string& text) const;
 
-  // One line for one message; with its time.
+  // Prints one line for one message, with its time.
   void Message(const MessageTypes& types, const Incoming& message) const;
 
   enum class Style : std::uint8_t { Dim, Bold, Good, Bad };
@@ -37,7 +38,8 @@ class Output {
   bool colour_;
 };
 
-// The message as JSON, or, when its type is not known or it does not parse, as {"hex": ...}.
+// Returns the message as JSON, or, when its type is not known or it does not parse, as {"hex":
+// ...}.
 std::string MessageJson(const MessageTypes& types, const Incoming& message, bool pretty = false);
 
 // A line on the terminal that tells how long it takes: with a bar where the end is known, else

@@ -2,6 +2,7 @@
 #include "DateTime.h"
 #include "FileProgress.h"
 #include "Session.h"
+#include "Words.h"
 #include "zelt/FileSize.h"
 
 #include <arpa/inet.h>
@@ -31,9 +32,10 @@ namespace {
 // Kova reads the file until the radio has it or the transfer fails, and then tells the outcome at
 // once.
 constexpr Seconds kOutcomeTime{6};
-// Where Kova cannot be seen to read: a tenth of what the serial port carries.
-constexpr Seconds kBlindTime{30};
-constexpr double kBlindRate = 16.0 * 1024;  // bytes a second
+// Where Kova cannot be seen to read, the transfer has so long, and a second for so many bytes: a
+// tenth of what the serial port carries.
+constexpr Seconds kUnseenTime{30};
+constexpr double kUnseenBytesPerSecond = 16.0 * 1024;
 
 std::string InSeconds(double seconds) {
   std::ostringstream text;
@@ -253,7 +255,8 @@ void PushFirmware(const Cli& cli) {
   FileProgress read(path, "kova");
   std::optional<std::uint64_t> done;
   std::optional<Clock::time_point> closed;  // since when Kova is seen to have read the file
-  const Seconds blind_time = kBlindTime + Seconds(static_cast<double>(size) / kBlindRate);
+  const Seconds unseen_time =
+      kUnseenTime + Seconds(static_cast<double>(size) / kUnseenBytesPerSecond);
   const auto watch = [&] {
     if (const auto position = read.Position()) {
       done = position;
@@ -265,10 +268,10 @@ void PushFirmware(const Cli& cli) {
                      "the outcome of the transfer of " + path +
                          " went elsewhere: another tool asked Kova meanwhile",
                      "Kova's log tells the outcome");
-    } else if (!done && !cli.arguments.timeout_given && progress.Elapsed() > blind_time.count()) {
+    } else if (!done && !cli.arguments.timeout_given && progress.Elapsed() > unseen_time.count()) {
       throw CliError(Exit::TimedOut,
                      "Kova did not tell the outcome of the transfer of " + path + " within " +
-                         InSeconds(blind_time.count()),
+                         InSeconds(unseen_time.count()),
                      "the radio is very slow, or another tool asked Kova meanwhile; Kova's log "
                      "tells the outcome, and --timeout SECONDS waits longer");
     }

@@ -1,7 +1,7 @@
 #include "Session.h"
 
 #include "Accepted.h"
-#include "Text.h"
+#include "Words.h"
 
 #include <unistd.h>
 

@@ -22,13 +22,14 @@ using Seconds = std::chrono::duration<double>;
 // Connects without a name: for questions about the bus. Throws CliError when there is no bus.
 std::shared_ptr<ServiceModel> Connect();
 
-// The state of a service; NotRunning is thrown as CliError, as is a service that does not answer.
+// Asks the state of a service; NotRunning is thrown as CliError, as is a service that does not
+// answer.
 service_state::State StateOf(const std::string& service, Seconds timeout);
 
-// A tool's name on the bus, not a service's.
+// Tells whether this is a tool's name on the bus, not a service's.
 bool IsTool(std::string_view name);
 
-// The services on the bus, without the tools.
+// Lists the services on the bus, without the tools.
 std::vector<std::string> ServiceNames();
 
 // A received message.
@@ -64,14 +65,15 @@ class Session {
   // this tool anew, so that whoever keeps a state tells it.
   void Subscribe(const std::string& topic, std::string_view publisher);
 
-  // The next message, oldest first; nothing when none comes in time. Throws when the bus is lost.
+  // Takes the next message, oldest first; nothing when none comes in time. Throws when the bus is
+  // lost.
   std::optional<Incoming> Next(Clock::time_point deadline);
 
  private:
   // Shared with the callbacks, which may outlive this object by a moment.
   struct Inbox {
     void Put(Incoming message) ZELT_EXCLUDES(mutex);
-    // The oldest; with `sender`, the oldest of this service.
+    // Takes the oldest; with `sender`, the oldest of this service.
     std::optional<Incoming> Take(Clock::time_point deadline, std::string_view sender = {})
         ZELT_EXCLUDES(mutex);
 
@@ -93,7 +95,7 @@ class Session {
   AsyncCallbackHandle subscription_;
 };
 
-// From now on SIGINT and SIGTERM do not end the process: Interrupted() tells them.
+// Keeps SIGINT and SIGTERM from ending the process: Interrupted() tells them from now on.
 void CatchInterrupts();
 bool Interrupted();
 

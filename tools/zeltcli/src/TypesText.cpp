@@ -1,7 +1,7 @@
 #include "TypesText.h"
 
 #include "Accepted.h"
-#include "Text.h"
+#include "JsonObject.h"
 
 #include <array>
 #include <cstddef>

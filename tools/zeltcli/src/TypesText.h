@@ -7,12 +7,12 @@
 
 namespace zelt::cli {
 
-// What Kova accepts, with where the answer goes, and what it publishes.
+// Tells what Kova accepts, with where the answer goes, and what it publishes.
 std::string TypesText(const Output& output);
 std::string TypesJson(const MessageTypes& types);
 
-// One type: what it is for, its fields with those of its parts, and, where Kova accepts it, how to
-// send one.
+// Tells of one type: what it is for, its fields with those of its parts, and, where Kova accepts
+// it, how to send one.
 std::string TypeText(const MessageTypes& types, const google::protobuf::Descriptor& type,
                      const Output& output);
 std::string TypeJson(const google::protobuf::Descriptor& type);

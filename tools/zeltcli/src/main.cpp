@@ -1,7 +1,7 @@
 #include "CliError.h"
 #include "Commands.h"
 #include "Output.h"
-#include "Text.h"
+#include "Words.h"
 #include "zelt/LogClient.h"
 
 #include <CLI/CLI.hpp>

@@ -3,10 +3,11 @@
 #include "Commands.h"
 #include "DateTime.h"
 #include "FileProgress.h"
+#include "JsonObject.h"
 #include "MessageTypes.h"
 #include "Output.h"
-#include "Text.h"
 #include "TypesText.h"
+#include "Words.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

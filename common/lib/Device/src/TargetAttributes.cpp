@@ -1,15 +1,13 @@
 #include "zelt/TargetAttributes.h"
 
 #include "KeyValueFile.h"
+#include "LogCategory.h"
 #include "zelt/LogClient.h"
 #include "zelt/Paths.h"
 
 #include <stdexcept>
 
 namespace zelt {
-namespace {
-constexpr std::uint32_t kCategory = 0x8007;
-}
 
 TargetAttributes::TargetAttributes(bool required) {
   try {
@@ -18,7 +16,7 @@ TargetAttributes::TargetAttributes(bool required) {
     if (required) {
       throw;
     }
-    ZELT_LOG(kLogWarning, kCategory) << "Target attributes are unknown: " << error.what();
+    ZELT_LOG(kLogWarning, kDeviceLogCategory) << "Target attributes are unknown: " << error.what();
   }
 }
 

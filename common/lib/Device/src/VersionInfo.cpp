@@ -1,14 +1,12 @@
 #include "zelt/VersionInfo.h"
 
 #include "KeyValueFile.h"
+#include "LogCategory.h"
 #include "zelt/LogClient.h"
 
 #include <stdexcept>
 
 namespace zelt {
-namespace {
-constexpr std::uint32_t kCategory = 0x8007;
-}
 
 std::string VersionInfo::GetVersionAndBuildNumberText(std::string_view path) {
   try {
@@ -20,7 +18,7 @@ std::string VersionInfo::GetVersionAndBuildNumberText(std::string_view path) {
     }
     return build.empty() ? version : version + " build " + build;
   } catch (const std::runtime_error& error) {
-    ZELT_LOG(kLogWarning, kCategory) << "Software version is unknown: " << error.what();
+    ZELT_LOG(kLogWarning, kDeviceLogCategory) << "Software version is unknown: " << error.what();
     return "unknown";
   }
 }

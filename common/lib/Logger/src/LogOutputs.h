@@ -39,7 +39,7 @@ class LogOutputs {
   // goes to standard error; one that cannot be written there is lost.
   void Write(const LogQueue::Batch& batch, std::string_view identifier);
 
-  // True while it waits for a reader. Any thread, signal handlers included.
+  // Tells whether it waits for a reader. Any thread, signal handlers included.
   bool IsWaiting() const { return is_waiting_; }
 
  private:

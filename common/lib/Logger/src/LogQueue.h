@@ -37,7 +37,7 @@ class LogQueue {
 
   std::size_t Used() const { return used_; }  // bytes
 
-  // How many lines came in, and how many of them were taken or dropped.
+  // Tell how many lines came in, and how many of them were taken or dropped.
   std::uint64_t Pushed() const { return pushed_; }
   std::uint64_t Gone() const { return gone_; }
 

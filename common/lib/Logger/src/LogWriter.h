@@ -25,10 +25,10 @@ namespace zelt {
 // fills up wakes it: many lines cost few wake-ups.
 class LogWriter {
  public:
-  // That of this process; in a child after fork(2) it is a new one. Never destroyed: threads and
+  // Returns this process's; in a child after fork(2) it is a new one. Never destroyed: threads and
   // statics may log until the very end.
   static LogWriter& Get();
-  // The same if there is one already, else nullptr.
+  // Returns it if there is one already, else nullptr.
   static LogWriter* Existing();
 
   LogWriter(const LogWriter&) = delete;
@@ -41,7 +41,7 @@ class LogWriter {
 
   // Waits until what has been logged is written, also how many lines were held back; 0.5 s at most.
   void Flush();
-  // The same in a handler of a fatal signal: takes no lock, and does not wait for a reader.
+  // Does the same in a handler of a fatal signal: takes no lock, and does not wait for a reader.
   void FlushInSignalHandler();
 
  private:

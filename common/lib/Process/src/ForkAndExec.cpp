@@ -31,7 +31,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-constexpr std::uint32_t kCategory = 0x800A;
+constexpr std::uint32_t kProcessLogCategory = 0x800A;
 constexpr std::size_t kKept = std::size_t{64} * 1024;
 constexpr int kCannotRun = 127;  // as shells have it
 constexpr std::size_t kLoggedLines = 20;
@@ -137,7 +137,7 @@ void CloseAllFrom(unsigned first) noexcept {
 }
 
 [[noreturn]] void RunChild(pid_t parent, int output, int error,
-                           UniqueFunction<void()>& inChild) noexcept {
+                           UniqueFunction<void()>& in_child) noexcept {
   struct sigaction by_default{};
   by_default.sa_handler = SIG_DFL;
   for (int number = 1; number < NSIG; ++number) {
@@ -161,7 +161,7 @@ void CloseAllFrom(unsigned first) noexcept {
   CloseAllFrom(STDERR_FILENO + 1);
   try {
     errno = 0;
-    inChild();
+    in_child();
   } catch (...) {
     Fail(STDERR_FILENO, "an exception");
   }
@@ -169,7 +169,7 @@ void CloseAllFrom(unsigned first) noexcept {
 }
 
 // Signals stay blocked until the child has taken the parent's handlers off.
-pid_t Fork(const Output& output, const Output& error, UniqueFunction<void()>& inChild) {
+pid_t Fork(const Output& output, const Output& error, UniqueFunction<void()>& in_child) {
   sigset_t all;
   sigset_t before;
   sigfillset(&all);
@@ -177,7 +177,7 @@ pid_t Fork(const Output& output, const Output& error, UniqueFunction<void()>& in
   const pid_t parent = getpid();
   const pid_t child = fork();
   if (child == 0) {
-    RunChild(parent, output.WriteEnd(), error.WriteEnd(), inChild);
+    RunChild(parent, output.WriteEnd(), error.WriteEnd(), in_child);
   }
   const int fork_error = errno;
   pthread_sigmask(SIG_SETMASK, &before, nullptr);
@@ -198,7 +198,7 @@ int Reap(pid_t child) {
 // A child that has been started, and what can be heard of it.
 class Child {
  public:
-  explicit Child(UniqueFunction<void()>& inChild) : pid_(Fork(output_, error_, inChild)) {
+  explicit Child(UniqueFunction<void()>& in_child) : pid_(Fork(output_, error_, in_child)) {
     if (pid_ < 0) {
       ThrowErrno("fork");
     }
@@ -289,24 +289,25 @@ void LogLines(std::string_view text) {
     text = text.substr(0, start == 0 ? 0 : start - 1);
   }
   for (const std::string_view line : std::views::reverse(lines)) {
-    ZELT_LOG_AS("ForkAndExecImpl", kLogWarning, kCategory) << "A child process says: " << line;
+    ZELT_LOG_AS("ForkAndExecImpl", kLogWarning, kProcessLogCategory)
+        << "A child process says: " << line;
   }
 }
 
-ForkAndExecResult Run(UniqueFunction<void()>& inChild, milliseconds limit) {
-  Child child(inChild);
+ForkAndExecResult Run(UniqueFunction<void()>& in_child, milliseconds limit) {
+  Child child(in_child);
   const bool has_ended = child.WaitForEnd(Clock::now() + limit);
   ForkAndExecResult result = child.Finish(has_ended);
   LogLines(result.standardError);
   if (!has_ended) {
-    ZELT_LOG_AS("ForkAndExecImpl", kLogError, kCategory)
+    ZELT_LOG_AS("ForkAndExecImpl", kLogError, kProcessLogCategory)
         << "Killed a child process that did not end within " << limit.count() << " ms";
   }
   if (!child.IsGone()) {
     try {
       StartThread([child = std::move(child)]() mutable { child.Outlast(); }).detach();
     } catch (const std::system_error& error) {
-      ZELT_LOG(kLogError, kCategory)
+      ZELT_LOG(kLogError, kProcessLogCategory)
           << "Nobody reads what a child process has left behind: " << error.what();
     }
   }
@@ -315,11 +316,11 @@ ForkAndExecResult Run(UniqueFunction<void()>& inChild, milliseconds limit) {
 
 }  // namespace
 
-ForkAndExecResult ForkAndExecImpl(UniqueFunction<void()> inChild, milliseconds limit) {
+ForkAndExecResult ForkAndExecImpl(UniqueFunction<void()> in_child, milliseconds limit) {
   try {
-    return Run(inChild, limit);
+    return Run(in_child, limit);
   } catch (const std::system_error& error) {
-    ZELT_LOG(kLogError, kCategory) << "Failed to run a child process: " << error.what();
+    ZELT_LOG(kLogError, kProcessLogCategory) << "Failed to run a child process: " << error.what();
     return {.status = -1, .standardOutput = {}, .standardError = {}};
   }
 }

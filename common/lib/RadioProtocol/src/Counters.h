@@ -5,7 +5,7 @@
 
 namespace orka {
 
-inline constexpr std::uint32_t kLogCategoryRadio = 0x8030;
+inline constexpr std::uint32_t kRadioLogCategory = 0x8030;
 
 // What LinkCounters is read from.
 struct AtomicCounters {

@@ -24,22 +24,23 @@ class Injections {
     std::optional<codec::Bytes> answer;  // opcode and body; nothing: the session ended
   };
 
-  // A request is about to be sent. Nothing when one of this number is being waited for.
+  // Registers a request that is about to be sent; gives nothing when its number is waited for
+  // already.
   std::shared_ptr<Waiting> Begin(std::uint16_t transaction, std::uint16_t answer_opcode);
 
-  // It was not sent.
+  // Forgets a request that was not sent after all.
   void Cancel(std::uint16_t transaction) { waiting_.erase(transaction); }
 
-  // Waits, without the lock, until it is over, for kInjectionTimeout. False when it is not.
+  // Waits, without the lock, for kInjectionTimeout at most. False when it is not over then.
   bool Await(zelt::Lock& lock, std::uint16_t transaction, const Waiting& waiting);
 
-  // A response came. True when it belongs to an injected request.
+  // Takes a response that came, if it belongs to an injected request. False if it does not.
   bool Take(std::uint16_t transaction, codec::ByteView payload);
 
-  // True when another request must not have this number.
+  // Tells whether another request must not have this number.
   bool Knows(std::uint16_t transaction) const;
 
-  // The session ended: nobody waits any more, and nothing is known.
+  // Ends every wait and forgets everything, as the session has ended.
   void Clear();
 
  private:

@@ -10,8 +10,9 @@
 // The bounds of a link beside those of its framing and keep-alive. docs/radio-link.md lists them.
 namespace orka {
 
-// What a frame counts while it waits for the line: its payload, which begins with the opcode, and
-// header, checksum, first code byte and delimiter. What stuffing adds to long ones does not count.
+// Returns what a frame counts while it waits for the line: its payload, which begins with the
+// opcode, and header, checksum, first code byte and delimiter. What stuffing adds to long ones does
+// not count.
 constexpr std::size_t FrameCost(std::size_t payload) {
   return codec::kHeaderSize + payload + codec::kChecksumSize + 2;
 }
@@ -21,8 +22,8 @@ inline constexpr std::size_t kLargestMessage =
     codec::kMaxPayload - 2 + RadioProtocol::kSendOverhead;
 static_assert(FrameCost(2) <= RadioProtocol::kSendOverhead);
 
-// What may wait for the line and still be offered as room: about a second of a serial line, and
-// always the largest message. A byte takes no known time on TCP.
+// Returns how much may wait for the line and be offered as room: about a second of a serial line,
+// and always the largest message. A byte takes no known time on TCP.
 constexpr std::size_t SendRoom(std::chrono::nanoseconds byte_time) {
   constexpr std::size_t kTcp = 256UL * 1024;
   return byte_time.count() == 0
@@ -35,9 +36,9 @@ constexpr std::size_t SendRoom(std::chrono::nanoseconds byte_time) {
 // next chunk of a file, and the answer to a request that nobody took.
 inline constexpr std::size_t kSendReserve = 2 * kLargestMessage;
 
-// A line that takes not one byte for so long is stuck, and its radio lost; so is one that needs for
-// a frame so long and the frame's own time. A serial driver takes nothing until most of its buffer,
-// a page, has gone out.
+// Returns after how long without taking one byte a line is stuck, and its radio lost. A line is
+// also stuck when a frame takes it so much longer than the frame's own time. A serial driver takes
+// nothing until most of its buffer, a page, has gone out.
 constexpr std::chrono::nanoseconds StuckAfter(std::chrono::nanoseconds byte_time) {
   return std::chrono::seconds(10) + 4096 * byte_time;
 }

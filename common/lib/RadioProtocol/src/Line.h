@@ -33,7 +33,7 @@ class Line {
   int Fd() const { return fd_.Get(); }
   const std::string& Name() const { return name_; }  // for log lines
 
-  // What one byte takes; 0 on TCP, where nobody knows.
+  // Returns the time that one byte takes; 0 on TCP, where nobody knows.
   std::chrono::nanoseconds ByteTime() const { return byte_time_; }
 
   // Where a TCP line is to be connected to.

@@ -121,11 +121,11 @@ void LinkLogic::HandleHelloAnswer(codec::ByteView payload) {
     return;
   }
   state_ = State::Connected;
-  ZELT_LOG(zelt::kLogInfo, kLogCategoryRadio)
+  ZELT_LOG(zelt::kLogInfo, kRadioLogCategory)
       << "Radio \"" << answer->name << "\" answered on " << settings_.line << ", largest transfer "
       << answer->max_transfer_size << ", in service " << answer->in_service;
   if (answer->max_transfer_size == 0) {
-    ZELT_LOG(zelt::kLogError, kLogCategoryRadio)
+    ZELT_LOG(zelt::kLogError, kRadioLogCategory)
         << "Radio \"" << answer->name
         << "\" takes no files: its largest transfer size is 0, and 1 to 65527 is expected";
   }
@@ -245,7 +245,7 @@ void LinkLogic::End(std::string_view why) {
   }
   end_ = state_ == State::Connected;
   Close();
-  ZELT_LOG(zelt::kLogError, kLogCategoryRadio)
+  ZELT_LOG(zelt::kLogError, kRadioLogCategory)
       << (*end_ ? "Link to the radio lost on " : "No link to the radio on ") << settings_.line
       << ": " << why;
 }
@@ -263,12 +263,12 @@ void LinkLogic::CountDrop(std::atomic<std::uint64_t>& counter, std::string_view 
     return;
   }
   LogDropsLeft();
-  ZELT_LOG(zelt::kLogWarning, kLogCategoryRadio) << "Dropped a frame of the radio: " << why;
+  ZELT_LOG(zelt::kLogWarning, kRadioLogCategory) << "Dropped a frame of the radio: " << why;
 }
 
 void LinkLogic::LogDropsLeft() {
   if (drops_unlogged_ > 0) {
-    ZELT_LOG(zelt::kLogWarning, kLogCategoryRadio)
+    ZELT_LOG(zelt::kLogWarning, kRadioLogCategory)
         << "Dropped " << std::exchange(drops_unlogged_, 0) << " more frames in the last burst";
   }
 }

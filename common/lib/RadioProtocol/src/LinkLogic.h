@@ -56,16 +56,18 @@ class LinkLogic {
 
   LinkLogic(LinkSettings settings, AtomicCounters& counters, LinkEvents events);
 
-  // The attempt begins; the line is there, and the radio is greeted; it failed, or could not be
-  // had.
+  // Begins the attempt.
   void Open(Time now);
+  // Greets the radio, now that there is a line.
   void LineIsThere(Time now);
+  // Ends the link, since the line failed or could not be had.
   void LineFailed(std::string_view why);
 
   void Received(codec::ByteView bytes, Time now);
 
-  // What the line is to carry next, until the next call; empty: nothing. Took() says how much of it
-  // the line took. After the end there may still be a Goodbye, for a line that takes it at once.
+  // Returns what the line is to carry next, valid until the next call; empty: nothing. Took() is
+  // told how much of it the line took. After the end there may still be a Goodbye, for a line that
+  // takes it at once.
   codec::ByteView Waiting(Time now);
   void Took(std::size_t count, Time now);
 
@@ -74,7 +76,8 @@ class LinkLogic {
   void Look(Time now);
   Time NextLook(Time now) const;
 
-  // The line is not read any more, and is read again. In between a radio is not silent.
+  // Tell that the line is not read, and that it is read again. In between no radio counts as
+  // silent.
   void Hold() { held_ = true; }
   void Continue(Time now);
 
@@ -86,7 +89,7 @@ class LinkLogic {
   void TellEnd();
 
   // Any thread. Takes one whole frame with so many bytes of payload for the line; false when too
-  // much is waiting already. And how much there is room for.
+  // much is waiting already. Room() tells how much is not.
   bool Queue(codec::ByteView frame, std::size_t payload);
   std::size_t Room() const { return queue_.Room(); }
 

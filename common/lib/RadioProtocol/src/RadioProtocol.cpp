@@ -19,13 +19,13 @@ RadioProtocol::RadioProtocol(std::shared_ptr<zelt::ServiceModel> /*model*/,
     : impl_(std::make_unique<Impl>(version, productId)) {}
 RadioProtocol::~RadioProtocol() = default;
 
-bool RadioProtocol::StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
-                                std::uint32_t handshakeTimeout) {
-  return impl_->Start([&] { return Line::MakeTcp(settings); }, linkAddress, handshakeTimeout);
+bool RadioProtocol::StartSocket(const SocketSettings& settings, std::uint32_t link_address,
+                                std::uint32_t handshake_timeout) {
+  return impl_->Start([&] { return Line::MakeTcp(settings); }, link_address, handshake_timeout);
 }
-bool RadioProtocol::StartUart(const UartSettings& settings, std::uint32_t linkAddress,
-                              std::uint32_t handshakeTimeout) {
-  return impl_->Start([&] { return Line::OpenSerial(settings); }, linkAddress, handshakeTimeout);
+bool RadioProtocol::StartUart(const UartSettings& settings, std::uint32_t link_address,
+                              std::uint32_t handshake_timeout) {
+  return impl_->Start([&] { return Line::OpenSerial(settings); }, link_address, handshake_timeout);
 }
 void RadioProtocol::Stop() {
   impl_->Stop();
@@ -44,11 +44,11 @@ SendResult RadioProtocol::SendTransferData(const qrx::TransferDataRequest& reque
 std::uint16_t RadioProtocol::GetMaxTransferDataSize() {
   return impl_->MaxTransferSize();
 }
-void RadioProtocol::SetIdentifyAsCamera(bool identifyAsCamera) {
-  impl_->SetIdentifyAsCamera(identifyAsCamera);
+void RadioProtocol::SetIdentifyAsCamera(bool identify_as_camera) {
+  impl_->SetIdentifyAsCamera(identify_as_camera);
 }
-void RadioProtocol::SetUseTetheredConnection(bool useTetheredConnection) {
-  impl_->SetUseTetheredConnection(useTetheredConnection);
+void RadioProtocol::SetUseTetheredConnection(bool use_tethered_connection) {
+  impl_->SetUseTetheredConnection(use_tethered_connection);
 }
 
 FileHandleRespWrapper RadioProtocol::MakeFileHandleResponse(
@@ -76,7 +76,7 @@ FileHandleRespWrapper RadioProtocol::MakeFileHandleResponse(
       break;
   }
   if (const auto encoded = codec::EncodeToRadio(result); !encoded.error.empty()) {
-    ZELT_LOG(zelt::kLogError, kLogCategoryRadio)
+    ZELT_LOG(zelt::kLogError, kRadioLogCategory)
         << "The radio is told that file handle " << result.handle_id
         << " failed: " << encoded.error;
     result.status = kFileHandleFailed;

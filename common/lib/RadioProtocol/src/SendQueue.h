@@ -20,7 +20,7 @@ class SendQueue {
   // taken, when room and reserve do not hold it.
   bool Push(codec::ByteView frame, std::size_t cost);
 
-  // Any thread. What is left of the room; the reserve is not told.
+  // Any thread. Returns what is left of the room, without the reserve.
   std::size_t Room() const;
 
   // Any thread. Takes a frame that does not count, or bytes between frames.
@@ -29,13 +29,14 @@ class SendQueue {
   // ----------------------------------------------------------------------------------------------
   // The line's thread.
 
-  // What the line is to be given next, until Took() or the next call; empty: nothing waits.
+  // Returns what the line is to be given next, valid until Took() or the next call; empty: nothing.
   codec::ByteView Waiting();
 
-  // The line took so many bytes of it. True when the last byte of a frame was among them.
+  // Removes what the line took of it. True when the last byte of a frame was among that.
   bool Took(std::size_t count);
 
-  // The size on the wire of the frame that Waiting() begins with or in; 0 when nothing waits.
+  // Returns the size on the wire of the frame that Waiting() begins with or in; 0 when nothing
+  // waits.
   std::size_t FirstSize() const { return taking_.frames.empty() ? 0 : taking_.frames[0].size; }
 
  private:

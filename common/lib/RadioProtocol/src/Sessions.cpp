@@ -38,7 +38,7 @@ void Call(const std::shared_ptr<const Sessions::NotificationCallback>& callback,
   try {
     (*callback)(kind, std::move(data));
   } catch (const std::exception& error) {
-    ZELT_LOG_AS("Notify", zelt::kLogError, kLogCategoryRadio)
+    ZELT_LOG_AS("Notify", zelt::kLogError, kRadioLogCategory)
         << "Notification " << static_cast<std::uint32_t>(kind) << " failed: " << error.what();
   }
 }
@@ -52,7 +52,7 @@ bool Sessions::Start(const OpenLine& open_line, std::uint32_t link_address,
                      std::uint32_t handshake_timeout) {
   const auto started = TryStart(open_line, link_address, std::chrono::seconds(handshake_timeout));
   if (!started) {
-    ZELT_LOG(zelt::kLogError, kLogCategoryRadio)
+    ZELT_LOG(zelt::kLogError, kRadioLogCategory)
         << "Cannot start the link to the radio: " << started.error();
   }
   return started.has_value();
@@ -82,7 +82,7 @@ std::expected<void, std::string> Sessions::TryStart(const OpenLine& open_line,
   std::expected<std::shared_ptr<Link>, std::string> link;
   try {
     if (auto line = open_line()) {
-      ZELT_LOG_AS("Start", zelt::kLogInfo, kLogCategoryRadio)
+      ZELT_LOG_AS("Start", zelt::kLogInfo, kRadioLogCategory)
           << "Connecting to a radio on " << line->Name();
       link = MakeLink(session, std::move(*line), std::move(settings));
     } else {
@@ -182,11 +182,11 @@ FrameVerdict Sessions::Received(std::uint64_t session, const pel::BaseMessage& h
             Describe(decoded.row->name, decoded.row->opcode) + ": " + decoded.error};
   }
   if (!decoded.note.empty()) {
-    ZELT_LOG(zelt::kLogWarning, kLogCategoryRadio)
+    ZELT_LOG(zelt::kLogWarning, kRadioLogCategory)
         << "Not exactly what the radio sent: " << Describe(decoded.row->name, decoded.row->opcode)
         << ", " << decoded.note;
   }
-  ZELT_LOG(zelt::kLogVerbose, kLogCategoryRadio)
+  ZELT_LOG(zelt::kLogVerbose, kRadioLogCategory)
       << "Received " << Describe(decoded.row->name, decoded.row->opcode) << ", transaction "
       << header.transaction << ", " << payload.size() << " bytes";
   if (kind == pel::FrameKind::Request) {
@@ -237,7 +237,7 @@ SendResult Sessions::Send(const RadioOutgoingMessage& message, std::uint32_t sel
   const auto sent = TrySend(encoded, message, selector);
   if (!sent) {
     counters_.sends_refused.fetch_add(1, std::memory_order_relaxed);
-    ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kLogCategoryRadio)
+    ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kRadioLogCategory)
         << "Not sent to the radio: " << Describe(encoded.row->name, encoded.row->opcode) << ": "
         << sent.error().why;
   }
@@ -281,11 +281,11 @@ std::expected<void, Sessions::Refusal> Sessions::TrySend(const codec::Encoded& e
     return refuse(SendResult::QueueFull, kNoRoom);
   }
   if (!encoded.note.empty()) {
-    ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kLogCategoryRadio)
+    ZELT_LOG_AS("SendToRadio", zelt::kLogWarning, kRadioLogCategory)
         << "Not exactly what was to be sent: " << Describe(encoded.row->name, encoded.row->opcode)
         << ", " << encoded.note;
   }
-  ZELT_LOG_AS("SendToRadio", zelt::kLogVerbose, kLogCategoryRadio)
+  ZELT_LOG_AS("SendToRadio", zelt::kLogVerbose, kRadioLogCategory)
       << "Sent " << Describe(encoded.row->name, encoded.row->opcode) << " to part " << selector
       << ", transaction " << header.transaction << ", " << encoded.payload.size() << " bytes";
   return {};
@@ -295,7 +295,7 @@ std::pair<bool, std::vector<std::uint8_t>> Sessions::Inject(codec::ByteView mess
                                                             const pel::BaseMessage& header) {
   auto answer = TryInject(message, header);
   if (!answer) {
-    ZELT_LOG_AS("InjectQRXMessage", zelt::kLogWarning, kLogCategoryRadio)
+    ZELT_LOG_AS("InjectQRXMessage", zelt::kLogWarning, kRadioLogCategory)
         << "Injected message without success: " << answer.error();
     return {false, {}};
   }

@@ -26,20 +26,20 @@ class Transactions {
   // Requests get no number that `injections` knows; it must outlive this.
   explicit Transactions(const Injections& injections) : injections_(injections) {}
 
-  // A number for a request of the camera, never 0. They go on over the end of a session, so that a
-  // response of the one before is not taken for one of this.
+  // Gives a number for a request of the camera, never 0. The numbers go on from session to session,
+  // so that a late response of the last one is not taken for one of this.
   std::uint16_t Next();
 
-  // The radio asked.
+  // Remembers a request of the radio.
   void Asked(const codec::MessageRow& row, const RadioNotificationData& request,
              std::uint16_t transaction);
 
-  // The number for a message that is about to be sent; 0 for what answers nothing. Nothing when it
-  // answers a file request that is not known.
+  // Gives the number for a message that is about to be sent; 0 for what answers nothing. Gives none
+  // when it answers a file request that is not known.
   std::optional<std::uint16_t> For(const codec::MessageRow& row,
                                    const RadioOutgoingMessage& message);
 
-  // The session ended: no request is open.
+  // Forgets what the radio asked, as the session has ended.
   void Clear();
 
  private:

@@ -27,10 +27,11 @@ std::optional<std::string> BusNameOf(std::string_view service);
 // Returns nothing when `bus_name` makes its owner neither a service nor a tool.
 std::optional<std::string> ServiceNameOf(std::string_view bus_name);
 
-// True for 1 to 255 letters, digits, '_', '-' and '.': fit for a type name or a topic.
+// Tells whether these are 1 to 255 letters, digits, '_', '-' and '.': fit for a type name or a
+// topic.
 bool IsTypeName(std::string_view name);
 
-// True when type (or topic) and payload keep the limits.
+// Tells whether type (or topic) and payload keep the limits.
 bool IsWellFormed(std::string_view type, std::string_view payload);
 
 // Returns why it is not, for a log line or an error; empty when it is.
@@ -50,7 +51,7 @@ class NameMap {
   // first in alphabetical order, which prefers services to tools; one without, by its unique name.
   std::string SenderName(std::string_view connection) const;
 
-  // True when the connection owns a service's or a tool's name.
+  // Tells whether the connection owns a service's or a tool's name.
   bool HasName(std::string_view connection) const;
 
   // False for tools and for those without a name.

@@ -31,7 +31,8 @@ class EventLoop {
   EventLoop& operator=(const EventLoop&) = delete;
   ~EventLoop();
 
-  // For whoever adds sources of its own: before Start(), or on the loop's thread.
+  // Returns sd-event's loop, for whoever adds sources of its own: before Start(), or on the loop's
+  // thread.
   sd_event* Event() const { return event_.get(); }
 
   // Calls `hook` on the loop's thread whenever the loop was woken, behind all posted work. Before

@@ -46,7 +46,7 @@ class Outbox {
   // too many receivers without a name have mail, or the outbox is closed.
   std::expected<bool, CallResult> Put(const std::string& connection, bool has_name, Letter& letter);
 
-  // The same for a broadcast. A change of state is refused by a closed outbox only.
+  // Takes a broadcast in the same way. A change of state is refused by a closed outbox only.
   std::expected<bool, CallResult> Put(Broadcast& broadcast);
 
   // Takes out the oldest item that may go now; nothing when there is none. A letter passes no
@@ -76,7 +76,7 @@ class Outbox {
   // unanswered any more.
   std::vector<Letter> Close();
 
-  // True when nothing waits.
+  // Tells whether nothing waits.
   bool IsEmpty() const;
 
  private:

@@ -50,7 +50,7 @@ class Receivers {
   ReceiverPtr Add(Kind kind, std::string_view name, std::optional<std::vector<std::string>> senders,
                   ServiceIPC::MessageCallback callback);
 
-  // Nobody calls it from now on but who does so already; see Revoke.
+  // Removes it: no new call of it begins. See Revoke for one that is running.
   void Remove(const ReceiverPtr& receiver);
 
   // Ends the callback, as the handle that is closed promises.

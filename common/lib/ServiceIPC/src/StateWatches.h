@@ -29,14 +29,14 @@ class StateWatches {
   void Add(const std::string& bus_name, const Callback& callback);
   void Remove(const Callback& callback);
 
-  // The name has another owner, or none.
+  // Asks the new owner of a name for its state, or tells that there is none.
   void OnOwnerChanged(std::string_view bus_name);
-  // The owner of a connection has told its state.
+  // Tells whoever watches the owner of a connection which state that has told.
   void OnState(std::string_view connection, std::uint32_t state);
-  // A receiver that was given up answers again: what it was to be asked is asked now.
+  // Asks a receiver that answers again for the state that it was not asked while it was given up.
   void OnRevived(std::string_view connection);
 
-  // Nobody is told anything any more.
+  // Forgets the watchers: nobody is told anything any more.
   void Close() { watches_.clear(); }
 
  private:

@@ -31,12 +31,13 @@ class TimerQueue : public std::enable_shared_from_this<TimerQueue> {
     return std::chrono::floor<std::chrono::microseconds>(std::chrono::steady_clock::now());
   }
 
-  // The handle, and whether somebody must wake the loop because this is now the first to run. (A
-  // closed timer leaves the loop armed: it wakes in vain, once, which costs less than disarming.)
+  // Returns the handle, and whether somebody must wake the loop because this is now the first to
+  // run. (A closed timer leaves the loop armed: it wakes in vain, once, which costs less than
+  // disarming.)
   std::pair<AsyncCallbackHandle, bool> Add(std::string_view name, UniqueFunction<void()> callback,
                                            Time now, Seconds interval, bool periodic);
 
-  // When the loop must wake next.
+  // Tells when the loop must wake next.
   std::optional<Time> NextWake() const;
 
   // Runs what is due at `now`. What the callbacks themselves set runs in a later call.

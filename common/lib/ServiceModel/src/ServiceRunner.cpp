@@ -29,7 +29,7 @@ namespace {
 using service_state::State;
 
 constexpr std::chrono::seconds kShutdownDependencyTime{5};
-constexpr std::chrono::seconds kPatience{1};  // with a dependency that does not tell its state
+constexpr std::chrono::seconds kFirstAnswersTime{1};  // for all dependencies to tell their states
 constexpr std::chrono::milliseconds kExitTime{1500};
 
 // Ends the process when what is left of it after DoRun does not: a callback that holds the IPC
@@ -318,9 +318,9 @@ void Runner::WaitForDependencies(gsl::span<const std::string_view> names) {
   const auto is_ready = [](const std::optional<State>& state) { return state == State::Ready; };
   Lock lock(mutex_);
   // The first answers come at once; a line for each of them would only confuse.
-  const auto patience = std::chrono::steady_clock::now() + kPatience;
+  const auto deadline = std::chrono::steady_clock::now() + kFirstAnswersTime;
   for (bool in_time = true; cause_ == Cause::None && !All(dependencies_, is_told) && in_time;) {
-    in_time = changed_.WaitUntil(lock, patience);
+    in_time = changed_.WaitUntil(lock, deadline);
   }
   std::string logged;
   while (cause_ == Cause::None && !All(dependencies_, is_ready)) {

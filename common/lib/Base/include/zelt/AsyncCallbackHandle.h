@@ -14,7 +14,7 @@ namespace zelt {
 // one at a time, but not while holding a lock that the callback takes.
 class AsyncCallbackHandle {
  public:
-  // A closed handle.
+  // Makes a closed handle.
   AsyncCallbackHandle() noexcept = default;
 
   // `close` keeps the promise above; it is called exactly once and must not throw.
@@ -40,7 +40,7 @@ class AsyncCallbackHandle {
     }
   }
 
-  // False once closed or moved from. A one-shot timer that has fired stays open.
+  // Tells whether it is neither closed nor moved from. A one-shot timer that has fired stays open.
   bool IsOpen() const noexcept { return static_cast<bool>(close_); }
 
  private:

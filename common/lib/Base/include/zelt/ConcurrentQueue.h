@@ -21,7 +21,7 @@ struct QueueLoad {
   std::size_t number = 0;
   std::size_t bytes = 0;
 
-  // Whether one more element of `size` bytes keeps within `limit`.
+  // Tells whether one more element of `size` bytes keeps within `limit`.
   bool HasRoom(const QueueLoad& limit, std::size_t size) const {
     return number < limit.number && bytes <= limit.bytes && size <= limit.bytes - bytes;
   }
@@ -54,7 +54,7 @@ class ConcurrentQueue {
     Append(std::move(value), source, bytes, Door::Bounded);
   }
 
-  // The same for what must not be lost, and what is bounded elsewhere.
+  // Appends without regard to the limit: what must not be lost, and what is bounded elsewhere.
   void PushAlways(T value, std::string_view source = {}, std::size_t bytes = 0) {
     Append(std::move(value), source, bytes, Door::Open);
   }
@@ -93,7 +93,7 @@ class ConcurrentQueue {
     return all_.number;
   }
 
-  // What waits of one source.
+  // Returns what waits of one source.
   QueueLoad Waiting(std::string_view source) const {
     const Lock lock(mutex_);
     const auto found = sources_.find(source);

@@ -6,8 +6,8 @@
 
 namespace zelt {
 
-// The size in bytes of a regular file (a link is followed); nothing when it is no regular file or
-// cannot be examined. Never opens the file, so it never blocks on a FIFO. Any thread.
+// Returns the size in bytes of a regular file (a link is followed); nothing when it is no regular
+// file or cannot be examined. Never opens the file, so it never blocks on a FIFO. Any thread.
 std::optional<std::uint64_t> GetFileSize(const std::string& path);
 
 }  // namespace zelt

@@ -8,7 +8,7 @@ namespace zelt {
 // Where the device keeps its files. All are resolved under ZELT_ROOT (default "/"), so that the
 // whole system runs in a temporary folder, several times side by side. Any thread; never fails.
 
-// `absolute` under ZELT_ROOT: "/etc/x" becomes "<ZELT_ROOT>/etc/x".
+// Puts `absolute` under ZELT_ROOT: "/etc/x" becomes "<ZELT_ROOT>/etc/x".
 std::string PathUnderRoot(std::string_view absolute);
 
 std::string VersionInfoFile();                       // /etc/zelt/version

@@ -9,7 +9,7 @@ class TargetAttributesIF {
  public:
   virtual ~TargetAttributesIF() = default;
 
-  // The camera model, e.g. "OTTR"; empty when unknown.
+  // Returns the camera model, e.g. "OTTR"; empty when unknown.
   virtual std::string ModelAsString() const = 0;
 };
 
@@ -17,7 +17,7 @@ class TargetAttributesIF {
 // KiB. One that cannot be read is logged and leaves everything unknown.
 class TargetAttributes : public TargetAttributesIF {
  public:
-  // `required`: throw std::runtime_error instead when the file cannot be read.
+  // Throws std::runtime_error when the file cannot be read and is `required`.
   explicit TargetAttributes(bool required);
 
   std::string ModelAsString() const override;

@@ -9,8 +9,8 @@ namespace zelt {
 // BUILD_NUMBER are read. A regular file of at most 64 KiB.
 class VersionInfo {
  public:
-  // "<VERSION> build <BUILD_NUMBER>", or just the version when there is no build number. A file
-  // that cannot be read or has no VERSION is logged and gives "unknown". Any thread.
+  // Returns "<VERSION> build <BUILD_NUMBER>", or just the version when there is no build number. A
+  // file that cannot be read or has no VERSION is logged and gives "unknown". Any thread.
   static std::string GetVersionAndBuildNumberText(std::string_view path);
 };
 

@@ -88,7 +88,7 @@ class LogClient {
     return level <= highest && (highest != kNotRead || level <= Level());
   }
 
-  // 0 to 8; other values are cut to that range.
+  // Sets 0 to 8; other values are cut to that range.
   static void SetLevel(int level) noexcept;
   static int Level() noexcept;
 
@@ -133,7 +133,7 @@ void FlushLog() noexcept;
 using LogSink = void (*)(void* context, const LogRecord& record);
 void SetLogSink(LogSink sink, void* context);
 
-// The identifier that stands in every line of this process, e.g. "kova"; set once at start.
+// Sets the identifier that stands in every line of this process, e.g. "kova"; once, at start.
 void SetLogIdentifier(std::string_view identifier);
 
 }  // namespace zelt

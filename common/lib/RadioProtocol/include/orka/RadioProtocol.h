@@ -90,14 +90,14 @@ class RadioProtocol {
   // Stops. Not from inside the notification callback: it would wait for itself.
   virtual ~RadioProtocol();
 
-  // Start connecting; the outcome comes as HandshakeCompleted or HandshakeFailed. `linkAddress`
-  // stands in the header of every frame. `handshakeTimeout`, in seconds, covers the connection and
+  // Starts connecting; the outcome comes as HandshakeCompleted or HandshakeFailed. `link_address`
+  // stands in the header of every frame. `handshake_timeout`, in seconds, covers the connection and
   // the handshake. False when it is not stopped, when the settings make no sense, or when the
   // device cannot be opened or does not do one of them; the log says why.
-  virtual bool StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
-                           std::uint32_t handshakeTimeout);
-  virtual bool StartUart(const UartSettings& settings, std::uint32_t linkAddress,
-                         std::uint32_t handshakeTimeout);
+  virtual bool StartSocket(const SocketSettings& settings, std::uint32_t link_address,
+                           std::uint32_t handshake_timeout);
+  virtual bool StartUart(const UartSettings& settings, std::uint32_t link_address,
+                         std::uint32_t handshake_timeout);
 
   // Closes the link. When it has returned, no notification is running and none will come until the
   // next start (called from inside the callback, it returns at once). A second call waits likewise
@@ -112,33 +112,33 @@ class RadioProtocol {
   virtual SendResult SendToRadio(const RadioOutgoingMessage& message,
                                  std::uint32_t radio_send_selector);
 
-  // The same for one chunk of a file. `data` must hold `request.data_size` bytes.
+  // Sends one chunk of a file in the same way. `data` must hold `request.data_size` bytes.
   virtual SendResult SendTransferData(const qrx::TransferDataRequest& request,
                                       std::uint32_t radio_send_selector,
                                       std::unique_ptr<std::vector<std::uint8_t>> data);
 
-  // The largest chunk that the radio takes, in bytes; 0 before the first handshake, and of a radio
-  // that takes no file at all.
+  // Returns the largest chunk that the radio takes, in bytes; 0 before the first handshake, and of
+  // a radio that takes no file at all.
   virtual std::uint16_t GetMaxTransferDataSize();
 
-  // What the next handshake tells the radio.
-  virtual void SetIdentifyAsCamera(bool identifyAsCamera);
-  virtual void SetUseTetheredConnection(bool useTetheredConnection);
+  // Set what the next handshake tells the radio.
+  virtual void SetIdentifyAsCamera(bool identify_as_camera);
+  virtual void SetUseTetheredConnection(bool use_tethered_connection);
 
-  // The record that answers the radio. What is too long for a frame becomes a failure.
+  // Makes the record that answers the radio. What is too long for a frame becomes a failure.
   virtual FileHandleRespWrapper MakeFileHandleResponse(
       const Kova::FileHandleOpenResponse& response);
 
-  // What the radio said at the handshake about the devices attached to it; empty when there is no
-  // link.
+  // Returns what the radio said at the handshake about the devices attached to it; empty when there
+  // is no link.
   virtual qrx::DeviceDescriptors GetDeviceDescriptors();
 
-  // True from the handshake until the link is lost or stopped.
+  // Returns true from the handshake until the link is lost or stopped.
   virtual bool IsRadioConnected();
 
-  // Whom to tell; replaces the earlier callback, which may still be running when this returns:
-  // where that matters, Stop() first. It runs on the radio thread, one call at a time, in the order
-  // in which things happened, and must return soon.
+  // Sets the callback. The previous one may still be running when this returns: where that matters,
+  // Stop() first. The callback runs on the radio thread, one call at a time, in the order in which
+  // things happened, and must return soon.
   void RegisterCallback(NotificationCallback callback);
 
   // Sends a raw radio message (opcode and body) under the given header, and waits at most 2 s for
@@ -151,27 +151,27 @@ class RadioProtocol {
   std::pair<bool, std::vector<std::uint8_t>> InjectQRXMessage(gsl::span<const std::uint8_t> message,
                                                               const pel::BaseMessage& header);
 
-  // Stop reading the line, for a receiver that is behind, and go on with it. What was read before
-  // is still notified, at most 64 KiB. A line that is not read is not taken for a silent radio; its
-  // end is noticed only when something is written, or afterwards. Sending goes on. A link that is
-  // not connected yet is read all the same. A second call of either does nothing, nor does one
-  // without a link; a new link is not held.
+  // Stop reading the line, for a receiver that is behind, and go on reading it. What was read
+  // before is still notified, at most 64 KiB. A line that is not read is not taken for a silent
+  // radio; its end is noticed only when something is written, or afterwards. Sending goes on. A
+  // link that is not connected yet is read all the same. A second call of either does nothing, nor
+  // does one without a link; a new link is not held.
   virtual void HoldReceiving();
   virtual void ContinueReceiving();
 
-  // How many bytes of messages the link takes now; each takes its body and kSendOverhead. Without a
-  // link the largest number: sending has another answer then. More than this is taken, up to two
-  // of the largest messages, so that a message that was admitted by this number is not refused
-  // later for what its sender sent in between without asking. Cheap.
+  // Tells how many bytes of messages the link takes now; each takes its body and kSendOverhead.
+  // Without a link that is the largest number: sending has another answer then. Up to two of the
+  // largest messages more are taken, so that a message that was admitted by this number is not
+  // refused later for what its sender sent in between without asking. Cheap.
   virtual std::size_t GetSendRoom();
 
   LinkCounters GetCounters() const;
 
  protected:
-  // For substitutes in tests: tells the registered callback, on the calling thread.
+  // Tells the registered callback, on the calling thread: for substitutes in tests.
   void Notify(NotifyMessage kind, const RadioNotificationData& data);
 
-  // What InjectQRXMessage does.
+  // Does what InjectQRXMessage promises.
   virtual std::pair<bool, std::vector<std::uint8_t>> DoInject(gsl::span<const std::uint8_t> message,
                                                               const pel::BaseMessage& header);
 

@@ -30,7 +30,7 @@ enum class Result : std::uint8_t {
   ChecksumError = 8,
 };
 
-// "Success", "Busy", ...; a value outside the enumeration is printed as its number.
+// Prints "Success", "Busy", ...; a value outside the enumeration is printed as its number.
 std::ostream& operator<<(std::ostream& stream, Result result);
 
 // Camera to radio: asks for access to a file of the radio.

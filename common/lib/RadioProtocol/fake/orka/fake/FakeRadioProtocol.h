@@ -90,13 +90,13 @@ class FakeRadioProtocol : public RadioProtocol {
     return std::exchange(calls_, {});
   }
 
-  bool StartSocket(const SocketSettings& settings, std::uint32_t linkAddress,
-                   std::uint32_t handshakeTimeout) override {
-    return Record(StartSocketCall{settings, linkAddress, handshakeTimeout}).start;
+  bool StartSocket(const SocketSettings& settings, std::uint32_t link_address,
+                   std::uint32_t handshake_timeout) override {
+    return Record(StartSocketCall{settings, link_address, handshake_timeout}).start;
   }
-  bool StartUart(const UartSettings& settings, std::uint32_t linkAddress,
-                 std::uint32_t handshakeTimeout) override {
-    return Record(StartUartCall{settings, linkAddress, handshakeTimeout}).start;
+  bool StartUart(const UartSettings& settings, std::uint32_t link_address,
+                 std::uint32_t handshake_timeout) override {
+    return Record(StartUartCall{settings, link_address, handshake_timeout}).start;
   }
   void Stop() override { Record(StopCall{}); }
   SendResult SendToRadio(const RadioOutgoingMessage& message,
@@ -111,11 +111,11 @@ class FakeRadioProtocol : public RadioProtocol {
         .transfer;
   }
   std::uint16_t GetMaxTransferDataSize() override { return Current().max_transfer_data_size; }
-  void SetIdentifyAsCamera(bool identifyAsCamera) override {
-    Record(SetIdentifyAsCameraCall{identifyAsCamera});
+  void SetIdentifyAsCamera(bool identify_as_camera) override {
+    Record(SetIdentifyAsCameraCall{identify_as_camera});
   }
-  void SetUseTetheredConnection(bool useTetheredConnection) override {
-    Record(SetUseTetheredConnectionCall{useTetheredConnection});
+  void SetUseTetheredConnection(bool use_tethered_connection) override {
+    Record(SetUseTetheredConnectionCall{use_tethered_connection});
   }
   FileHandleRespWrapper MakeFileHandleResponse(
       const Kova::FileHandleOpenResponse& response) override {

@@ -26,7 +26,7 @@ class ByteWriter {
   }
   void PutBytes(ByteView bytes) { out_.insert(out_.end(), bytes.begin(), bytes.end()); }
 
-  // A 16-bit length, then the bytes. False, and nothing is written, when they are too many.
+  // Writes a 16-bit length, then the bytes. False, and nothing is written, when they are too many.
   bool PutCounted(ByteView bytes) {
     if (bytes.size() > UINT16_MAX) {
       return false;

@@ -18,10 +18,10 @@ struct Encoded {
   std::string note;   // what could not be said exactly; for a warning
 };
 
-// `chunk`: the bytes that travel beside a TransferDataRequest, as many as it says.
+// Encodes; `chunk` travels beside a TransferDataRequest, as many bytes as it says.
 Encoded EncodeToRadio(const RadioOutgoingMessage& message, ByteView chunk = {});
 
-// `data` must hold the alternative of `row`.
+// Encodes `data`, which must hold the alternative of `row`.
 Encoded EncodeFromRadio(const MessageRow& row, const RadioNotificationData& data);
 
 template <class Message>

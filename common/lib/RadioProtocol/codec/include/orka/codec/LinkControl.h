@@ -25,9 +25,9 @@ enum class LinkControl : std::uint16_t {
 inline constexpr std::chrono::milliseconds kKeepAliveAfter{800};       // nothing was sent
 inline constexpr std::chrono::milliseconds kHelloRepeatedAfter{1000};  // while there is no answer
 
-// A side that has heard no good frame for so long is lost: 2.5 s and what the longest frame takes
-// on this line, since nothing else can come while it does. `byte_time` is that of one byte; 0 where
-// nobody knows, as on TCP.
+// Returns after how long without a good frame a side is lost: 2.5 s and what the longest frame
+// takes on this line, since nothing else can come while it does. `byte_time` is that of one byte; 0
+// where nobody knows, as on TCP.
 constexpr std::chrono::nanoseconds LostAfter(std::chrono::nanoseconds byte_time) {
   return std::chrono::milliseconds(2500) +
          byte_time * static_cast<std::int64_t>(kMaxEncodedFrame + 1);
@@ -58,12 +58,12 @@ Bytes Encode(const Hello& hello);
 Bytes Encode(const HelloAnswer& answer);
 Bytes Encode(LinkControl code);  // one without a body
 
-// Which one it is; nothing when the payload is too short, or has a number that is not named here,
-// which may come from a newer peer and is to be ignored.
+// Tells which one it is; nothing when the payload is too short, or has a number that is not named
+// here, which may come from a newer peer and is to be ignored.
 std::optional<LinkControl> LinkControlCode(ByteView payload);
 
-// Nothing when the payload is something else. Bytes after the last field are ignored: a newer peer
-// may say more. Of a peer of another protocol version, only that version is read.
+// Return nothing when the payload is something else. Bytes after the last field are ignored: a
+// newer peer may say more. Of a peer of another protocol version, only that version is read.
 std::optional<Hello> DecodeHello(ByteView payload);
 std::optional<HelloAnswer> DecodeHelloAnswer(ByteView payload);
 

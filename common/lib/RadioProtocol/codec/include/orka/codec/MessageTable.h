@@ -66,7 +66,7 @@ constexpr Body BodyOf() {
   }
 }
 
-// "Kova::RtVersionRequest", "std::string", ...
+// Gives "Kova::RtVersionRequest", "bytes", ...
 template <class T>
 constexpr std::string_view TypeName() {
   if constexpr (std::is_same_v<T, std::string>) {
@@ -241,7 +241,7 @@ inline constexpr auto kMessageTable = std::to_array<MessageRow>({
 });
 // clang-format on
 
-// The row of a frame, or nothing when the opcode is unknown.
+// Returns the row of a frame, or nothing when the opcode is unknown.
 constexpr const MessageRow* FindRow(Direction direction, std::uint16_t opcode,
                                     pel::FrameKind kind) {
   const auto key = [](const MessageRow& row) {
@@ -323,8 +323,8 @@ constexpr bool NotificationsAreComplete() {
   return true;
 }
 
-// 0x0xxx requests, 0x8xxx responses, 0xBxxx broadcasts; below 0x0100 a broadcast has the number of
-// the request, for that is how the radio's oldest messages are subscribed to.
+// Requests are 0x0xxx, responses 0x8xxx, broadcasts 0xBxxx; but below 0x0100 a broadcast has the
+// opcode of the request for the same thing.
 constexpr bool OpcodesFollowTheirKind() {
   return std::ranges::all_of(kMessageTable, [](const MessageRow& row) {
     const unsigned block = row.opcode & 0xF000U;

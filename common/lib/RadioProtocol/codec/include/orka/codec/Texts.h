@@ -23,12 +23,12 @@ struct TextField {
   std::array<std::uint8_t, 3> path;
 };
 
-// The same for every text of a message's body; what is not text stays as it is. `told` is the
+// Does the same to every text of a message's body; what is not text stays as it is. `told` is the
 // number of the first field whose text changed, or 0. False when `body` is no message.
 bool EscapeTexts(std::string_view message, ByteView body, Bytes& out, unsigned& told);
 bool UnescapeTexts(std::string_view message, ByteView body, Bytes& out);
 
-// True when the body may hold escaped bytes, or what looks like them.
+// Tells whether the body may hold escaped bytes, or what looks like them.
 bool MayHoldEscapes(ByteView body);
 
 // Every text of the messages of the link.

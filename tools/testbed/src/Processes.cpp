@@ -23,7 +23,7 @@ using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
 constexpr milliseconds kTick{10};  // between two looks at what no signal tells
-constexpr std::chrono::seconds kPatience{10};
+constexpr std::chrono::seconds kLongestStop{10};
 
 [[noreturn]] void Execute(const Processes::Words& command) {
   std::vector<char*> words;
@@ -131,7 +131,7 @@ bool Processes::WaitFor(const std::function<bool()>& done, std::chrono::seconds 
 }
 
 void Processes::Stop(pid_t pid, int signal) {
-  const auto deadline = steady_clock::now() + kPatience;
+  const auto deadline = steady_clock::now() + kLongestStop;
   if (!Status(pid)) {
     kill(pid, signal);
     kill(pid, SIGCONT);  // also one that was halted
@@ -152,7 +152,7 @@ void Processes::StopAll() {
 }
 
 void Processes::KillOrphans() {
-  const auto deadline = steady_clock::now() + kPatience;
+  const auto deadline = steady_clock::now() + kLongestStop;
   for (bool found = true; found && steady_clock::now() < deadline; Wait(kTick)) {
     Reap();
     found = false;

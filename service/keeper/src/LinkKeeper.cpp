@@ -28,7 +28,7 @@ LinkKeeper::Orders LinkKeeper::OnKova(bool ready) {
   link_.reset();
   awaits_ = Awaits::Nothing;
   attempts_ = 0;
-  own_stop_ = false;
+  own_stops_ = 0;
   own_start_ = false;
   return {};
 }
@@ -83,6 +83,7 @@ LinkKeeper::Orders LinkKeeper::OnTimer() {
       return Try();
     case Awaits::SettledLink:
       attempts_ = 0;
+      own_stops_ = 0;  // a stop that was not taken is over, too
       return {};
     case Awaits::OwnStart:
       own_start_ = false;
@@ -116,15 +117,17 @@ LinkKeeper::Orders LinkKeeper::Look() {
 
 LinkKeeper::Orders LinkKeeper::Try() {
   ++attempts_;
-  own_stop_ = link_ != Kova::DISCONNECTED;
+  const bool stop = link_ != Kova::DISCONNECTED;
+  own_stops_ += stop ? 1 : 0;
   own_start_ = true;
   // Kova publishes nothing of a start that it refuses, be it that the port is not there.
   awaits_ = Awaits::NextTry;
-  return {.stop = own_stop_, .start = true, .timer = Delay()};
+  return {.stop = stop, .start = true, .timer = Delay()};
 }
 
 LinkKeeper::Orders LinkKeeper::Stopped() {
-  if (std::exchange(own_stop_, false)) {
+  if (own_stops_ > 0) {
+    --own_stops_;
     return own_start_ ? Orders() : Look();
   }
   awaits_ = Awaits::Nothing;
@@ -150,7 +153,7 @@ LinkKeeper::Orders LinkKeeper::Started() {
     return {};
   }
   if (was_own) {  // on its way when somebody else stopped the link
-    own_stop_ = true;
+    ++own_stops_;
     return {.stop = true, .start = false, .timer = {}};
   }
   state_ = KeepLinkStatus::ON;

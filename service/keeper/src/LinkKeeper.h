@@ -79,7 +79,8 @@ class LinkKeeper {
   unsigned attempts_ = 0;
   double jitter_ = 0;
   // Own orders that Kova has not published the effect of yet: what else it publishes is of others.
-  bool own_stop_ = false;
+  // A Kova that is slow may have several stops before it.
+  unsigned own_stops_ = 0;
   bool own_start_ = false;
 };
 

@@ -127,6 +127,8 @@ const Case kCases[] = {
      "CONNECTED try",
      "0:start 0.25:stop+start 0.5:stop+start"},
     {"but not when it is held", "up DISCONNECTED try off try 9", "", KeepLinkStatus::OFF},
+    {"takes no stop of its own for another's when Kova is slow",
+     "up CONNECTION_IS_LOST 1 carried HANDSHAKE_FAILED DISCONNECTED", "5:stop+start 6:stop+start"},
     {"does nothing when switched off",
      "off up CONNECTION_IS_LOST DISCONNECTED gone ready told:DISCONNECTED 99", "",
      KeepLinkStatus::OFF},

@@ -345,10 +345,11 @@ std::expected<codec::Bytes, std::string> Sessions::TryInject(codec::ByteView mes
   if (!injections_.Await(lock, header.transaction, *waiting)) {
     return std::unexpected("no answer in time");
   }
-  if (!waiting->answer) {
+  auto answer = std::move(waiting->answer);
+  if (!answer) {
     return std::unexpected("the link ended");
   }
-  return std::move(*waiting->answer);
+  return std::move(*answer);
 }
 
 void Sessions::Hold() {

@@ -106,13 +106,15 @@ TEST_F(Testbed, SeveralAtOnceEachWithALinkThatIsUp) {
 }
 
 TEST_F(Testbed, LogsStayWhenTheCommandFails) {
-  const auto bed = StartShell({}, std::string(kShow) + "; kill -SEGV $KOVA_PID; exit 3");
+  const std::string kill_kova =
+      "; kill -KILL $KOVA_PID; while kill -0 $KOVA_PID 2>/dev/null; do sleep 0.01; done";
+  const auto bed = StartShell({}, kShow + kill_kova + "; exit 3");
   EXPECT_EQ(bed->Wait(), 3);
   const std::string at = bed->WaitForLine("at=");
   const fs::path folder = at.substr(3, at.size() - 4);
   EXPECT_TRUE(bed->Output().contains("sh ended with status 3; the logs are in " + folder.string()))
       << bed->Output();
-  EXPECT_TRUE(bed->Output().contains("kova had ended with status 139")) << bed->Output();
+  EXPECT_TRUE(bed->Output().contains("kova had ended with status 137")) << bed->Output();
   EXPECT_GT(fs::file_size(folder / "kova.log"), 0U);
   EXPECT_EQ(Start({"--", "no-such-program"})->Wait(), 127);
   EXPECT_EQ(StartShell({}, "kill -KILL $$")->Wait(), 128 + SIGKILL);

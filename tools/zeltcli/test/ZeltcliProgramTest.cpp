@@ -12,6 +12,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -38,7 +39,7 @@ class FakeKova {
              selector == 0 ? "{}" : R"({"result":)" + std::to_string(selector) + "}");
     });
     On("Kova.RtVersionMsg", [this](const auto& envelope, const MessageValue& message) {
-      before_telling_(envelope.sender);
+      CallBeforeTelling(envelope.sender);
       if (message.Has("request")) {
         Send(envelope.sender, "Kova.RtVersionMsg",
              R"({"response":{"version":"1.2","build_number":3}})");
@@ -60,7 +61,7 @@ class FakeKova {
     });
     handles_.push_back(ipc_->AddSubscribeHandlerImpl(
         [this](std::string_view subscriber) {
-          before_telling_(std::string(subscriber));
+          CallBeforeTelling(std::string(subscriber));
           Send(std::string(subscriber), "Kova.RTConnectionStatus", Status());
         },
         "Kova.RTConnectionStatus"));
@@ -69,8 +70,9 @@ class FakeKova {
 
   // What the next start leads to.
   void StartsTo(const char* status) { starts_to_ = status; }
-  // Does something before a tool is told the status or the version. Once, before any tool.
+  // Does something before a tool is told the status or the version.
   void BeforeTelling(std::function<void(const std::string& tool)> what) {
+    const std::lock_guard lock(mutex_);
     before_telling_ = std::move(what);
   }
   std::string Bytes(const std::string& type, const std::string& json) const {
@@ -95,6 +97,12 @@ class FakeKova {
               const std::string& json) {
     ipc_->SendResponseImpl(envelope, type, Bytes(type, json));
   }
+  void CallBeforeTelling(const std::string& tool) {
+    std::unique_lock lock(mutex_);
+    const auto what = before_telling_;
+    lock.unlock();
+    what(tool);
+  }
   void Send(const std::string& to, const std::string& type, const std::string& json) {
     ipc_->SendImpl(to, type, Bytes(type, json));
   }
@@ -108,6 +116,7 @@ class FakeKova {
   std::shared_ptr<ServiceIPC> ipc_;
   std::atomic<const char*> status_ = "CONNECTED";
   std::atomic<const char*> starts_to_ = "CONNECTED";
+  std::mutex mutex_;  // of what follows
   std::function<void(const std::string&)> before_telling_ = [](const std::string&) {};
   std::vector<AsyncCallbackHandle> handles_;
 };
